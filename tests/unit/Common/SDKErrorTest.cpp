@@ -61,14 +61,16 @@ TEST(ToSDKError, KeepsSDKErrorsAndWrapsEverythingElse) {
   EXPECT_EQ("disk full", generic->description());
 
   auto odd = std::make_exception_ptr(42);
-  ASSERT_NE(nullptr, errorAs<GenericError>(toSDKError(odd)));
+  auto oddConverted = toSDKError(odd);
+  ASSERT_NE(nullptr, errorAs<GenericError>(oddConverted));
   EXPECT_EQ(nullptr, toSDKError(nullptr));
 }
 
 TEST(AdaptSDKError, RecognisesServerAuthDocumentsInDecodingFailures) {
   auto wrong = makeError(GenericError(
       GenericErrorType::decoding(R"({"type":"Wrong credentials","message":"bad token"})")));
-  const auto* auth = errorAs<AuthError>(adaptSDKError<AuthErrorType>(wrong, ""));
+  auto adapted = adaptSDKError<AuthErrorType>(wrong, "");
+  const auto* auth = errorAs<AuthError>(adapted);
   ASSERT_NE(nullptr, auth);
   EXPECT_EQ(AuthErrorType::wrongCredentials, auth->type());
   EXPECT_EQ("Wrong credentials", rawValue(auth->type()));
@@ -85,7 +87,8 @@ TEST(AdaptSDKError, RecognisesServerAuthDocumentsInDecodingFailures) {
   auto status = makeError(ConnectionError::mapToOvError(401));
   EXPECT_EQ(status, adaptSDKError<AuthErrorType>(status, ""));
   auto foreign = std::make_exception_ptr(std::logic_error("x"));
-  EXPECT_NE(nullptr, errorAs<GenericError>(adaptSDKError<AuthErrorType>(foreign, "")));
+  auto foreignAdapted = adaptSDKError<AuthErrorType>(foreign, "");
+  EXPECT_NE(nullptr, errorAs<GenericError>(foreignAdapted));
 }
 
 TEST(ErrorAs, FindsBaseClassesOnly) {
