@@ -1,0 +1,101 @@
+#include "ServerClient/Common/SDKError.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+namespace kel {
+namespace {
+
+TEST(ConnectionErrorMapping, StatusCodesMapToTheirKindsAndKeepTheCode) {
+  struct Case {
+    int code;
+    ConnectionErrorType type;
+  };
+  for (auto [code, type] :
+       {Case{400, ConnectionErrorType::badRequest}, Case{401, ConnectionErrorType::unauthorized},
+        Case{403, ConnectionErrorType::forbidden}, Case{404, ConnectionErrorType::notFound},
+        Case{408, ConnectionErrorType::timeout}, Case{409, ConnectionErrorType::conflict},
+        Case{402, ConnectionErrorType::clientError}, Case{499, ConnectionErrorType::clientError},
+        Case{500, ConnectionErrorType::serverError}, Case{599, ConnectionErrorType::serverError},
+        Case{0, ConnectionErrorType::unknown}, Case{-7, ConnectionErrorType::unknown},
+        Case{600, ConnectionErrorType::unknown}}) {
+    auto error = ConnectionError::mapToOvError(code);
+    EXPECT_EQ(type, error.type()) << code;
+    EXPECT_EQ(code, error.code());
+  }
+}
+
+TEST(ConnectionErrorMapping, NotFoundIsTheFourthPlainKindAndRawValuesRoundTrip) {
+  // Callers identify "not found" by the ordinal and raw text of its kind.
+  EXPECT_EQ(3, static_cast<int>(ConnectionErrorType::notFound));
+  EXPECT_EQ(0, static_cast<int>(ConnectionErrorType::noSocketClient));
+  for (int i = 0; i <= static_cast<int>(ConnectionErrorType::unknown); ++i) {
+    auto type = static_cast<ConnectionErrorType>(i);
+    EXPECT_EQ(type, connectionErrorTypeFrom(rawValue(type)));
+  }
+  EXPECT_FALSE(connectionErrorTypeFrom("NotFound"));
+}
+
+TEST(GenericErrorType, OrderOfKindsAndPayloads) {
+  EXPECT_EQ(4, static_cast<int>(GenericErrorType::Kind::underlying));
+  EXPECT_EQ(static_cast<int>(GenericErrorType::Kind::underlying) + 2,
+            static_cast<int>(GenericErrorType::Kind::invalidResponse));
+  GenericError error(GenericErrorType::notAllowed("+call-history"));
+  EXPECT_EQ("+call-history", error.type().text());
+  EXPECT_EQ("", error.description());
+  EXPECT_EQ(GenericErrorType::decoding("x"), GenericErrorType::decoding("x"));
+  EXPECT_FALSE(GenericErrorType::decoding("x") == GenericErrorType::encoding("x"));
+}
+
+TEST(ToSDKError, KeepsSDKErrorsAndWrapsEverythingElse) {
+  auto sdk = makeError(ConnectionError(ConnectionErrorType::timeout, -1));
+  EXPECT_EQ(sdk, toSDKError(sdk));
+
+  auto foreign = std::make_exception_ptr(std::runtime_error("disk full"));
+  auto converted = toSDKError(foreign);
+  const auto* generic = errorAs<GenericError>(converted);
+  ASSERT_NE(nullptr, generic);
+  EXPECT_EQ(GenericErrorType::Kind::underlying, generic->type().kind());
+  EXPECT_EQ(foreign, generic->type().underlyingError());
+  EXPECT_EQ("disk full", generic->description());
+
+  auto odd = std::make_exception_ptr(42);
+  ASSERT_NE(nullptr, errorAs<GenericError>(toSDKError(odd)));
+  EXPECT_EQ(nullptr, toSDKError(nullptr));
+}
+
+TEST(AdaptSDKError, RecognisesServerAuthDocumentsInDecodingFailures) {
+  auto wrong = makeError(GenericError(
+      GenericErrorType::decoding(R"({"type":"Wrong credentials","message":"bad token"})")));
+  const auto* auth = errorAs<AuthError>(adaptSDKError<AuthErrorType>(wrong, ""));
+  ASSERT_NE(nullptr, auth);
+  EXPECT_EQ(AuthErrorType::wrongCredentials, auth->type());
+  EXPECT_EQ("Wrong credentials", rawValue(auth->type()));
+  EXPECT_EQ("bad token", auth->description());
+
+  auto withResource = adaptSDKError<AuthErrorType>(wrong, "/login");
+  EXPECT_EQ("/login: bad token", errorAs<AuthError>(withResource)->description());
+
+  // Unknown type texts, non-objects and other kinds stay what they were.
+  for (const char* text : {R"({"type":"wrong credentials"})", "[1]", "not json", ""}) {
+    auto other = makeError(GenericError(GenericErrorType::decoding(text)));
+    EXPECT_EQ(other, adaptSDKError<AuthErrorType>(other, "")) << text;
+  }
+  auto status = makeError(ConnectionError::mapToOvError(401));
+  EXPECT_EQ(status, adaptSDKError<AuthErrorType>(status, ""));
+  auto foreign = std::make_exception_ptr(std::logic_error("x"));
+  EXPECT_NE(nullptr, errorAs<GenericError>(adaptSDKError<AuthErrorType>(foreign, "")));
+}
+
+TEST(ErrorAs, FindsBaseClassesOnly) {
+  auto error = makeError(AuthError(AuthErrorType::sessionExpired));
+  EXPECT_NE(nullptr, errorAs<SDKError>(error));
+  EXPECT_NE(nullptr, errorAs<std::exception>(error));
+  EXPECT_EQ(nullptr, errorAs<ConnectionError>(error));
+  EXPECT_EQ(nullptr, errorAs<SDKError>(nullptr));
+  EXPECT_EQ("AuthError(\"Session expired\")", describeError(error));
+}
+
+}  // namespace
+}  // namespace kel
