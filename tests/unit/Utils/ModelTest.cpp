@@ -89,8 +89,8 @@ TEST_F(ModelTest, MalformedOrNonUtf8DataFails) {
 }
 
 TEST(UnretainedError, IsNotAnSDKErrorSoItTravelsAsUnderlying) {
-  const auto error = std::make_exception_ptr(UnretainedError::failedRetaining());
-  const auto* generic = errorAs<GenericError>(toSDKError(error));
+  const auto converted = toSDKError(std::make_exception_ptr(UnretainedError::failedRetaining()));
+  const auto* generic = errorAs<GenericError>(converted);
   ASSERT_NE(nullptr, generic);
   EXPECT_EQ(GenericErrorType::Kind::underlying, generic->type().kind());
   ASSERT_NE(nullptr, errorAs<UnretainedError>(generic->type().underlyingError()));
