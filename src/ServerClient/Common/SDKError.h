@@ -195,6 +195,10 @@ const E* errorAs(const std::exception_ptr& error) noexcept {
   }
 }
 
+/// Refused: the pointer would dangle as soon as the temporary error is gone.
+template <class E>
+const E* errorAs(std::exception_ptr&& error) noexcept = delete;
+
 /// A readable one-line text of any error, for log lines.
 std::string describeError(const std::exception_ptr& error);
 

@@ -96,7 +96,8 @@ TEST(ErrorAs, FindsBaseClassesOnly) {
   EXPECT_NE(nullptr, errorAs<SDKError>(error));
   EXPECT_NE(nullptr, errorAs<std::exception>(error));
   EXPECT_EQ(nullptr, errorAs<ConnectionError>(error));
-  EXPECT_EQ(nullptr, errorAs<SDKError>(nullptr));
+  std::exception_ptr none;
+  EXPECT_EQ(nullptr, errorAs<SDKError>(none));
   EXPECT_EQ("AuthError(\"Session expired\")", describeError(error));
 }
 
