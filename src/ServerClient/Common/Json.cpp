@@ -38,6 +38,8 @@ bool jsonDepthWithin(std::string_view text, std::size_t maxDepth) noexcept {
 }
 
 std::optional<nlohmann::json> parseJson(std::string_view text, std::size_t maxDepth) noexcept {
+  // nlohmann stops reading at a NUL byte, which would let trailing junk pass unseen.
+  if (text.find('\0') != std::string_view::npos) return std::nullopt;
   if (!jsonDepthWithin(text, maxDepth)) return std::nullopt;
   try {
     auto value = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);

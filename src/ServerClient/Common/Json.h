@@ -19,7 +19,7 @@ namespace kel {
 inline constexpr std::size_t kMaxJsonDepth = 128;
 
 /// Parses `text` as JSON (any top-level value). Nothing when it is not valid JSON, not valid
-/// UTF-8, or nested deeper than `maxDepth`.
+/// UTF-8, holds a NUL byte anywhere, or is nested deeper than `maxDepth`.
 std::optional<nlohmann::json> parseJson(std::string_view text,
                                         std::size_t maxDepth = kMaxJsonDepth) noexcept;
 

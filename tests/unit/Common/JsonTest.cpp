@@ -28,6 +28,7 @@ TEST(ParseJson, RejectsMalformedTextWithoutThrowing) {
     EXPECT_FALSE(parseJson(text)) << text;
   }
   EXPECT_EQ(5, parseJson("5")->get<int>());
+  EXPECT_FALSE(parseJson(std::string_view("{\"a\":1}\0junk", 13)));
 }
 
 TEST(DumpJson, RefusesInvalidUtf8InsteadOfThrowing) {
