@@ -24,7 +24,7 @@ using Path = GroupService::Path;
 
 // A path enumeration at namespace scope declares its table as a plain function.
 enum class LoosePath { only };
-constexpr auto pathTable(LoosePath) {
+[[maybe_unused]] constexpr auto pathTable(LoosePath) {
   return makePathTable<LoosePath>({{LoosePath::only, "/x"}});
 }
 

@@ -15,7 +15,7 @@ namespace kel {
 namespace {
 
 enum class Path { presence, users };
-constexpr auto pathTable(Path) {
+[[maybe_unused]] constexpr auto pathTable(Path) {
   return makePathTable<Path>({{Path::presence, "/presence"}, {Path::users, "/users"}});
 }
 
