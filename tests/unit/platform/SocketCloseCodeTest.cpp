@@ -3,37 +3,29 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
 #include <stdexcept>
+#include <string>
 
 namespace kel::platform {
 namespace {
 
-TEST(SocketCloseCode, ListedCodesHaveTheirWireValuesAndNames) {
-  const auto all = allSocketCloseCodes();
-  ASSERT_EQ(15u, all.size());
-  EXPECT_EQ(SocketCloseCode::invalid, all.front());
-  EXPECT_EQ(SocketCloseCode::goingBackground, all.back());
-  const std::pair<std::uint16_t, const char*> expected[] = {{0, "invalid"},
-                                                            {1000, "normalClosure"},
-                                                            {1001, "goingAway"},
-                                                            {1002, "protocolError"},
-                                                            {1003, "unsupportedData"},
-                                                            {1005, "noStatusReceived"},
-                                                            {1006, "abnormalClosure"},
-                                                            {1007, "invalidFramePayloadData"},
-                                                            {1008, "policyViolation"},
-                                                            {1009, "messageTooBig"},
-                                                            {1010, "mandatoryExtensionMissing"},
-                                                            {1011, "internalServerError"},
-                                                            {1015, "tlsHandshakeFailure"},
-                                                            {4000, "otherExpectedClosure"},
-                                                            {4001, "goingBackground"}};
-  for (std::size_t i = 0; i < all.size(); ++i) {
-    EXPECT_EQ(expected[i].first, wireCode(all[i]));
-    EXPECT_EQ(expected[i].second, name(all[i]));
-    EXPECT_EQ(all[i], socketCloseCodeFrom(expected[i].first));
-    EXPECT_TRUE(isListed(all[i]));
+TEST(SocketCloseCode, ListedCodesRoundTripThroughTheWireAndHaveDistinctNames) {
+  EXPECT_EQ(1000, wireCode(SocketCloseCode::normalClosure));
+  EXPECT_EQ(1006, wireCode(SocketCloseCode::abnormalClosure));
+  EXPECT_EQ(1015, wireCode(SocketCloseCode::tlsHandshakeFailure));
+  EXPECT_EQ(4000, wireCode(SocketCloseCode::otherExpectedClosure));
+  EXPECT_EQ(4001, wireCode(SocketCloseCode::goingBackground));
+  EXPECT_EQ(SocketCloseCode::invalid, allSocketCloseCodes().front());
+  std::set<std::string> names;
+  for (auto code : allSocketCloseCodes()) {
+    EXPECT_EQ(code, socketCloseCodeFrom(wireCode(code)));
+    EXPECT_TRUE(isListed(code));
+    EXPECT_FALSE(name(code).starts_with("closeCode")) << name(code);
+    names.insert(name(code));
   }
+  EXPECT_EQ(15u, names.size());
+  EXPECT_EQ("goingBackground", name(SocketCloseCode::goingBackground));
 }
 
 TEST(SocketCloseCode, UnlistedWireCodesAreKeptExactly) {

@@ -93,13 +93,5 @@ TEST(Pathname, AppendKeepsTheValueVerbatimEvenWithALeadingSlash) {
   EXPECT_EQ("/usersGroup/a b?c", pathValue(Path::groups, {PathRule::append("a b?c")}));
 }
 
-TEST(Pathname, EqualityCoversPathAndRules) {
-  const Pathname<Path> a(Path::groups, {PathRule::append("1")});
-  EXPECT_EQ(a, Pathname<Path>(Path::groups, {PathRule::append("1")}));
-  EXPECT_NE(a, Pathname<Path>(Path::groups, {PathRule::query("/1")}));
-  EXPECT_NE(a, Pathname<Path>(Path::groups));
-  EXPECT_EQ("append", name(PathRule::Operation::append));
-}
-
 }  // namespace
 }  // namespace kel

@@ -92,13 +92,6 @@ TEST(SocketMessage, HostileFramesAreUnknownWithoutThrowing) {
   }
 }
 
-TEST(SocketMessage, DescribesItselfForLogLines) {
-  EXPECT_EQ(R"(response(5, {"id":5}))", describe(SocketMessage::create(R"(3{"id":5})")));
-  EXPECT_EQ(R"(event({"a":1}))", describe(SocketMessage::create(R"(3{"a":1})")));
-  EXPECT_EQ("ping", describe(SocketMessage::ping()));
-  EXPECT_EQ("unknown", describe(SocketMessage::unknown()));
-}
-
 TEST(AuthFrame, IsThePrefixThenTheTokenVerbatim) {
   EXPECT_EQ("AUTH abc.def==", makeAuthFrame("abc.def=="));
   EXPECT_EQ("AUTH ", makeAuthFrame(""));
