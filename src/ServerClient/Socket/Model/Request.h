@@ -1,0 +1,103 @@
+#pragma once
+
+// A request to the server and the text of its frame:
+//
+//   2{
+//     "body": {...},
+//     "id": 1234,
+//     "method": "GET",
+//     "path": "/presence/42"
+//   }
+//
+// that is the digit "2" directly followed by the wire object pretty-printed with two spaces per
+// level. The members come out in key order; the server reads them by name. `timeout` and
+// `headers` stay on this side.
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "ServerClient/Socket/Model/PathRepresentable.h"
+#include "ServerClient/Socket/Model/Pathname.h"
+
+namespace kel {
+
+/// How long the socket client waits for a response unless a request says otherwise.
+inline constexpr std::chrono::seconds kDefaultRequestTimeout{20};
+
+/// Largest request identifier makeRequestID() draws: 2^31 - 2.
+inline constexpr std::int64_t kMaxRequestID = 2147483646;
+
+/// A fresh request identifier, uniform in [0, kMaxRequestID], from the operating system's secure
+/// random source. Not checked against identifiers still pending: with 2^31 values a clash among
+/// a handful of pending requests is negligible.
+std::int64_t makeRequestID();
+
+namespace detail {
+/// The request frame for a wire object, or nothing when it cannot be serialised as JSON text:
+/// a string that is not valid UTF-8, a non-finite number, a binary value or a discarded value
+/// anywhere inside.
+std::optional<std::string> requestFrame(const nlohmann::json& wireObject) noexcept;
+}  // namespace detail
+
+/// A request for one of the server's resources. Build it with designated initialisers; the
+/// identifier and the time-out default to a fresh random identifier and 20 seconds:
+///
+///   Request<nlohmann::json, KelPresencesService::Path> request{
+///       .pathname = {Path::presence, {PathRule::append(userId)}},
+///       .body = nlohmann::json::array(),
+///       .method = "GET",
+///   };
+///
+/// `Body` is any type that nlohmann::json can be built from (the services send JSON objects,
+/// lists and text maps); JsonRequest<Path> names the usual case.
+template <class Body, PathRepresentable Path>
+struct Request {
+  // Every member but pathname has a default initialiser, even where {} changes nothing, so that
+  // designated initialisers leaving them out draw no missing-initialiser warning.
+
+  /// Matches the response to the request. A JSON integer on the wire; the library draws it in
+  /// [0, 2^31 - 2], the type leaves room for any id the server echoes.
+  std::int64_t requestID = makeRequestID();
+  /// How long the socket client waits for the response.
+  std::chrono::seconds timeout = kDefaultRequestTimeout;
+  Pathname<Path> pathname;
+  /// Carried for the caller's use; not transmitted.
+  std::map<std::string, std::string> headers{};
+  std::optional<Body> body{};
+  /// "GET", "POST", "PUT" or "DELETE".
+  std::string method{};
+
+  /// The wire object: "id", "path", "method" and "body" ({} when the request has no body).
+  /// Throws only what converting `Body` to JSON throws.
+  nlohmann::json toDictionary() const {
+    return {
+        {"id", requestID},
+        {"path", pathname.value()},
+        {"method", method},
+        {"body", body ? nlohmann::json(*body) : nlohmann::json::object()},
+    };
+  }
+
+  /// The complete request frame, or nothing when the wire object cannot be serialised or would
+  /// not be valid UTF-8. Never throws.
+  std::optional<std::string> toMessage() const noexcept {
+    try {
+      return detail::requestFrame(toDictionary());
+    } catch (...) {
+      return std::nullopt;
+    }
+  }
+
+  bool operator==(const Request&) const = default;
+};
+
+/// A request whose body is any JSON value.
+template <PathRepresentable Path>
+using JsonRequest = Request<nlohmann::json, Path>;
+
+}  // namespace kel
