@@ -328,9 +328,12 @@ class Completable {
 
 }  // namespace kel::rx
 
-#include "ServerClient/rx/detail/Combine.h"
-#include "ServerClient/rx/detail/Conversion.h"
+// Order matters: each part uses helpers of the ones before it.
+// clang-format off
 #include "ServerClient/rx/detail/Creation.h"
+#include "ServerClient/rx/detail/Transform.h"
+#include "ServerClient/rx/detail/Combine.h"
 #include "ServerClient/rx/detail/ErrorHandling.h"
 #include "ServerClient/rx/detail/Time.h"
-#include "ServerClient/rx/detail/Transform.h"
+#include "ServerClient/rx/detail/Conversion.h"
+// clang-format on
