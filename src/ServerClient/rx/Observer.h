@@ -26,6 +26,10 @@ class ObserverBase {
   virtual void onNext(const T& value) = 0;
   virtual void onError(std::exception_ptr error) = 0;
   virtual void onCompleted() = 0;
+  /// True once nothing more will be accepted (terminated or disposed). Producers that emit in a
+  /// synchronous loop poll it so that a downstream take(n) or dispose() ends the loop even before
+  /// they returned their disposable. Only meaningful on the producer's own thread.
+  virtual bool isStopped() const noexcept { return false; }
 };
 
 template <class T>
@@ -56,6 +60,7 @@ class CallbackObserver final : public ObserverBase<T> {
     release();
     if (handler) handler();
   }
+  bool isStopped() const noexcept override { return stopped_; }
 
  private:
   std::function<void(std::exception_ptr)> release() {
@@ -102,6 +107,8 @@ class Observer {
   void onCompleted() const {
     if (impl_) impl_->onCompleted();
   }
+  /// See ObserverBase::isStopped; an empty observer is stopped.
+  bool isStopped() const noexcept { return !impl_ || impl_->isStopped(); }
   void on(const Event<T>& event) const {
     if (event.isNext()) {
       onNext(event.value());

@@ -261,7 +261,6 @@ TEST(Leaks, PendingWorkOfADestroyedTestSchedulerIsReleased) {
   std::weak_ptr<Captured> weak = token;
   {
     auto scheduler = std::make_shared<TestScheduler>();
-    Observable<int>::never().timeout(1s, scheduler).subscribe([token](const int&) {});
     Observable<int>::just(1).delaySubscription(1s, scheduler).subscribe([token](const int&) {});
     token.reset();
   }

@@ -258,19 +258,6 @@ TEST(Operators, RetryResubscribesTheRightNumberOfTimes) {
   EXPECT_EQ(1, forever.completed);
 }
 
-TEST(Operators, RetryWhenRetriesOnTriggerAndStopsWhenTriggersEnd) {
-  int subscriptions = 0;
-  auto failing = Observable<int>::deferred([&] {
-    ++subscriptions;
-    return Observable<int>::error(testError());
-  });
-  Recorder<int> r;
-  r.subscribe(
-      failing.retryWhen([](Observable<std::exception_ptr> errors) { return errors.take(2); }));
-  EXPECT_EQ(3, subscriptions);
-  EXPECT_EQ(1, r.completed);
-}
-
 TEST(Operators, MaterializeTurnsTerminalEventsIntoElements) {
   Recorder<Event<int>> r;
   auto error = testError();

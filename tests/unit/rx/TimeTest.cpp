@@ -147,6 +147,22 @@ TEST_F(VirtualTime, RetryResubscribesAtEachFailure) {
   EXPECT_TRUE(observer->events().back().value.isError());
 }
 
+TEST_F(VirtualTime, RetryWhenResubscribesOnEachTriggerUntilTheTriggersEnd) {
+  auto source = scheduler->createColdObservable<int>({errorAt<int>(10ms, testError())});
+  auto observer = scheduler->createObserver<int>();
+  source.observable()
+      .retryWhen([this](Observable<std::exception_ptr> errors) {
+        return errors.take(2).flatMap([this](auto) { return timer(100ms, scheduler); });
+      })
+      .subscribe(observer);
+  scheduler->start();
+  EXPECT_EQ((std::vector<SubscriptionRecord>{
+                {at(0ms), at(10ms)}, {at(110ms), at(120ms)}, {at(220ms), at(220ms)}}),
+            source.subscriptions())
+      << "the triggers' completion ends even the attempt it just started";
+  EXPECT_EQ((std::vector<Recorded<Event<int>>>{completedAt<int>(220ms)}), observer->events());
+}
+
 TEST_F(VirtualTime, FlatMapLatestDisposesTheInnerTimer) {
   auto outer = scheduler->createHotObservable<int>(
       {nextAt(100ms, 1), nextAt(150ms, 2), completedAt<int>(500ms)});

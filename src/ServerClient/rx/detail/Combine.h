@@ -299,11 +299,15 @@ class ConcatSink final : public ObserverBase<T>,
     if (!serial_->isDisposed()) down.onCompleted();
     serial_->dispose();
   }
+  bool isStopped() const noexcept override {
+    return stopped_ || serial_->isDisposed() || down_.isStopped();
+  }
 
  private:
   void subscribeNext() {
     if (wip_.fetch_add(1, std::memory_order_acq_rel) != 0) return;
     do {
+      if (down_.isStopped()) serial_->dispose();
       if (serial_->isDisposed()) return;
       if (index_ >= sources_->size()) {
         onCompleted();

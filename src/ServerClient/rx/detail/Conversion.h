@@ -6,9 +6,9 @@ namespace kel::rx {
 namespace detail {
 
 template <class T>
-class AsSingleSink final : public ObserverBase<T>, public SinkBase<T> {
+class AsSingleSink final : public Sink<T, T> {
  public:
-  explicit AsSingleSink(Observer<T> down) : SinkBase<T>(std::move(down)) {}
+  explicit AsSingleSink(Observer<T> down) : Sink<T, T>(std::move(down)) {}
   void onNext(const T& value) override {
     if (!this->live()) return;
     if (value_) return this->forwardError(std::make_exception_ptr(MoreThanOneElementError()));
@@ -28,10 +28,10 @@ class AsSingleSink final : public ObserverBase<T>, public SinkBase<T> {
 };
 
 template <class T>
-class FirstSink final : public ObserverBase<T>, public SinkBase<std::optional<T>> {
+class FirstSink final : public Sink<T, std::optional<T>> {
  public:
   explicit FirstSink(Observer<std::optional<T>> down)
-      : SinkBase<std::optional<T>>(std::move(down)) {}
+      : Sink<T, std::optional<T>>(std::move(down)) {}
   void onNext(const T& value) override {
     if (!this->live()) return;
     this->down_.onNext(std::optional<T>(value));

@@ -41,7 +41,7 @@ class FromSource final : public Source<T> {
     // only needs the control to stop early.
     auto ctl = Disposable::create();
     for (const auto& v : values_) {
-      if (ctl.isDisposed()) return ctl;
+      if (ctl.isDisposed() || observer.isStopped()) return ctl;
       observer.onNext(v);
     }
     observer.onCompleted();
@@ -84,9 +84,17 @@ class CreateSink final : public ObserverBase<T> {
     std::lock_guard lock(mutex_);
     return std::exchange(down_, Observer<T>());
   }
+  bool isStopped() const noexcept override {
+    Observer<T> down;
+    {
+      std::lock_guard lock(mutex_);
+      down = down_;
+    }
+    return ctl_->isDisposed() || down.isStopped();
+  }
 
  private:
-  std::mutex mutex_;
+  mutable std::mutex mutex_;
   Observer<T> down_;
   std::shared_ptr<SingleAssignmentState> ctl_;
 };
@@ -191,6 +199,7 @@ class LambdaObserver final : public ObserverBase<T> {
     }
     ctl_->dispose();
   }
+  bool isStopped() const noexcept override { return stopped_ || ctl_->isDisposed(); }
 
  private:
   void terminate(std::exception_ptr error, bool alreadyDisposed) {

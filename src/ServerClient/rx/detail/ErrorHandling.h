@@ -46,6 +46,11 @@ class CatchSink final : public ObserverBase<T>,
     serial_->dispose();
   }
 
+ public:
+  bool isStopped() const noexcept override {
+    return stopped_ || serial_->isDisposed() || down_.isStopped();
+  }
+
  private:
   void subscribeTo(const Observable<T>& source) {
     auto sad = std::make_shared<SingleAssignmentState>();
@@ -93,11 +98,15 @@ class RetrySink final : public ObserverBase<T>, public std::enable_shared_from_t
     down.onCompleted();
     serial_->dispose();
   }
+  bool isStopped() const noexcept override {
+    return stopped_ || serial_->isDisposed() || down_.isStopped();
+  }
 
  private:
   void resubscribe() {
     if (wip_.fetch_add(1, std::memory_order_acq_rel) != 0) return;
     do {
+      if (down_.isStopped()) serial_->dispose();
       if (serial_->isDisposed()) return;
       ++attempts_;
       auto sad = std::make_shared<SingleAssignmentState>();

@@ -64,6 +64,18 @@ class SinkBase {
   bool stopped_ = false;
 };
 
+/// The usual operator sink: an observer of `In` forwarding `Out`.
+template <class In, class Out>
+class Sink : public ObserverBase<In>, public SinkBase<Out> {
+ public:
+  bool isStopped() const noexcept override {
+    return this->stopped_ || this->ctl_->isDisposed() || this->down_.isStopped();
+  }
+
+ protected:
+  using SinkBase<Out>::SinkBase;
+};
+
 /// Subscribes `sink` (a SinkBase that is also an observer of `In`) to `upstream` and returns the
 /// sink's control as the subscription.
 template <class Sink, class Upstream>

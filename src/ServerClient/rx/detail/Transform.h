@@ -6,9 +6,9 @@ namespace kel::rx {
 namespace detail {
 
 template <class T, class U, class F>
-class MapSink final : public ObserverBase<T>, public SinkBase<U> {
+class MapSink final : public Sink<T, U> {
  public:
-  MapSink(Observer<U> down, const F& f) : SinkBase<U>(std::move(down)), f_(f) {}
+  MapSink(Observer<U> down, const F& f) : Sink<T, U>(std::move(down)), f_(f) {}
   void onNext(const T& value) override {
     if (!this->live()) return;
     try {
@@ -25,9 +25,9 @@ class MapSink final : public ObserverBase<T>, public SinkBase<U> {
 };
 
 template <class T, class U, class F>
-class CompactMapSink final : public ObserverBase<T>, public SinkBase<U> {
+class CompactMapSink final : public Sink<T, U> {
  public:
-  CompactMapSink(Observer<U> down, const F& f) : SinkBase<U>(std::move(down)), f_(f) {}
+  CompactMapSink(Observer<U> down, const F& f) : Sink<T, U>(std::move(down)), f_(f) {}
   void onNext(const T& value) override {
     if (!this->live()) return;
     try {
@@ -44,9 +44,9 @@ class CompactMapSink final : public ObserverBase<T>, public SinkBase<U> {
 };
 
 template <class T, class P>
-class FilterSink final : public ObserverBase<T>, public SinkBase<T> {
+class FilterSink final : public Sink<T, T> {
  public:
-  FilterSink(Observer<T> down, const P& p) : SinkBase<T>(std::move(down)), p_(p) {}
+  FilterSink(Observer<T> down, const P& p) : Sink<T, T>(std::move(down)), p_(p) {}
   void onNext(const T& value) override {
     if (!this->live()) return;
     try {
@@ -63,10 +63,10 @@ class FilterSink final : public ObserverBase<T>, public SinkBase<T> {
 };
 
 template <class T, class Acc, class F>
-class ScanSink final : public ObserverBase<T>, public SinkBase<Acc> {
+class ScanSink final : public Sink<T, Acc> {
  public:
   ScanSink(Observer<Acc> down, Acc seed, const F& f)
-      : SinkBase<Acc>(std::move(down)), acc_(std::move(seed)), f_(f) {}
+      : Sink<T, Acc>(std::move(down)), acc_(std::move(seed)), f_(f) {}
   void onNext(const T& value) override {
     if (!this->live()) return;
     try {
@@ -85,9 +85,9 @@ class ScanSink final : public ObserverBase<T>, public SinkBase<Acc> {
 };
 
 template <class T>
-class TakeSink final : public ObserverBase<T>, public SinkBase<T> {
+class TakeSink final : public Sink<T, T> {
  public:
-  TakeSink(Observer<T> down, std::size_t count) : SinkBase<T>(std::move(down)), left_(count) {}
+  TakeSink(Observer<T> down, std::size_t count) : Sink<T, T>(std::move(down)), left_(count) {}
   void onNext(const T& value) override {
     if (!this->live()) return;
     --left_;
@@ -102,9 +102,9 @@ class TakeSink final : public ObserverBase<T>, public SinkBase<T> {
 };
 
 template <class T>
-class SkipSink final : public ObserverBase<T>, public SinkBase<T> {
+class SkipSink final : public Sink<T, T> {
  public:
-  SkipSink(Observer<T> down, std::size_t count) : SinkBase<T>(std::move(down)), left_(count) {}
+  SkipSink(Observer<T> down, std::size_t count) : Sink<T, T>(std::move(down)), left_(count) {}
   void onNext(const T& value) override {
     if (!this->live()) return;
     if (left_ > 0) {
@@ -121,9 +121,9 @@ class SkipSink final : public ObserverBase<T>, public SinkBase<T> {
 };
 
 template <class T, class P>
-class TakeWhileSink final : public ObserverBase<T>, public SinkBase<T> {
+class TakeWhileSink final : public Sink<T, T> {
  public:
-  TakeWhileSink(Observer<T> down, const P& p) : SinkBase<T>(std::move(down)), p_(p) {}
+  TakeWhileSink(Observer<T> down, const P& p) : Sink<T, T>(std::move(down)), p_(p) {}
   void onNext(const T& value) override {
     if (!this->live()) return;
     bool keep = false;
@@ -146,9 +146,9 @@ class TakeWhileSink final : public ObserverBase<T>, public SinkBase<T> {
 };
 
 template <class T, class Eq>
-class DistinctSink final : public ObserverBase<T>, public SinkBase<T> {
+class DistinctSink final : public Sink<T, T> {
  public:
-  DistinctSink(Observer<T> down, const Eq& eq) : SinkBase<T>(std::move(down)), eq_(eq) {}
+  DistinctSink(Observer<T> down, const Eq& eq) : Sink<T, T>(std::move(down)), eq_(eq) {}
   void onNext(const T& value) override {
     if (!this->live()) return;
     try {
@@ -168,9 +168,9 @@ class DistinctSink final : public ObserverBase<T>, public SinkBase<T> {
 };
 
 template <class T>
-class MaterializeSink final : public ObserverBase<T>, public SinkBase<Event<T>> {
+class MaterializeSink final : public Sink<T, Event<T>> {
  public:
-  explicit MaterializeSink(Observer<Event<T>> down) : SinkBase<Event<T>>(std::move(down)) {}
+  explicit MaterializeSink(Observer<Event<T>> down) : Sink<T, Event<T>>(std::move(down)) {}
   void onNext(const T& value) override {
     if (this->live()) this->down_.onNext(Event<T>::next(value));
   }
@@ -188,9 +188,9 @@ class MaterializeSink final : public ObserverBase<T>, public SinkBase<Event<T>> 
 
 /// Drops elements, keeps the terminal event; changes the element type.
 template <class T, class U>
-class IgnoreElementsSink final : public ObserverBase<T>, public SinkBase<U> {
+class IgnoreElementsSink final : public Sink<T, U> {
  public:
-  explicit IgnoreElementsSink(Observer<U> down) : SinkBase<U>(std::move(down)) {}
+  explicit IgnoreElementsSink(Observer<U> down) : Sink<T, U>(std::move(down)) {}
   void onNext(const T&) override {}
   void onError(std::exception_ptr e) override { this->forwardError(std::move(e)); }
   void onCompleted() override { this->forwardCompleted(); }
@@ -206,10 +206,10 @@ struct DoCallbacks {
 };
 
 template <class T>
-class DoSink final : public ObserverBase<T>, public SinkBase<T> {
+class DoSink final : public Sink<T, T> {
  public:
   DoSink(Observer<T> down, std::shared_ptr<const DoCallbacks<T>> callbacks)
-      : SinkBase<T>(std::move(down)), callbacks_(std::move(callbacks)) {}
+      : Sink<T, T>(std::move(down)), callbacks_(std::move(callbacks)) {}
   void onNext(const T& value) override {
     if (!this->live()) return;
     if (callbacks_->onNext) {
