@@ -169,6 +169,34 @@ TEST(Concurrency, DisposingWhileASubjectEmitsOnASerialQueueIsSafe) {
   EXPECT_GT(rounds, 0);
 }
 
+TEST(Concurrency, MergeNeverCallsItsObserverConcurrently) {
+  std::vector<std::shared_ptr<DispatchQueue>> queues{
+      std::make_shared<DispatchQueue>("test.merge.a"),
+      std::make_shared<DispatchQueue>("test.merge.b")};
+  std::vector<PublishSubject<int>> sources(2);
+  std::atomic<int> inside{0};
+  std::atomic<bool> overlapped{false};
+  int count = 0;  // unsynchronised on purpose: TSan flags it if deliveries overlap
+  Latch done;
+  Observable<int>::merge({sources[0].asObservable(), sources[1].asObservable()})
+      .subscribe(
+          [&](const int&) {
+            if (inside.fetch_add(1) != 0) overlapped = true;
+            ++count;
+            inside.fetch_sub(1);
+          },
+          {}, [&] { done.open(); });
+  for (std::size_t i = 0; i < 2; ++i) {
+    queues[i]->async([source = sources[i]] {
+      for (int n = 0; n < 5000; ++n) source.onNext(n);
+      source.onCompleted();
+    });
+  }
+  ASSERT_TRUE(done.wait());
+  EXPECT_FALSE(overlapped);
+  EXPECT_EQ(10000, count);
+}
+
 TEST(Concurrency, BehaviorSubjectSubscriberJoiningMidStreamSeesAnOrderedTail) {
   auto queue = std::make_shared<DispatchQueue>("test.behavior");
   BehaviorSubject<int> subject(0);
