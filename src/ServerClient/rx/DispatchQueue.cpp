@@ -77,14 +77,16 @@ class Invoker {
   std::shared_ptr<State> state_;
 };
 
-class TimerAction final : public DisposableState, public std::enable_shared_from_this<TimerAction> {
+template <class Executor>
+class TimerAction final : public DisposableState,
+                          public std::enable_shared_from_this<TimerAction<Executor>> {
  public:
-  TimerAction(const boost::asio::any_io_executor& executor, std::function<void()> action)
+  TimerAction(const Executor& executor, std::function<void()> action)
       : action_(std::move(action)), timer_(executor) {}
 
   void start(Duration due) {
     timer_.expires_after(due);
-    timer_.async_wait(Invoker<TimerAction>(shared_from_this()));
+    timer_.async_wait(Invoker<TimerAction>(this->shared_from_this()));
   }
   void run() {
     auto action = take();
@@ -101,7 +103,7 @@ class TimerAction final : public DisposableState, public std::enable_shared_from
     // The timer object belongs to its executor: cancel it there, not concurrently from here.
     try {
       boost::asio::post(timer_.get_executor(),
-                        [self = shared_from_this()] { self->timer_.cancel(); });
+                        [self = this->shared_from_this()] { self->timer_.cancel(); });
     } catch (...) {
       // Posting fails only when the executor is shutting down, which cancels the timer anyway.
     }
@@ -110,16 +112,28 @@ class TimerAction final : public DisposableState, public std::enable_shared_from
  private:
   std::mutex mutex_;
   std::function<void()> action_;
-  boost::asio::steady_timer timer_;
+  boost::asio::basic_waitable_timer<std::chrono::steady_clock,
+                                    boost::asio::wait_traits<std::chrono::steady_clock>, Executor>
+      timer_;
 };
+
+template <class Executor>
+Disposable startTimerOn(const Executor& executor, Duration due, std::function<void()> action) {
+  auto state = std::make_shared<TimerAction<Executor>>(executor, std::move(action));
+  state->start(due.count() > 0 ? due : Duration::zero());
+  return Disposable(std::move(state));
+}
 
 }  // namespace
 
 Disposable startTimer(const boost::asio::any_io_executor& executor, Duration due,
                       std::function<void()> action) {
-  auto state = std::make_shared<TimerAction>(executor, std::move(action));
-  state->start(due.count() > 0 ? due : Duration::zero());
-  return Disposable(std::move(state));
+  return startTimerOn(executor, due, std::move(action));
+}
+
+Disposable startTimer(const boost::asio::strand<boost::asio::thread_pool::executor_type>& executor,
+                      Duration due, std::function<void()> action) {
+  return startTimerOn(executor, due, std::move(action));
 }
 
 Disposable postCancellable(const boost::asio::any_io_executor& executor,

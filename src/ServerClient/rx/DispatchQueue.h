@@ -30,6 +30,9 @@ namespace detail {
 /// action go to the unhandled-error hook.
 Disposable startTimer(const boost::asio::any_io_executor& executor, Duration due,
                       std::function<void()> action);
+/// The same on a strand of the shared pool, without type-erasing the executor.
+Disposable startTimer(const boost::asio::strand<boost::asio::thread_pool::executor_type>& executor,
+                      Duration due, std::function<void()> action);
 /// Posts `action` to `executor`; disposing the result before it ran cancels it and releases it.
 Disposable postCancellable(const boost::asio::any_io_executor& executor,
                            std::function<void()> action);
