@@ -197,6 +197,29 @@ TEST(Concurrency, MergeNeverCallsItsObserverConcurrently) {
   EXPECT_EQ(10000, count);
 }
 
+TEST(Concurrency, AnErrorRacingWithElementsStillReachesTheObserver) {
+  auto busy = std::make_shared<DispatchQueue>("test.race.busy");
+  auto failing = std::make_shared<DispatchQueue>("test.race.failing");
+  for (int round = 0; round < 20; ++round) {
+    PublishSubject<int> elements, errors;
+    Latch terminated;
+    std::atomic<int> terminals{0};
+    auto d = Observable<int>::merge({elements.asObservable(), errors.asObservable()})
+                 .subscribe([](const int&) {},
+                            [&](std::exception_ptr) {
+                              if (terminals.fetch_add(1) == 0) terminated.open();
+                            });
+    busy->async([elements] {
+      for (int n = 0; n < 2000; ++n) elements.onNext(n);
+    });
+    failing->async([errors] { errors.onError(testError()); });
+    ASSERT_TRUE(terminated.wait()) << "round " << round;
+    busy->sync([] {});
+    EXPECT_EQ(1, terminals.load());
+    EXPECT_FALSE(elements.hasObservers());
+  }
+}
+
 TEST(Concurrency, BehaviorSubjectSubscriberJoiningMidStreamSeesAnOrderedTail) {
   auto queue = std::make_shared<DispatchQueue>("test.behavior");
   BehaviorSubject<int> subject(0);

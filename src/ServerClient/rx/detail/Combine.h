@@ -71,13 +71,11 @@ class MergeCore : public std::enable_shared_from_this<MergeCore<U>> {
     std::unique_lock lock(mutex_);
     if (--active_ == 0) {
       emitter_.completed(lock);
-      ctl_->dispose();
     }
   }
   void fail(std::exception_ptr error) {
     std::unique_lock lock(mutex_);
     emitter_.error(lock, std::move(error));
-    ctl_->dispose();
   }
   const std::shared_ptr<CompositeState>& control() const noexcept { return ctl_; }
 
@@ -164,7 +162,6 @@ class SwitchSink final : public ObserverBase<T>,
     outerDone_ = true;
     if (innerActive_) return;
     emitter_.completed(lock);
-    ctl_->dispose();
   }
 
   void innerNext(std::uint64_t id, const U& value) {
@@ -176,7 +173,6 @@ class SwitchSink final : public ObserverBase<T>,
     std::unique_lock lock(mutex_);
     if (id != latest_) return;
     emitter_.error(lock, std::move(error));
-    ctl_->dispose();
   }
   void innerCompleted(std::uint64_t id) {
     std::unique_lock lock(mutex_);
@@ -184,14 +180,12 @@ class SwitchSink final : public ObserverBase<T>,
     innerActive_ = false;
     if (!outerDone_) return;
     emitter_.completed(lock);
-    ctl_->dispose();
   }
 
  private:
   void fail(std::exception_ptr error) {
     std::unique_lock lock(mutex_);
     emitter_.error(lock, std::move(error));
-    ctl_->dispose();
   }
 
   std::mutex mutex_;
@@ -360,7 +354,6 @@ class TakeUntilSink final : public std::enable_shared_from_this<TakeUntilSink<T,
     std::unique_lock lock(mutex_);
     if (side == Side::other) {
       emitter_.completed(lock);
-      ctl_->dispose();
     } else if constexpr (std::is_same_v<T, U>) {
       emitter_.next(lock, value);
     }
@@ -368,13 +361,11 @@ class TakeUntilSink final : public std::enable_shared_from_this<TakeUntilSink<T,
   void innerError(Side, std::exception_ptr error) {
     std::unique_lock lock(mutex_);
     emitter_.error(lock, std::move(error));
-    ctl_->dispose();
   }
   void innerCompleted(Side side) {
     if (side == Side::other) return;  // other ending without an element changes nothing
     std::unique_lock lock(mutex_);
     emitter_.completed(lock);
-    ctl_->dispose();
   }
 
  private:
@@ -440,7 +431,6 @@ class WithLatestFromSink final
     void onCompleted() override {
       std::unique_lock lock(sink->mutex_);
       sink->emitter_.completed(lock);
-      sink->ctl_->dispose();
     }
     std::shared_ptr<WithLatestFromSink> sink;
   };
@@ -448,7 +438,6 @@ class WithLatestFromSink final
   void fail(std::exception_ptr error) {
     std::unique_lock lock(mutex_);
     emitter_.error(lock, std::move(error));
-    ctl_->dispose();
   }
 
   std::mutex mutex_;

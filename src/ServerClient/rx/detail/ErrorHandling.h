@@ -178,7 +178,6 @@ class RetryWhenSink final : public ObserverBase<T>,
     void onError(std::exception_ptr error) override {
       std::unique_lock lock(sink->mutex_);
       sink->emitter_.error(lock, std::move(error));
-      sink->ctl_->dispose();
     }
     void onCompleted() override { sink->complete(); }
     std::shared_ptr<RetryWhenSink> sink;
@@ -187,7 +186,6 @@ class RetryWhenSink final : public ObserverBase<T>,
   void complete() {
     std::unique_lock lock(mutex_);
     emitter_.completed(lock);
-    ctl_->dispose();
   }
   void resubscribe() {
     if (wip_.fetch_add(1, std::memory_order_acq_rel) != 0) return;

@@ -89,12 +89,12 @@ Disposable runSink(const std::shared_ptr<Sink>& sink, const Upstream& upstream) 
 /// downstream: whoever finds the emitter idle delivers, everyone else queues and returns; the
 /// delivering thread drains the queue before going idle. The caller passes the operator's own
 /// (locked) mutex so that state decisions and their place in the output order are taken together.
-/// Every emit call returns with the lock released.
+/// Every emit call returns with the lock released. After delivering the terminal event the emitter
+/// disposes the operator's control.
 template <class T>
 class Emitter {
  public:
-  Emitter(Observer<T> down, const DisposableState* control)
-      : down_(std::move(down)), control_(control) {}
+  Emitter(Observer<T> down, DisposableState* control) : down_(std::move(down)), control_(control) {}
 
   bool done() const noexcept { return done_; }
 
@@ -119,6 +119,7 @@ class Emitter {
   void terminal(std::unique_lock<std::mutex>& lock, Event<T>&& event) {
     if (done_) return lock.unlock();
     done_ = true;
+    if (control_->isDisposed()) return lock.unlock();
     queue_.push_back(std::move(event));
     if (emitting_) return lock.unlock();
     emitting_ = true;
@@ -142,12 +143,15 @@ class Emitter {
       if (!control_->isDisposed()) down_.onNext(event.value());
       return;
     }
+    // The operator disposes its control (and so its inputs) only here, after the terminal event
+    // went out: disposing earlier would make a concurrent drain drop what was queued before it.
     auto down = std::exchange(down_, Observer<T>());
     if (!control_->isDisposed()) down.on(event);
+    control_->dispose();
   }
 
   Observer<T> down_;
-  const DisposableState* control_;
+  DisposableState* control_;
   std::deque<Event<T>> queue_;
   bool emitting_ = false;
   bool done_ = false;

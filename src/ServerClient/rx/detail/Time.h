@@ -45,14 +45,12 @@ class TimeoutSink final : public std::enable_shared_from_this<TimeoutSink<T>> {
     if ((side == Side::source) == switched_) return;
     ++id_;
     emitter_.error(lock, std::move(error));
-    ctl_->dispose();
   }
   void innerCompleted(Side side) {
     std::unique_lock lock(mutex_);
     if ((side == Side::source) == switched_) return;
     ++id_;
     emitter_.completed(lock);
-    ctl_->dispose();
   }
 
  private:
@@ -66,7 +64,6 @@ class TimeoutSink final : public std::enable_shared_from_this<TimeoutSink<T>> {
     switched_ = true;
     if (!other_) {
       emitter_.error(lock, std::make_exception_ptr(TimeoutError()));
-      ctl_->dispose();
       return;
     }
     lock.unlock();
