@@ -214,7 +214,8 @@ TEST(Concurrency, AnErrorRacingWithElementsStillReachesTheObserver) {
     });
     failing->async([errors] { errors.onError(testError()); });
     ASSERT_TRUE(terminated.wait()) << "round " << round;
-    busy->sync([] {});
+    busy->sync([] {});  // whichever queue delivered the error has disposed the merge by now
+    failing->sync([] {});
     EXPECT_EQ(1, terminals.load());
     EXPECT_FALSE(elements.hasObservers());
   }
