@@ -32,8 +32,8 @@ TEST(WithUnretained, MapsWhileTheOwnerLivesAndFailsWithoutCallingTheSelectorOnce
   Outcome<int> alive;
   chain.subscribe([&](int v) { alive.value = v; }, [&](std::exception_ptr e) { alive.error = e; });
   Outcome<int> second;
-  chain.subscribe([&](int v) { orphan.value = v; },
-                  [&](std::exception_ptr e) { orphan.error = e; });
+  chain.subscribe([&](int v) { second.value = v; },
+                  [&](std::exception_ptr e) { second.error = e; });
 
   // The chain itself must not keep the owner alive.
   std::weak_ptr<Owner> weak = owner;
