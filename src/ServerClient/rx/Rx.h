@@ -28,6 +28,6 @@
 #include "ServerClient/rx/Observable.h"
 #include "ServerClient/rx/Observer.h"
 #include "ServerClient/rx/Scheduler.h"
-#include "ServerClient/rx/SerialEmitter.h"
 #include "ServerClient/rx/Schedulers.h"
+#include "ServerClient/rx/SerialEmitter.h"
 #include "ServerClient/rx/Subjects.h"
