@@ -32,7 +32,7 @@ struct Options {
   /// 0 lets the system pick a free port; Urls::port tells which.
   std::uint16_t port = 0;
   /// Plain HTTP and WebSocket when absent; HTTPS and secure WebSocket only when present.
-  std::optional<TlsOptions> tls;
+  std::optional<TlsOptions> tls{};
   /// Path of the advertised socket URL (see kDefaultSocketPath).
   std::string socketPath = std::string(kDefaultSocketPath);
 
@@ -60,7 +60,7 @@ struct Options {
   /// Receives one line per notable event (connections, authentication, closes, refusals, bad
   /// frames); with logFrames also every frame in and out. Called from the network threads, so it
   /// must be thread-safe and quick. Unset: no logging.
-  std::function<void(std::string_view)> log;
+  std::function<void(std::string_view)> log{};
   bool logFrames = false;
 };
 
