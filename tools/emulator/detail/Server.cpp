@@ -79,7 +79,12 @@ Urls Server::start() {
   pingTimer_.emplace(*strand_);
   refusalTimer_.emplace(*strand_);
   endpoint_ = tcp::endpoint(address, options_.port);
-  openListener();  // throws when the address cannot be bound
+  try {
+    openListener();
+  } catch (const boost::system::system_error& e) {
+    throw std::system_error(std::error_code(e.code()), "cannot listen on " + options_.host + ":" +
+                                                           std::to_string(options_.port));
+  }
   endpoint_ = acceptor_->local_endpoint();
 
   const bool secure = options_.tls.has_value();
