@@ -178,7 +178,9 @@ class WebSocketSession final : public WebSocketConnection {
         onFinished(ClosedBy::server, closeCode_, closeReason_);
       } else {
         const auto& reason = ws_.reason();
-        onFinished(ClosedBy::client, static_cast<std::uint16_t>(reason.code),
+        // A close frame without a payload carries no code; Beast reports that as "none" (0).
+        const auto code = static_cast<std::uint16_t>(reason.code);
+        onFinished(ClosedBy::client, code == 0 ? std::nullopt : std::optional<std::uint16_t>(code),
                    std::string(reason.reason.c_str()));
       }
       return;
