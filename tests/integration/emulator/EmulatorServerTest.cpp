@@ -1,0 +1,313 @@
+// The emulator as a server: where it listens, plain HTTP beside the socket, TLS, stopping, and the
+// kel-emulator program.
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <sstream>
+#include <system_error>
+
+#include "integration/emulator/EmulatorTestFixture.h"
+
+extern char** environ;
+
+namespace kel::emulator::test {
+namespace {
+
+using nlohmann::json;
+namespace fs = std::filesystem;
+
+TEST_F(EmulatorTest, StartReportsWhereItListensAndAnAddressServesOneEmulator) {
+  const auto authority = "127.0.0.1:" + std::to_string(urls_.port);
+  EXPECT_NE(0, urls_.port);
+  EXPECT_EQ("http://" + authority, urls_.kelURL);
+  EXPECT_EQ("ws://" + authority + "/kel/websocket", urls_.socketURL);
+  EXPECT_THROW(emulator().start(), std::logic_error);
+
+  Emulator samePort({.port = urls_.port});
+  EXPECT_THROW(samePort.start(), std::system_error);
+  Emulator byName({.host = "localhost"});
+  EXPECT_THROW(byName.start(), std::invalid_argument);
+
+  Emulator v6({.host = "::1", .socketPath = "/socket/v2"});
+  v6.addUser("carol");
+  const auto token = v6.createSession("carol");
+  const auto urls = v6.start();
+  EXPECT_EQ("ws://[::1]:" + std::to_string(urls.port) + "/socket/v2", urls.socketURL);
+  auto client = TestWebSocketClient::connect(urls.socketURL);
+  client->authenticate(token);
+  EXPECT_EQ(200, client->request("GET", "/echo").at("status"));
+}
+
+TEST_F(EmulatorTest, PlainHttpOnTheSamePortGoesToTheHttpRouter) {
+  auto missing = httpRequest(urls_.kelURL, "POST", "/login", "{}");
+  EXPECT_EQ(404, missing.status);
+  EXPECT_EQ((json{{"message", "no resource at /login"}}), json::parse(missing.body));
+
+  emulator().http().route("POST", "/login", [](const HttpRequest& request) {
+    auto body = request.json();
+    auto response = HttpResponse::json(200, {{"token", body ? body->value("token", "") : ""}});
+    response.headers.emplace_back("Set-Cookie", "kelSession=1; Path=/; HttpOnly");
+    return response;
+  });
+  auto signedIn = httpRequest(urls_.kelURL, "POST", "/login", R"({"token": "outside"})");
+  EXPECT_EQ(200, signedIn.status);
+  EXPECT_EQ((json{{"token", "outside"}}), json::parse(signedIn.body));
+  EXPECT_NE(signedIn.headers.end(), std::find(signedIn.headers.begin(), signedIn.headers.end(),
+                                              std::pair<std::string, std::string>(
+                                                  "Set-Cookie", "kelSession=1; Path=/; HttpOnly")));
+  EXPECT_EQ(405, httpRequest(urls_.kelURL, "GET", "/login").status);
+  EXPECT_EQ(3u, emulator().counters().httpRequests);
+}
+
+TEST_F(EmulatorTest, StopClosesSocketsWithGoingAwayAndDropsLaterAnswers) {
+  std::promise<Responder> handed;
+  emulator().resources().routeAsync(
+      "GET", "/later", [&](ResourceRequest, Responder responder) { handed.set_value(responder); });
+  auto client = connectAs(aliceToken_);
+  client->sendRequest("GET", "/later");
+  auto future = handed.get_future();
+  ASSERT_EQ(std::future_status::ready, future.wait_for(kWait));
+  auto responder = future.get();
+
+  // stop() waits for the closing handshake, which needs this thread to read.
+  auto stopping = std::async(std::launch::async, [&] { emulator().stop(); });
+  EXPECT_EQ(1001, client->read().closeCode);
+  stopping.get();
+  EXPECT_FALSE(emulator().isRunning());
+  EXPECT_TRUE(TestWebSocketClient::tryConnect(urls_.socketURL));
+  emulator().stop();
+
+  emulator_.reset();
+  EXPECT_TRUE(responder.respond(Reply::ok())) << "the first answer counts even if it goes nowhere";
+}
+
+/// A directory of its own under the system's temporary directory, removed with everything in it.
+class TemporaryDirectory {
+ public:
+  TemporaryDirectory() {
+    std::string pattern = (fs::temp_directory_path() / "kel-emulator-test-XXXXXX").string();
+    if (::mkdtemp(pattern.data()) == nullptr)
+      throw std::system_error(errno, std::generic_category());
+    path_ = pattern;
+  }
+  ~TemporaryDirectory() {
+    std::error_code ignored;
+    fs::remove_all(path_, ignored);
+  }
+  TemporaryDirectory(const TemporaryDirectory&) = delete;
+  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+
+  const fs::path& path() const { return path_; }
+
+  fs::path write(const std::string& name, const std::string& contents) const {
+    std::ofstream(path_ / name) << contents;
+    return path_ / name;
+  }
+
+  std::string read(const std::string& name) const {
+    std::ifstream in(path_ / name);
+    std::ostringstream contents;
+    contents << in.rdbuf();
+    return contents.str();
+  }
+
+ private:
+  fs::path path_;
+};
+
+/// Certificates for the TLS tests, made once with the openssl program: a CA, and a leaf for
+/// localhost, 127.0.0.1 and ::1 that it signed.
+struct Certificates {
+  std::string caPem;
+  std::string certificatePem;
+  std::string keyPem;
+
+  static const Certificates& shared() {
+    static const Certificates certificates = make();
+    return certificates;
+  }
+
+ private:
+  static Certificates make() {
+    TemporaryDirectory directory;
+    directory.write("openssl.cnf", R"([req]
+distinguished_name = dn
+x509_extensions = ca
+prompt = no
+[dn]
+CN = kel-emulator test CA
+[ca]
+basicConstraints = critical, CA:TRUE
+keyUsage = critical, keyCertSign, cRLSign
+subjectKeyIdentifier = hash
+[leaf]
+basicConstraints = CA:FALSE
+keyUsage = critical, digitalSignature
+extendedKeyUsage = serverAuth
+subjectAltName = DNS:localhost, IP:127.0.0.1, IP:::1
+)");
+    const auto command =
+        "(cd '" + directory.path().string() + "' && " +
+        "openssl req -x509 -config openssl.cnf -newkey ec -pkeyopt ec_paramgen_curve:P-256 "
+        "-nodes -keyout ca.key -out ca.pem -days 2 && "
+        "openssl req -new -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout leaf.key "
+        "-out leaf.csr -subj /CN=localhost && "
+        "openssl x509 -req -in leaf.csr -CA ca.pem -CAkey ca.key -CAcreateserial -out leaf.pem "
+        "-days 2 -extfile openssl.cnf -extensions leaf) >/dev/null 2>&1";
+    if (std::system(command.c_str()) != 0) {
+      throw std::runtime_error("openssl could not make the test certificates");
+    }
+    return Certificates{directory.read("ca.pem"), directory.read("leaf.pem"),
+                        directory.read("leaf.key")};
+  }
+};
+
+TEST_F(EmulatorTest, TlsServesTheSocketAndHttpWithTheGivenCertificate) {
+  const auto& certificates = Certificates::shared();
+  Options options;
+  options.tls = TlsOptions{certificates.certificatePem, certificates.keyPem};
+  start(std::move(options));
+  EXPECT_TRUE(urls_.kelURL.starts_with("https://127.0.0.1:"));
+  EXPECT_TRUE(urls_.socketURL.starts_with("wss://127.0.0.1:"));
+
+  auto client = connect({.caPem = certificates.caPem});
+  client->authenticate(aliceToken_);
+  EXPECT_EQ((json{{"secure", true}}),
+            client->request("POST", "/echo", {{"secure", true}}).at("body"));
+  EXPECT_TRUE(emulator().socket(lastSocket_)->tls);
+  EXPECT_EQ(404, httpRequest(urls_.kelURL, "GET", "/", {}, certificates.caPem).status);
+
+  // A client that does not trust the CA fails the handshake; the emulator serves on.
+  EXPECT_TRUE(TestWebSocketClient::tryConnect(urls_.socketURL));
+  EXPECT_EQ(200, client->request("GET", "/echo").at("status"));
+
+  Emulator broken({.tls = TlsOptions{"not a certificate", "not a key"}});
+  EXPECT_THROW(broken.start(), std::invalid_argument);
+}
+
+// --- The program ---------------------------------------------------------------------------
+
+fs::path programPath() {
+  // Built beside this test program: build/<preset>/tests/.. -> build/<preset>/tools/.
+  return fs::read_symlink("/proc/self/exe").parent_path().parent_path() / "tools" / "kel-emulator";
+}
+
+class Program {
+ public:
+  explicit Program(const std::vector<std::string>& arguments) {
+    int out[2];
+    if (::pipe2(out, O_CLOEXEC) != 0) throw std::system_error(errno, std::generic_category());
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    std::vector<char*> argv;
+    const auto path = programPath().string();
+    argv.push_back(const_cast<char*>(path.c_str()));
+    for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+    const int error = posix_spawn(&pid_, path.c_str(), &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(out[1]);
+    out_ = out[0];
+    if (error != 0) throw std::system_error(error, std::generic_category(), "spawn");
+  }
+
+  ~Program() {
+    if (pid_ > 0) {
+      ::kill(pid_, SIGKILL);
+      ::waitpid(pid_, nullptr, 0);
+    }
+    ::close(out_);
+  }
+
+  /// Everything up to the first line break; empty when none comes within kWait.
+  std::string firstLine() {
+    std::string line;
+    const auto deadline = std::chrono::steady_clock::now() + kWait;
+    char c = 0;
+    while (std::chrono::steady_clock::now() < deadline) {
+      pollfd fd{out_, POLLIN, 0};
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+          deadline - std::chrono::steady_clock::now());
+      if (::poll(&fd, 1, static_cast<int>(std::max<long>(left.count(), 1))) <= 0) break;
+      if (::read(out_, &c, 1) != 1 || c == '\n') return line;
+      line += c;
+    }
+    return {};
+  }
+
+  /// The exit status, waiting at most kWait; nothing when the program has not ended by then.
+  std::optional<int> waitForExit() {
+    const int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0));
+    if (pidfd >= 0) {
+      pollfd fd{pidfd, POLLIN, 0};
+      const int ready = ::poll(&fd, 1, static_cast<int>(kWait.count()));
+      ::close(pidfd);
+      if (ready <= 0) return std::nullopt;
+    }
+    int status = 0;
+    if (::waitpid(pid_, &status, 0) != pid_) return std::nullopt;
+    pid_ = -1;
+    return WIFEXITED(status) ? std::optional<int>(WEXITSTATUS(status)) : std::nullopt;
+  }
+
+  pid_t pid() const { return pid_; }
+
+ private:
+  pid_t pid_ = -1;
+  int out_ = -1;
+};
+
+TEST(EmulatorProgram, PrintsItsUrlsAsTheFirstLineServesUntilSigtermAndExitsZero) {
+  if (!fs::exists(programPath())) GTEST_SKIP() << "kel-emulator is not built at " << programPath();
+  const auto& certificates = Certificates::shared();
+  TemporaryDirectory files;
+  const auto certificateFile = files.write("leaf.pem", certificates.certificatePem);
+  const auto keyFile = files.write("leaf.key", certificates.keyPem);
+  Program program({"--listen", "127.0.0.1:0", "--tls-cert", certificateFile.string(), "--tls-key",
+                   keyFile.string(), "--user", "alice", "--token", "alice-token", "--user", "bob",
+                   "--quiet"});
+  const auto line = program.firstLine();
+  ASSERT_FALSE(line.empty()) << "no first line";
+  const auto startup = json::parse(line);
+  const auto port = std::to_string(startup.at("port").get<int>());
+  EXPECT_EQ("https://127.0.0.1:" + port, startup.at("kelURL"));
+  EXPECT_EQ("wss://127.0.0.1:" + port + "/kel/websocket", startup.at("socketURL"));
+  EXPECT_EQ(true, startup.at("tls"));
+  ASSERT_EQ(2u, startup.at("users").size());
+  EXPECT_EQ("alice-token", startup.at("users")[0].at("token"));
+  const auto bobToken = startup.at("users")[1].at("token").get<std::string>();
+
+  auto client = TestWebSocketClient::connect(startup.at("socketURL").get<std::string>(),
+                                             {.caPem = certificates.caPem});
+  EXPECT_NE(std::string::npos, client->authenticate(bobToken).data.find("kapiId"));
+  EXPECT_EQ(200, client->request("GET", "/echo").at("status"));
+
+  ::kill(program.pid(), SIGTERM);
+  EXPECT_EQ(1001, client->read().closeCode);
+  EXPECT_EQ(0, program.waitForExit());
+}
+
+TEST(EmulatorProgram, HelpDescribesTheFlagsAndBadArgumentsFail) {
+  if (!fs::exists(programPath())) GTEST_SKIP() << "kel-emulator is not built at " << programPath();
+  Program help({"--help"});
+  EXPECT_NE(std::string::npos, help.firstLine().find("Usage:"));
+  EXPECT_EQ(0, help.waitForExit());
+  Program bad({"--listen", "nowhere"});
+  EXPECT_EQ(2, bad.waitForExit());
+}
+
+}  // namespace
+}  // namespace kel::emulator::test

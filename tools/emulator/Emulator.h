@@ -1,0 +1,176 @@
+#pragma once
+
+// A Kel server for development and tests: the WebSocket protocol and plain HTTP on one port,
+// plain or TLS, with in-memory users and sessions, pluggable resources, pushed events, pings and
+// fault injection.
+//
+//   Emulator emulator;
+//   emulator.addUser("alice");
+//   auto token = emulator.createSession("alice");
+//   auto urls = emulator.start();                    // urls.socketURL: ws://127.0.0.1:PORT/...
+//   ... a client connects to urls.socketURL and sends "AUTH " + token ...
+//   emulator.waitForSocket([](const SocketInfo& s) { return s.authenticated; }, 5s);
+//   emulator.pushEvent(Recipients::user("alice"), "/presence/alice", "PUT", {{"status", "away"}});
+//
+// The socket, as the emulator serves it:
+//  - The upgrade is accepted on any path. The first sub-protocol that the client offers is echoed
+//    back; the upgrade's cookies are recorded (SocketInfo::cookies).
+//  - "AUTH " + token: a known, unexpired session binds the socket to its user and is acknowledged
+//    with {"kapiId": <id>}. Any other token closes the socket with
+//    Options::invalidTokenCloseCode (4401 unless changed), reason "invalid session token". A
+//    later "AUTH " frame re-authenticates, with the same outcomes.
+//  - Requests are answered through the resource router (resources()). A request on a socket that
+//    has not authenticated, or whose session has expired or ended since, is answered 401 with
+//    {"message": "not authenticated"} and reaches no handler.
+//  - Frames that are not "AUTH " or valid requests are counted (SocketInfo::malformedFrames) and
+//    ignored; the socket stays open. WebSocket pongs are counted.
+//  - Pings ("0") every Options::pingPeriod, to every open socket.
+//  - Plain HTTP requests on the same port go to the HTTP router (http()), 404 for now.
+//
+// Threads: the network runs on Options::threads threads of the emulator's own; each connection
+// is served on one strand, so a request is read, routed and answered without changing thread.
+// Every public member may be called from any thread, also from handlers.
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "emulator/Fault.h"
+#include "emulator/Frames.h"
+#include "emulator/HttpRouter.h"
+#include "emulator/Observation.h"
+#include "emulator/Options.h"
+#include "emulator/ResourceRouter.h"
+#include "emulator/SessionStore.h"
+
+namespace kel::emulator {
+
+namespace detail {
+class Server;
+}
+
+/// How the emulator turns connections away while it refuses them.
+enum class RefusalMode {
+  /// Accept at the TCP level and reset at once: the client's connection attempt fails, and each
+  /// attempt is counted (Counters::connectionsRefused), which lets a test wait for retries.
+  reset,
+  /// Close the listening socket: the client's attempts are refused by the system, uncounted.
+  closeListener,
+};
+
+class Emulator {
+ public:
+  explicit Emulator(Options options = {});
+  /// Stops.
+  ~Emulator();
+
+  Emulator(const Emulator&) = delete;
+  Emulator& operator=(const Emulator&) = delete;
+
+  // --- Lifecycle ----------------------------------------------------------------------------
+
+  /// Binds, starts the network threads and returns where the emulator listens. Throws
+  /// std::system_error when the address cannot be bound, std::invalid_argument for a host that
+  /// is not an IP literal or TLS material that does not load, std::logic_error when called twice
+  /// (an emulator serves once; make a new one on the same port to "restart").
+  Urls start();
+  /// Closes every socket (close frame 1001, "server stopping"; sockets that have not completed
+  /// the closing handshake within a second are reset), stops listening and joins the threads.
+  /// Idempotent. Handlers' late answers are dropped from then on.
+  void stop();
+  bool isRunning() const;
+  /// The URLs returned by start(); empty before.
+  Urls urls() const;
+  const Options& options() const;
+
+  // --- Accounts -----------------------------------------------------------------------------
+
+  SessionStore& sessionStore();
+  void addUser(std::string id, nlohmann::json profile = nlohmann::json::object());
+  /// A new session of a known user; returns its token. Lifetime: Options::sessionLifetime.
+  /// Throws std::invalid_argument for an unknown user.
+  std::string createSession(std::string_view userId,
+                            std::optional<std::chrono::seconds> lifetime = std::nullopt);
+  std::optional<Session> session(std::string_view token) const;
+  /// The session can no longer authenticate a socket; sockets already bound to it stay open, but
+  /// their requests are answered 401. False for an unknown token.
+  bool expireSession(std::string_view token);
+  /// Forgets the session and closes the sockets authenticated with it with `closeCode` (normal
+  /// closure: the client reads it as the server having closed the session). False for an
+  /// unknown token.
+  bool endSession(std::string_view token, std::uint16_t closeCode = 1000);
+
+  // --- Resources ----------------------------------------------------------------------------
+
+  /// The socket's resources; the echo resource (Options::echoPath) is there from the start.
+  ResourceRouter& resources();
+  /// Plain HTTP on the same port.
+  HttpRouter& http();
+
+  // --- Server to client ---------------------------------------------------------------------
+  // Each returns how many sockets the frame was queued for.
+
+  std::size_t pushEvent(const Recipients& to, std::string_view path, std::string_view method,
+                        const nlohmann::json& body);
+  std::size_t sendPing(const Recipients& to);
+  std::size_t sendText(const Recipients& to, std::string text);
+  std::size_t sendBinary(const Recipients& to, std::string bytes);
+  std::size_t sendMalformed(const Recipients& to, Malformed kind,
+                            std::size_t hugeFrameBytes = kDefaultHugeFrameBytes);
+
+  // --- Faults -------------------------------------------------------------------------------
+
+  /// Close frames with the code (after the frames already queued) / TCP resets without a close
+  /// frame (at once). Return how many sockets were affected.
+  std::size_t closeSockets(const Recipients& which, std::uint16_t code, std::string reason = {});
+  std::size_t dropSockets(const Recipients& which);
+
+  /// Arms `fault` for the next `count` requests that match `filter`. Armed faults are checked in
+  /// the order they were armed; the first that matches a request takes it.
+  void faultNextRequests(std::size_t count, Fault fault, RequestFilter filter = {});
+  /// Arms `fault` for every request that matches `filter` until clearFaults(); with
+  /// filter.socket, that is "every request of this socket".
+  void faultAllRequests(Fault fault, RequestFilter filter = {});
+  void clearFaults();
+  /// Armed faults not yet used up.
+  std::size_t armedFaults() const;
+
+  /// Turns new connections away, for `duration` or until acceptConnections(). Open sockets are
+  /// not affected (drop them with dropSockets to make a client reconnect).
+  void refuseConnections(std::optional<std::chrono::milliseconds> duration = std::nullopt,
+                         RefusalMode mode = RefusalMode::reset);
+  void acceptConnections();
+  bool isRefusingConnections() const;
+
+  // --- Observation --------------------------------------------------------------------------
+
+  /// Open sockets and the most recently closed ones (up to 1,000), by id.
+  std::vector<SocketInfo> sockets() const;
+  std::optional<SocketInfo> socket(SocketId id) const;
+  /// Frames received (oldest first, up to Options::frameLogLimit), from every socket or one.
+  std::vector<ReceivedFrame> receivedFrames() const;
+  std::vector<ReceivedFrame> receivedFrames(SocketId id) const;
+  void clearReceivedFrames();
+  Counters counters() const;
+
+  /// Waits until `condition` holds, re-checking it whenever the emulator's state changes (a
+  /// connection, a frame, an authentication, a close, a refusal ending...). `condition` runs on
+  /// the calling thread without any lock held, so it may call any member. False on time-out.
+  bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) const;
+  /// The first socket (lowest id) for which `predicate` holds, waiting for one up to `timeout`.
+  std::optional<SocketInfo> waitForSocket(const std::function<bool(const SocketInfo&)>& predicate,
+                                          std::chrono::milliseconds timeout) const;
+
+ private:
+  std::unique_ptr<detail::Server> server_;
+};
+
+}  // namespace kel::emulator

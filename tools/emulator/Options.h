@@ -1,0 +1,76 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace kel::emulator {
+
+/// Close code with which the emulator ends a socket whose "AUTH " frame carries a token that it
+/// does not know, or whose session has expired. A private-use code, so that a client (and a person
+/// reading its log) can tell a refused token from a network failure or a protocol error; it reads
+/// like HTTP's 401.
+inline constexpr std::uint16_t kInvalidTokenCloseCode = 4401;
+
+/// Default path of the WebSocket URL that the emulator advertises. The upgrade is accepted on any
+/// path; the client offers the URL's last path component ("websocket") as its one sub-protocol.
+inline constexpr std::string_view kDefaultSocketPath = "/kel/websocket";
+
+/// Serve TLS with this certificate chain (leaf first) and private key, both PEM text.
+struct TlsOptions {
+  std::string certificateChainPem;
+  std::string privateKeyPem;
+};
+
+struct Options {
+  /// IP literal to listen on: "127.0.0.1", "::1", or "0.0.0.0" for every interface.
+  std::string host = "127.0.0.1";
+  /// 0 lets the system pick a free port; Urls::port tells which.
+  std::uint16_t port = 0;
+  /// Plain HTTP and WebSocket when absent; HTTPS and secure WebSocket only when present.
+  std::optional<TlsOptions> tls{};
+  /// Path of the advertised socket URL (see kDefaultSocketPath).
+  std::string socketPath = std::string(kDefaultSocketPath);
+
+  /// The ping frame "0" goes to every open socket at this period; zero turns pings off.
+  std::chrono::milliseconds pingPeriod{0};
+  /// Lifetime of a session created without an explicit one.
+  std::chrono::seconds sessionLifetime{std::chrono::hours(1)};
+  /// See kInvalidTokenCloseCode.
+  std::uint16_t invalidTokenCloseCode = kInvalidTokenCloseCode;
+
+  /// Path at which the built-in echo resource answers every method with the request's body at
+  /// once; empty to leave it out.
+  std::string echoPath = "/echo";
+
+  /// Threads running the network; one is plenty for loopback tests.
+  std::size_t threads = 1;
+  /// Largest message accepted from a client; a bigger one ends its socket with 1009.
+  std::size_t maxMessageBytes = 64 * 1024 * 1024;
+  /// Keep a copy of every frame that clients send, for Emulator::receivedFrames(). Benchmarks
+  /// turn it off to keep the frame path free of copies.
+  bool recordFrames = true;
+  /// How many received frames are kept; older ones are forgotten first.
+  std::size_t frameLogLimit = 10'000;
+
+  /// Receives one line per notable event (connections, authentication, closes, refusals, bad
+  /// frames); with logFrames also every frame in and out. Called from the network threads, so it
+  /// must be thread-safe and quick. Unset: no logging.
+  std::function<void(std::string_view)> log{};
+  bool logFrames = false;
+};
+
+/// Where a started emulator can be reached.
+struct Urls {
+  /// Base URL of the HTTP resources, "http://127.0.0.1:PORT" (https with TLS), no trailing slash.
+  std::string kelURL;
+  /// URL of the WebSocket, "ws://127.0.0.1:PORT/kel/websocket" (wss with TLS).
+  std::string socketURL;
+  std::uint16_t port = 0;
+};
+
+}  // namespace kel::emulator
