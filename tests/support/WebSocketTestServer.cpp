@@ -298,6 +298,9 @@ class SessionOver final : public Session {
       deaf = state_->stopReading;
     }
     if (deaf) return server_.stalled.push_back(shared_from_this());  // kept open, unread
+    // Once this side's close frame is out, Beast's close operation reads the answer itself; a
+    // read started now could deadlock with it.
+    if (closing_) return;
     read();
   }
 

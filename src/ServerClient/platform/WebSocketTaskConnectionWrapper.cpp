@@ -647,6 +647,10 @@ class ConnectionOver final : public Connection {
     std::string payload = std::exchange(incoming_, std::string());
     // Once the client has asked to close, what still arrives is read only to reach the close.
     if (phase_ == Phase::open) core_->received(this, std::move(payload), stream_.got_text());
+    // Once the close frame is out, Beast's close operation reads up to the peer's answer by
+    // itself. A read started now could take that answer from Beast's buffer while the close
+    // operation holds the write side, and the two would wait for each other for ever.
+    if (closingHandshakeStarted_) return;
     read();
   }
 
