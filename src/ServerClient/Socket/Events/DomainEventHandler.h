@@ -1,0 +1,56 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "ServerClient/Common/Decoding.h"
+#include "ServerClient/Socket/Events/DomainEvent.h"
+#include "ServerClient/Socket/Events/KelEvent.h"
+#include "ServerClient/Socket/Events/KelEventHandler.h"
+#include "ServerClient/rx/Observable.h"
+#include "ServerClient/rx/Scheduler.h"
+
+namespace kel {
+
+/// What every domain's event handler shares: it keeps the shared KelEventHandler and builds its
+/// streams, once, at construction, from the events of its domain and of one method each.
+///
+/// Streams are subscribed to the event channel on the handler's scheduler (the application's
+/// main thread unless a test injects another) and deliver there too, so an application can touch
+/// its user interface from a subscriber. Every subscriber goes through the same chain; all of
+/// them end when the channel is completed. A record that does not decode ends that stream, for
+/// that subscriber, with the decoding error.
+class DomainEventHandler {
+ public:
+  virtual ~DomainEventHandler() = default;
+
+  const std::shared_ptr<KelEventHandler>& kelEventHandler() const noexcept {
+    return kelEventHandler_;
+  }
+
+ protected:
+  /// `scheduler` null means the main-thread scheduler.
+  explicit DomainEventHandler(std::shared_ptr<KelEventHandler> kelEventHandler,
+                              rx::SchedulerPtr scheduler = nullptr);
+
+  /// The events of `domain` whose method is `method` (upper case, e.g. "PUT").
+  rx::Observable<KelEvent> events(DomainEvent domain, std::string method) const;
+
+  /// Those events' bodies decoded as `Record`.
+  template <class Record>
+  rx::Observable<Record> records(DomainEvent domain, std::string method) const {
+    return events(domain, std::move(method)).map([](const KelEvent& event) {
+      return from<Record>(event.data);
+    });
+  }
+
+  /// The identifiers those events' paths carry; events without one are skipped.
+  rx::Observable<std::string> params(DomainEvent domain, std::string method) const;
+
+ private:
+  std::shared_ptr<KelEventHandler> kelEventHandler_;
+  rx::SchedulerPtr scheduler_;
+};
+
+}  // namespace kel

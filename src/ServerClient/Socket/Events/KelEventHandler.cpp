@@ -1,0 +1,66 @@
+#include "ServerClient/Socket/Events/KelEventHandler.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "ServerClient/Client/ServerLog.h"
+#include "ServerClient/Common/Json.h"
+
+namespace kel {
+
+namespace {
+
+std::string textForm(const nlohmann::json& value) {
+  return dumpJson(value).value_or("<JSON with invalid UTF-8>");
+}
+
+std::string upperCased(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) {
+    return static_cast<char>(c >= 'a' && c <= 'z' ? c - ('a' - 'A') : c);
+  });
+  return text;
+}
+
+}  // namespace
+
+void KelEventHandler::handle(const nlohmann::json& event) {
+  try {
+    publish(event);
+  } catch (const std::exception&) {
+    KEL_LOG_ERROR("Could not decode json " + textForm(event));
+  }
+}
+
+void KelEventHandler::stopListeningForEvents() {
+  eventChannel_.onCompleted();
+}
+
+void KelEventHandler::publish(const nlohmann::json& event) {
+  const nlohmann::json* path = nullptr;
+  const nlohmann::json* method = nullptr;
+  const nlohmann::json* body = nullptr;
+  if (event.is_object()) {
+    auto find = [&event](const char* key) -> const nlohmann::json* {
+      auto it = event.find(key);
+      return it == event.end() ? nullptr : &*it;
+    };
+    path = find("path");
+    method = find("method");
+    body = find("body");
+  }
+  if (!path || !path->is_string() || !method || !method->is_string() || !body) {
+    KEL_LOG_ERROR("Invalid event received: " + textForm(event));
+    return;
+  }
+  auto [domain, param] = domainAndParamFor(path->get_ref<const std::string&>());
+  // Domain handlers decode records from a JSON document, so only objects and lists go through.
+  if (!body->is_object() && !body->is_array()) {
+    throw std::invalid_argument("event body is not a JSON object or list");
+  }
+  auto data = dumpJson(*body, 2);
+  if (!data) throw std::invalid_argument("event body holds invalid UTF-8");
+  eventChannel_.onNext(
+      KelEvent{std::move(*data), domain, upperCased(method->get<std::string>()), std::move(param)});
+}
+
+}  // namespace kel

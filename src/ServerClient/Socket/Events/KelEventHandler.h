@@ -1,0 +1,33 @@
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include "ServerClient/Socket/Events/KelEvent.h"
+#include "ServerClient/Socket/Events/ServerEventHandler.h"
+#include "ServerClient/rx/Observable.h"
+#include "ServerClient/rx/Subjects.h"
+
+namespace kel {
+
+/// Checks each server event's envelope, works out its domain and identifier, and publishes one
+/// KelEvent per event on the one channel that every domain event handler filters.
+///
+/// An event without a text "path", a text "method" and a "body" is logged and dropped; so is one
+/// whose body is not a JSON object or list. An event for an unknown path is still published, as
+/// `unkwown`. Once stopListeningForEvents() has completed the channel it stays completed.
+class KelEventHandler final : public ServerEventHandler {
+ public:
+  KelEventHandler() = default;
+
+  void handle(const nlohmann::json& event) override;
+  void stopListeningForEvents() override;
+
+  rx::Observable<KelEvent> eventChannel() const { return eventChannel_.asObservable(); }
+
+ private:
+  void publish(const nlohmann::json& event);
+
+  rx::PublishSubject<KelEvent> eventChannel_;
+};
+
+}  // namespace kel

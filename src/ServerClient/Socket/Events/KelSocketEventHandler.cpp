@@ -1,0 +1,117 @@
+#include "ServerClient/Socket/Events/KelSocketEventHandler.h"
+
+#include "ServerClient/Client/ServerLog.h"
+#include "ServerClient/Common/Json.h"
+#include "ServerClient/Common/SDKError.h"
+
+namespace kel {
+
+using platform::SocketCloseCode;
+
+std::shared_ptr<KelSocketEventHandler> KelSocketEventHandler::create(
+    std::shared_ptr<platform::Socket> socket) {
+  std::shared_ptr<KelSocketEventHandler> handler(new KelSocketEventHandler(std::move(socket)));
+  handler->socket_->setDelegate(handler);
+  return handler;
+}
+
+KelSocketEventHandler::KelSocketEventHandler(std::shared_ptr<platform::Socket> socket)
+    : socket_(std::move(socket)) {}
+
+StopByUser KelSocketEventHandler::stopByUser() const {
+  std::lock_guard lock(mutex_);
+  return stopByUser_;
+}
+
+void KelSocketEventHandler::setStopByUser(StopByUser stopByUser) {
+  std::lock_guard lock(mutex_);
+  stopByUser_ = std::move(stopByUser);
+}
+
+rx::Observable<SocketState> KelSocketEventHandler::stateEventPublisher() const {
+  return stateEventPublisher_.asObservable();
+}
+
+rx::Observable<SocketMessage> KelSocketEventHandler::messageEventPublisher() const {
+  return messageEventPublisher_.asObservable();
+}
+
+void KelSocketEventHandler::publish(SocketState state) {
+  emitter_.run([this, state = std::move(state)] { stateEventPublisher_.onNext(state); });
+}
+
+void KelSocketEventHandler::publish(SocketMessage message) {
+  emitter_.run([this, message = std::move(message)] { messageEventPublisher_.onNext(message); });
+}
+
+void KelSocketEventHandler::disconnect(SocketCloseCode reason) {
+  socketDidDisconnect(reason);
+}
+
+void KelSocketEventHandler::socketDidConnect() {
+  KEL_LOG_DEBUG("Socket connected");
+  // Asked outside the lock: the function reads the socket client's own state.
+  if (auto stopByUser = this->stopByUser()) {
+    if (auto state = stopByUser(); state.isStopped) {
+      socket_->disconnect(state.reason);
+      return;
+    }
+  }
+  publish(SocketState::connected());
+}
+
+void KelSocketEventHandler::socketDidDisconnect(SocketCloseCode closeCode) {
+  switch (closeCode) {
+    case SocketCloseCode::goingBackground:
+      KEL_LOG_DEBUG("Socket going background");
+      publish(SocketState::disconnected(SocketStateDisconnectedReason::background));
+      return;
+    case SocketCloseCode::normalClosure:
+    case SocketCloseCode::otherExpectedClosure:
+      KEL_LOG_DEBUG("Socket disconnected");
+      publish(SocketState::disconnected(SocketStateDisconnectedReason::expectedClose));
+      return;
+    default:
+      KEL_LOG_DEBUG("Socket disconnected with lost connection");
+      publish(SocketState::disconnected(SocketStateDisconnectedReason::lostConnection));
+      return;
+  }
+}
+
+void KelSocketEventHandler::socketDidReceiveError(std::exception_ptr error) {
+  // The disconnect callback that follows a transport error drives the state.
+  KEL_LOG_ERROR("KelSocket: Error " + describeError(error));
+}
+
+void KelSocketEventHandler::socketDidReceiveMessage(std::string text) {
+  auto message = SocketMessage::create(text);
+  switch (message.kind()) {
+    case SocketMessage::Kind::response:
+      publish(std::move(message));
+      return;
+    case SocketMessage::Kind::event:
+      KEL_LOG_DEBUG("Event received " +
+                    dumpJson(message.asEvent()->json).value_or("<unprintable>"));
+      publish(std::move(message));
+      return;
+    case SocketMessage::Kind::auth:
+      KEL_LOG_DEBUG("Socket authenticated");
+      publish(SocketState::authenticated());
+      return;
+    case SocketMessage::Kind::ping:
+      KEL_LOG_VERBOSE("Ping received");
+      socket_->sendPong();
+      return;
+    case SocketMessage::Kind::unknown:
+      KEL_LOG_DEBUG("Unknown message received: " + text);
+      return;
+  }
+}
+
+void KelSocketEventHandler::socketDidReceiveData(std::string bytes) {
+  // The protocol carries nothing in binary frames.
+  KEL_LOG_DEBUG("Message received " +
+                (isValidUtf8(bytes) ? "Optional(\"" + bytes + "\")" : std::string("nil")));
+}
+
+}  // namespace kel

@@ -1,0 +1,31 @@
+#pragma once
+
+#include "ServerClient/rx/Disposable.h"
+
+#include <chrono>
+#include <functional>
+#include <memory>
+
+namespace kel::rx {
+
+using Duration = std::chrono::nanoseconds;
+using TimePoint = std::chrono::steady_clock::time_point;
+
+/// Where and when work runs. Time-based operators take their scheduler by injection so that tests
+/// can run them in virtual time.
+class Scheduler {
+ public:
+  virtual ~Scheduler() = default;
+
+  virtual TimePoint now() const = 0;
+  /// Runs `action` soon, never inline in the caller. Disposing the result before it ran cancels it
+  /// and releases the action.
+  virtual Disposable schedule(std::function<void()> action) = 0;
+  /// Runs `action` once `due` has elapsed (a non-positive `due` behaves like schedule()). Disposing
+  /// the result cancels the timer and releases the action.
+  virtual Disposable scheduleAfter(Duration due, std::function<void()> action) = 0;
+};
+
+using SchedulerPtr = std::shared_ptr<Scheduler>;
+
+}  // namespace kel::rx

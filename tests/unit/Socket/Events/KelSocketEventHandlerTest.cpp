@@ -1,0 +1,146 @@
+#include "ServerClient/Socket/Events/KelSocketEventHandler.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <stdexcept>
+#include <thread>
+
+#include "ServerClient/platform/InMemorySocket.h"
+#include "support/LogCapture.h"
+
+namespace kel {
+namespace {
+
+using platform::InMemorySocket;
+using platform::SocketCloseCode;
+using Reason = SocketStateDisconnectedReason;
+
+class KelSocketEventHandlerTest : public ::testing::Test {
+ protected:
+  KelSocketEventHandlerTest()
+      : socket_(std::make_shared<InMemorySocket>(boost::urls::url("wss://kel.test/ws/kel"))),
+        handler_(KelSocketEventHandler::create(socket_)) {
+    handler_->stateEventPublisher().subscribe(
+        [this](const SocketState& s) { states_.push_back(s); });
+    handler_->messageEventPublisher().subscribe(
+        [this](const SocketMessage& m) { messages_.push_back(m); });
+  }
+
+  SocketState lastState() const { return states_.back(); }
+
+  std::shared_ptr<InMemorySocket> socket_;
+  std::shared_ptr<KelSocketEventHandler> handler_;
+  std::vector<SocketState> states_;
+  std::vector<SocketMessage> messages_;
+};
+
+TEST_F(KelSocketEventHandlerTest, WalksFromNewThroughConnectedToAuthenticated) {
+  ASSERT_EQ(1u, states_.size());
+  EXPECT_EQ(SocketState::newSocket(), states_[0]);
+  socket_->connect();
+  EXPECT_EQ(SocketState::connected(), lastState());
+  socket_->receiveMessage(R"({"kapiId":"k-1"})");
+  EXPECT_EQ(SocketState::authenticated(), lastState());
+  EXPECT_TRUE(messages_.empty());
+
+  // A late subscriber first sees the current state.
+  std::vector<SocketState> late;
+  handler_->stateEventPublisher().subscribe([&](const SocketState& s) { late.push_back(s); });
+  EXPECT_EQ(std::vector{SocketState::authenticated()}, late);
+}
+
+TEST_F(KelSocketEventHandlerTest, CloseCodesMapToDisconnectReasons) {
+  struct Case {
+    SocketCloseCode code;
+    Reason reason;
+  };
+  for (auto [code, reason] : {Case{SocketCloseCode::goingBackground, Reason::background},
+                              Case{SocketCloseCode::normalClosure, Reason::expectedClose},
+                              Case{SocketCloseCode::otherExpectedClosure, Reason::expectedClose},
+                              Case{SocketCloseCode::abnormalClosure, Reason::lostConnection},
+                              Case{SocketCloseCode::goingAway, Reason::lostConnection},
+                              Case{SocketCloseCode::invalid, Reason::lostConnection},
+                              Case{platform::socketCloseCodeFrom(4321), Reason::lostConnection}}) {
+    socket_->connect();
+    socket_->close(code);
+    EXPECT_EQ(SocketState::disconnected(reason), lastState()) << platform::name(code);
+    // The handler's own disconnect behaves exactly like the socket's report.
+    handler_->disconnect(code);
+    EXPECT_EQ(SocketState::disconnected(reason), lastState());
+  }
+}
+
+TEST_F(KelSocketEventHandlerTest, PingsArePongedAndOnlyResponsesAndEventsArePublished) {
+  auto log = testing::LogCapture();
+  socket_->connect();
+  socket_->receiveMessage("0");
+  socket_->receiveMessage("0 anything");
+  EXPECT_EQ(2u, socket_->pongCount());
+
+  socket_->receiveMessage(R"(3{"id":7,"status":200,"body":{}})");
+  socket_->receiveMessage(R"(3{"path":"/presence","method":"PUT","body":{}})");
+  socket_->receiveMessage("3not json");
+  socket_->receiveMessage("");
+  socket_->receiveData("\x01\x02");
+  socket_->receiveError(std::make_exception_ptr(std::runtime_error("broken pipe")));
+
+  ASSERT_EQ(2u, messages_.size());
+  EXPECT_EQ(SocketMessage::Kind::response, messages_[0].kind());
+  EXPECT_EQ(7, messages_[0].asResponse()->id);
+  EXPECT_EQ(SocketMessage::Kind::event, messages_[1].kind());
+  // Errors and junk leave the state alone.
+  EXPECT_EQ(SocketState::connected(), lastState());
+
+  EXPECT_EQ(2u, log.count("]: Ping received"));
+  EXPECT_TRUE(log.contains("]: Event received "));
+  EXPECT_TRUE(log.contains("]: Unknown message received: 3not json"));
+  EXPECT_TRUE(log.contains("]: KelSocket: Error broken pipe"));
+  EXPECT_TRUE(log.contains("]: Message received Optional(\"\x01\x02\")"));
+  EXPECT_TRUE(log.contains("SDKLog - KEL - [KelSocketEventHandler]:["));
+}
+
+TEST_F(KelSocketEventHandlerTest, StoppedByUserClosesAnOpeningSocketWithoutPublishingConnected) {
+  handler_->setStopByUser([] { return StopByUserState{true, SocketCloseCode::goingBackground}; });
+  socket_->connect();
+  EXPECT_EQ(std::vector{SocketCloseCode::goingBackground}, socket_->disconnectCodes());
+  for (const auto& state : states_) EXPECT_NE(SocketState::connected(), state);
+
+  handler_->setStopByUser([] { return StopByUserState{false, SocketCloseCode::invalid}; });
+  socket_->connect();
+  EXPECT_EQ(SocketState::connected(), lastState());
+}
+
+TEST(KelSocketEventHandlerConcurrency, ACloseRacingAUserDisconnectPublishesOneAtATime) {
+  for (int round = 0; round < 50; ++round) {
+    auto socket = std::make_shared<InMemorySocket>(boost::urls::url("ws://127.0.0.1:1/kel"));
+    auto handler = KelSocketEventHandler::create(socket);
+    std::atomic<int> inside{0};
+    std::atomic<bool> overlapped{false};
+    std::atomic<int> states{0};
+    handler->stateEventPublisher().subscribe([&](const SocketState&) {
+      if (inside.fetch_add(1) != 0) overlapped = true;
+      states.fetch_add(1);
+      inside.fetch_sub(1);
+    });
+    socket->connect();
+    std::thread network([&] {
+      for (int i = 0; i < 20; ++i) socket->receiveMessage(R"({"kapiId":"k"})");
+      socket->close(SocketCloseCode::abnormalClosure);
+    });
+    for (int i = 0; i < 20; ++i) handler->disconnect(SocketCloseCode::normalClosure);
+    network.join();
+    EXPECT_FALSE(overlapped);
+    EXPECT_EQ(1 + 1 + 20 + 1 + 20, states.load());  // new, connected, acks, close, disconnects
+  }
+}
+
+TEST(KelSocketEventHandlerLifetime, SocketHoldsItsDelegateWeakly) {
+  auto socket = std::make_shared<InMemorySocket>(boost::urls::url("ws://127.0.0.1:1/kel"));
+  std::weak_ptr<KelSocketEventHandler> weak = KelSocketEventHandler::create(socket);
+  EXPECT_TRUE(weak.expired());
+  socket->connect();  // a callback with nobody to receive it is dropped
+}
+
+}  // namespace
+}  // namespace kel
