@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "ServerClient/rx/Observable.h"
+#include "ServerClient/rx/SerialEmitter.h"
 #include "ServerClient/rx/Subjects.h"
 
 namespace kel::platform {
@@ -26,7 +27,9 @@ class OvNetworkManager {
 };
 
 /// A network manager whose status the owner sets: for tests, and for applications whose
-/// platform reports reachability through its own channels.
+/// platform reports reachability through its own channels. setStatus() may be called from any
+/// thread; the values reach subscribers one at a time in the order of the calls (a call made
+/// while another is being delivered is delivered right after it, by the delivering thread).
 class InMemoryNetworkManager final : public OvNetworkManager {
  public:
   explicit InMemoryNetworkManager(OvNetworkStatus initial = OvNetworkStatus::reachable)
@@ -35,10 +38,14 @@ class InMemoryNetworkManager final : public OvNetworkManager {
   rx::Observable<OvNetworkStatus> networkStatusStream() const override {
     return status_.asObservable();
   }
-  void setStatus(OvNetworkStatus status) const { status_.accept(status); }
+  void setStatus(OvNetworkStatus status) const {
+    emitter_.run([this, status] { status_.accept(status); });
+  }
   OvNetworkStatus status() const { return status_.value(); }
 
  private:
+  // Relays expect their emissions serialised; the owner may set the status from any thread.
+  mutable rx::SerialEmitter emitter_;
   rx::BehaviorRelay<OvNetworkStatus> status_;
 };
 

@@ -1,0 +1,89 @@
+#pragma once
+
+// A WebSocketConnectionDelegate that records every call, for tests of sockets and of what sits
+// on them. Tests wait on the recorded calls themselves, never on time:
+//
+//   auto delegate = std::make_shared<RecordingSocketDelegate>();
+//   socket->setDelegate(delegate);
+//   socket->connect();
+//   ASSERT_TRUE(delegate->waitForConnect());
+//   EXPECT_EQ(SocketCloseCode::normalClosure, delegate->waitForDisconnect());
+//
+// It also checks the promises of Socket.h that a test cannot see from outside: that calls never
+// overlap and that nothing follows a socketDidDisconnect until the next socketDidConnect.
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <exception>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ServerClient/platform/SocketCloseCode.h"
+#include "ServerClient/platform/WebSocketConnectionDelegate.h"
+#include "support/WebSocketTestServer.h"
+
+namespace kel::test {
+
+class RecordingSocketDelegate final : public platform::WebSocketConnectionDelegate {
+ public:
+  enum class Kind { connected, disconnected, error, message, data };
+
+  struct Event {
+    Kind kind = Kind::connected;
+    platform::SocketCloseCode code = platform::SocketCloseCode::invalid;  // disconnected
+    std::string text;  // message, data; the error's what() for error
+    std::exception_ptr error;
+    std::thread::id thread;
+  };
+
+  void socketDidConnect() override;
+  void socketDidDisconnect(platform::SocketCloseCode closeCode) override;
+  void socketDidReceiveError(std::exception_ptr error) override;
+  void socketDidReceiveMessage(std::string text) override;
+  void socketDidReceiveData(std::string bytes) override;
+
+  /// Runs on the calling thread after each call has been recorded, e.g. to act from inside a
+  /// callback.
+  void setHook(std::function<void(const Event&)> hook);
+
+  std::vector<Event> events() const;
+  std::size_t count(Kind kind) const;
+  /// The texts of socketDidReceiveMessage, in order.
+  std::vector<std::string> messages() const;
+  /// The what() of every error received, in order.
+  std::vector<std::string> errors() const;
+  /// The codes of every socketDidDisconnect, in order.
+  std::vector<platform::SocketCloseCode> disconnects() const;
+
+  /// Waits until `count` calls of `kind` have been made.
+  bool waitFor(Kind kind, std::size_t count = 1,
+               std::chrono::milliseconds timeout = kDefaultWait) const;
+  bool waitForConnect(std::size_t count = 1) const { return waitFor(Kind::connected, count); }
+  /// The code of the `count`-th socketDidDisconnect once it has come; none after `timeout`.
+  std::optional<platform::SocketCloseCode> waitForDisconnect(
+      std::size_t count = 1, std::chrono::milliseconds timeout = kDefaultWait) const;
+
+  /// A description of what broke the promises of Socket.h, empty when nothing did.
+  std::string contractViolations() const;
+
+ private:
+  void record(Event event);
+
+  mutable std::mutex mutex_;  // guards the members below
+  mutable std::condition_variable changed_;
+  std::vector<Event> events_;
+  std::size_t counts_[5] = {};
+  std::function<void(const Event&)> hook_;
+  bool inCall_ = false;
+  bool open_ = false;
+  std::string violations_;
+};
+
+const char* name(RecordingSocketDelegate::Kind kind) noexcept;
+
+}  // namespace kel::test

@@ -1,0 +1,69 @@
+#pragma once
+
+// Throwaway certificates for TLS tests, made in memory with OpenSSL at first use: a certificate
+// authority and leaf certificates with P-256 keys.
+//
+//   const auto& certs = kel::test::TestCertificates::shared();
+//   WebSocketTestServer server({.tls = certs.localhost()});
+//   options.extraCertificateAuthoritiesPem = certs.caCertificatePem();
+//
+// Every leaf names localhost, 127.0.0.1 and ::1 (subject alternative names) except wrongHost(),
+// and is valid from an hour ago for 30 days except expired(). Nothing here is trusted by the
+// system, so a client trusts these only when told to.
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace kel::test {
+
+/// A certificate and its private key, both PEM.
+struct CertifiedKey {
+  std::string certificatePem;
+  std::string privateKeyPem;
+};
+
+class TestCertificates {
+ public:
+  /// One set for the whole test program, made thread-safely on first use.
+  static const TestCertificates& shared();
+
+  /// A fresh set, with a new authority. Throws std::runtime_error if OpenSSL fails.
+  TestCertificates();
+
+  /// The authority that signs the leaves below (except selfSigned()).
+  const std::string& caCertificatePem() const noexcept { return ca_.certificatePem; }
+  /// Signed by the authority; for localhost, 127.0.0.1 and ::1.
+  const CertifiedKey& localhost() const noexcept { return localhost_; }
+  /// Signed by the authority; names only "wrong-host.invalid".
+  const CertifiedKey& wrongHost() const noexcept { return wrongHost_; }
+  /// Signed by the authority for localhost, 127.0.0.1 and ::1, but expired yesterday.
+  const CertifiedKey& expired() const noexcept { return expired_; }
+  /// For localhost, 127.0.0.1 and ::1, signed by its own key: trusted by nobody.
+  const CertifiedKey& selfSigned() const noexcept { return selfSigned_; }
+
+ private:
+  CertifiedKey ca_;
+  CertifiedKey localhost_;
+  CertifiedKey wrongHost_;
+  CertifiedKey expired_;
+  CertifiedKey selfSigned_;
+};
+
+/// A file with the given contents in the system's temporary directory, removed on destruction.
+class TemporaryFile {
+ public:
+  explicit TemporaryFile(std::string_view contents, std::string_view suffix = ".pem");
+  ~TemporaryFile();
+  TemporaryFile(TemporaryFile&& other) noexcept;
+  TemporaryFile& operator=(TemporaryFile&& other) noexcept;
+  TemporaryFile(const TemporaryFile&) = delete;
+  TemporaryFile& operator=(const TemporaryFile&) = delete;
+
+  const std::filesystem::path& path() const noexcept { return path_; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+}  // namespace kel::test

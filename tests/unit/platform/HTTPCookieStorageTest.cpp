@@ -1,0 +1,245 @@
+#include "ServerClient/platform/HTTPCookieStorage.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <boost/url/parse.hpp>
+#include <boost/url/url.hpp>
+
+namespace kel::platform {
+namespace {
+
+using namespace std::chrono_literals;
+using std::chrono::sys_days;
+using std::chrono::system_clock;
+
+boost::urls::url url(std::string_view text) {
+  return boost::urls::parse_uri(text).value();
+}
+
+// Cookie header value for `text`, as the socket upgrade would send it.
+std::string cookieHeader(const HTTPCookieStorage& storage, std::string_view text) {
+  const auto fields = HTTPCookieStorage::requestHeaderFields(storage.cookies(url(text)));
+  if (fields.empty()) return "";
+  EXPECT_EQ(1u, fields.size());
+  EXPECT_EQ("Cookie", fields.front().first);
+  return fields.front().second;
+}
+
+class HTTPCookieStorageTest : public testing::Test {
+ protected:
+  system_clock::time_point now_ = sys_days{std::chrono::year{2024} / 3 / 1};
+  HTTPCookieStorage storage_{[this] { return now_; }};
+};
+
+TEST_F(HTTPCookieStorageTest, SignInCookiesGoWithTheSocketUpgradeToTheSameHost) {
+  // The sign-in answer over https sets the session cookies...
+  EXPECT_TRUE(storage_.setCookie("JSESSIONID=abc123; Path=/; Secure; HttpOnly",
+                                 url("https://kel.example.com/api/login")));
+  EXPECT_TRUE(storage_.setCookie("lb=node-7", url("https://kel.example.com/login")));
+  // ...and the socket finds them for its wss URL, HttpOnly included, in one header field.
+  EXPECT_EQ("JSESSIONID=abc123; lb=node-7", cookieHeader(storage_, "wss://kel.example.com/ws"));
+  EXPECT_EQ("JSESSIONID=abc123; lb=node-7",
+            cookieHeader(storage_, "https://kel.example.com:8443/x"));
+  // Secure cookies never travel in clear text; the others do.
+  EXPECT_EQ("lb=node-7", cookieHeader(storage_, "ws://kel.example.com/ws"));
+  EXPECT_EQ("lb=node-7", cookieHeader(storage_, "http://KEL.Example.com/"));
+  // Host-only cookies stay with their host.
+  EXPECT_EQ("", cookieHeader(storage_, "wss://eu.kel.example.com/ws"));
+  EXPECT_EQ("", cookieHeader(storage_, "wss://example.com/ws"));
+  EXPECT_EQ("", cookieHeader(storage_, "wss://otherkel.example.com/ws"));
+  // Other schemes take no part.
+  EXPECT_EQ("", cookieHeader(storage_, "ftp://kel.example.com/"));
+  EXPECT_FALSE(storage_.setCookie("a=1", url("file:///tmp/x")));
+}
+
+TEST_F(HTTPCookieStorageTest, DomainCookiesReachSubdomainsOnlyWhenTheHostMaySetThem) {
+  const auto login = url("https://login.kel.example.com/login");
+  EXPECT_TRUE(storage_.setCookie("wide=1; Domain=.Kel.Example.COM", login));
+  EXPECT_TRUE(storage_.setCookie("own=2; Domain=login.kel.example.com", login));
+  EXPECT_FALSE(storage_.setCookie("sibling=3; Domain=chat.kel.example.com", login));
+  EXPECT_FALSE(storage_.setCookie("suffix=4; Domain=ample.com", login));
+  EXPECT_FALSE(storage_.setCookie("tld=5; Domain=com", login));
+  EXPECT_EQ("wide=1", cookieHeader(storage_, "wss://chat.kel.example.com/ws"));
+  EXPECT_EQ("wide=1", cookieHeader(storage_, "wss://kel.example.com/ws"));
+  EXPECT_EQ("wide=1; own=2", cookieHeader(storage_, "wss://login.kel.example.com/ws"));
+  EXPECT_EQ("wide=1; own=2", cookieHeader(storage_, "wss://a.login.kel.example.com/ws"));
+  EXPECT_EQ("", cookieHeader(storage_, "wss://example.com/ws"));
+
+  // A dotless name is usable only by the host of that name, and then only for itself.
+  EXPECT_TRUE(storage_.setCookie("dev=1; Domain=localhost", url("http://localhost:8080/login")));
+  EXPECT_EQ("dev=1", cookieHeader(storage_, "ws://localhost:9000/ws"));
+  EXPECT_EQ("", cookieHeader(storage_, "ws://a.localhost/ws"));
+}
+
+TEST_F(HTTPCookieStorageTest, AddressHostsMatchOnlyThemselves) {
+  EXPECT_TRUE(storage_.setCookie("v4=1", url("http://127.0.0.1:8080/login")));
+  EXPECT_TRUE(storage_.setCookie("v6=1", url("http://[::1]:8080/login")));
+  EXPECT_TRUE(storage_.setCookie("same=1; Domain=127.0.0.1", url("http://127.0.0.1/login")));
+  EXPECT_FALSE(storage_.setCookie("up=1; Domain=0.0.1", url("http://127.0.0.1/login")));
+  EXPECT_EQ("v4=1; same=1", cookieHeader(storage_, "ws://127.0.0.1:9000/ws"));
+  EXPECT_EQ("v6=1", cookieHeader(storage_, "ws://[::1]:9000/ws"));
+  EXPECT_EQ("", cookieHeader(storage_, "ws://10.127.0.0.1/ws"));
+}
+
+TEST_F(HTTPCookieStorageTest, PathsDefaultToTheRequestDirectoryAndMatchWholeSegments) {
+  const auto login = url("https://kel.example.com/api/v1/login?x=1");
+  EXPECT_TRUE(storage_.setCookie("dir=1", login));                  // path /api/v1
+  EXPECT_TRUE(storage_.setCookie("api=1; Path=/api", login));       // explicit
+  EXPECT_TRUE(storage_.setCookie("root=1; Path=relative", login));  // not absolute: default
+  EXPECT_TRUE(storage_.setCookie("top=1", url("https://kel.example.com/login")));  // path /
+  EXPECT_TRUE(storage_.setCookie("bare=1", url("https://kel.example.com")));       // path /
+
+  // Longest path first; equal paths keep the order in which they were created.
+  EXPECT_EQ("dir=1; root=1; api=1; top=1; bare=1",
+            cookieHeader(storage_, "wss://kel.example.com/api/v1/ws"));
+  EXPECT_EQ("dir=1; root=1; api=1; top=1; bare=1",
+            cookieHeader(storage_, "wss://kel.example.com/api/v1"));
+  EXPECT_EQ("api=1; top=1; bare=1", cookieHeader(storage_, "wss://kel.example.com/api/v10"));
+  EXPECT_EQ("top=1; bare=1", cookieHeader(storage_, "wss://kel.example.com/apix"));
+  EXPECT_EQ("top=1; bare=1", cookieHeader(storage_, "wss://kel.example.com"));
+}
+
+TEST_F(HTTPCookieStorageTest, ExpiryFollowsMaxAgeBeforeExpires) {
+  const auto login = url("https://kel.example.com/login");
+  EXPECT_TRUE(storage_.setCookie("session=1", login));
+  EXPECT_TRUE(storage_.setCookie("short=1; Max-Age=60", login));
+  EXPECT_TRUE(storage_.setCookie("dated=1; Expires=Fri, 01 Mar 2024 00:10:00 GMT", login));
+  // Max-Age wins over an Expires in the past, whatever their order.
+  EXPECT_TRUE(
+      storage_.setCookie("both=1; Expires=Thu, 01 Jan 1970 00:00:00 GMT; Max-Age=3600", login));
+  EXPECT_EQ("session=1; short=1; dated=1; both=1",
+            cookieHeader(storage_, "wss://kel.example.com/"));
+
+  now_ += 61s;
+  EXPECT_EQ("session=1; dated=1; both=1", cookieHeader(storage_, "wss://kel.example.com/"));
+  now_ += 10min;
+  EXPECT_EQ("session=1; both=1", cookieHeader(storage_, "wss://kel.example.com/"));
+  now_ += 1h;
+  EXPECT_EQ("session=1", cookieHeader(storage_, "wss://kel.example.com/"));
+
+  // An already expired cookie deletes its namesake and is not stored.
+  EXPECT_FALSE(storage_.setCookie("session=gone; Max-Age=0", login));
+  EXPECT_FALSE(storage_.setCookie("never=1; Max-Age=-5", login));
+  EXPECT_EQ("", cookieHeader(storage_, "wss://kel.example.com/"));
+
+  // A Max-Age that is not a number is ignored; an absurdly large one does not overflow.
+  EXPECT_TRUE(storage_.setCookie("odd=1; Max-Age=12a", login));
+  EXPECT_TRUE(storage_.setCookie("huge=1; Max-Age=99999999999999999999999", login));
+  now_ += 24h * 365 * 100;
+  EXPECT_EQ("odd=1; huge=1", cookieHeader(storage_, "wss://kel.example.com/"));
+}
+
+TEST_F(HTTPCookieStorageTest, ASecondCookieOfTheSameNameDomainAndPathReplacesTheFirstInPlace) {
+  const auto login = url("https://kel.example.com/login");
+  EXPECT_TRUE(storage_.setCookie("a=1", login));
+  EXPECT_TRUE(storage_.setCookie("b=1", login));
+  EXPECT_TRUE(storage_.setCookie("a=2; Secure", login));
+  EXPECT_TRUE(storage_.setCookie("a=3; Path=/other", login));  // another path: another cookie
+  EXPECT_EQ("a=2; b=1", cookieHeader(storage_, "wss://kel.example.com/"));
+  EXPECT_EQ("b=1", cookieHeader(storage_, "ws://kel.example.com/"));
+  EXPECT_EQ(3u, storage_.allCookies().size());
+
+  storage_.deleteCookie(storage_.cookies(url("wss://kel.example.com/")).front());
+  EXPECT_EQ("b=1", cookieHeader(storage_, "wss://kel.example.com/"));
+  storage_.removeAllCookies();
+  EXPECT_TRUE(storage_.allCookies().empty());
+}
+
+TEST_F(HTTPCookieStorageTest, MalformedValuesAreIgnoredAndOddOnesReadLeniently) {
+  const auto login = url("https://kel.example.com/login");
+  EXPECT_FALSE(storage_.setCookie("novalue", login));
+  EXPECT_FALSE(storage_.setCookie("=anonymous", login));
+  EXPECT_FALSE(storage_.setCookie("  ; a=1", login));
+  EXPECT_FALSE(storage_.setCookie("inject=1\r\nX-Evil: 1", login));
+  EXPECT_FALSE(storage_.setCookie(std::string("nul=a\0b", 7), login));
+  EXPECT_TRUE(
+      storage_.setCookie("  token = a=b=c ;secure ; HTTPONLY;SameSite=Lax; Unknown", login));
+  EXPECT_TRUE(storage_.setCookie("empty=; Domain=", login));
+
+  const auto cookies = storage_.cookies(url("wss://kel.example.com/"));
+  ASSERT_EQ(2u, cookies.size());
+  EXPECT_EQ("token", cookies[0].name);
+  EXPECT_EQ("a=b=c", cookies[0].value);
+  EXPECT_TRUE(cookies[0].secure);
+  EXPECT_TRUE(cookies[0].httpOnly);
+  EXPECT_TRUE(cookies[0].hostOnly);
+  EXPECT_FALSE(cookies[0].expiresAt.has_value());
+  EXPECT_EQ("", cookies[1].value);
+  EXPECT_TRUE(cookies[1].hostOnly);  // an empty Domain is no Domain
+  EXPECT_TRUE(HTTPCookieStorage::requestHeaderFields({}).empty());
+}
+
+TEST_F(HTTPCookieStorageTest, ConcurrentWritersAndReadersSeeWholeCookies) {
+  const auto login = url("https://kel.example.com/login");
+  std::atomic<bool> torn{false};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 500; ++i) {
+        storage_.setCookie("c" + std::to_string(t) + "=" + std::to_string(i), login);
+        for (const auto& cookie : storage_.cookies(url("wss://kel.example.com/"))) {
+          if (cookie.name.size() != 2 || cookie.value.empty()) torn = true;
+        }
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_FALSE(torn);
+  EXPECT_EQ("c0=499; c1=499; c2=499; c3=499", [&] {
+    auto cookies = storage_.cookies(url("wss://kel.example.com/"));
+    std::sort(cookies.begin(), cookies.end(),
+              [](const auto& a, const auto& b) { return a.name < b.name; });
+    return HTTPCookieStorage::requestHeaderFields(cookies).front().second;
+  }());
+}
+
+TEST(HTTPCookieStorage, TheSharedStorageIsOneInstance) {
+  EXPECT_EQ(HTTPCookieStorage::shared(), HTTPCookieStorage::shared());
+}
+
+TEST(CookieDate, ReadsTheFormatsServersUse) {
+  const auto expected = sys_days{std::chrono::year{2015} / 10 / 21} + 7h + 28min;
+  for (const char* text : {
+           "Wed, 21 Oct 2015 07:28:00 GMT",      // RFC 1123
+           "Wednesday, 21-Oct-15 07:28:00 GMT",  // RFC 850
+           "Wed Oct 21 07:28:00 2015",           // asctime
+           "21 october 2015 7:28:0",             // lenient: any month spelling, short fields
+           "2015-Oct-21 07:28:00 UTC+5",         // zones are not read: always UTC
+       }) {
+    const auto date = parseCookieDate(text);
+    ASSERT_TRUE(date.has_value()) << text;
+    EXPECT_EQ(expected, *date) << text;
+  }
+  EXPECT_EQ(sys_days{std::chrono::year{1999} / 1 / 2}, parseCookieDate("2 Jan 99 00:00:00"));
+  EXPECT_EQ(sys_days{std::chrono::year{2069} / 1 / 2}, parseCookieDate("2 Jan 69 00:00:00"));
+  // Beyond what system_clock holds: clamped rather than wrapped around.
+  EXPECT_EQ(system_clock::time_point::max(), parseCookieDate("1 Jan 9999 00:00:00"));
+  EXPECT_EQ(system_clock::time_point::min(), parseCookieDate("1 Jan 1601 00:00:00"));
+}
+
+TEST(CookieDate, RefusesDatesThatDoNotExist) {
+  for (const char* text : {
+           "",
+           "Wed, 21 Oct 2015",
+           "Wed, 21 Oct 07:28:00 GMT",
+           "30 Feb 2024 00:00:00",
+           "32 Oct 2015 00:00:00",
+           "21 Oct 2015 24:00:00",
+           "21 Oct 2015 07:60:00",
+           "21 Oct 1600 00:00:00",
+           "21 Oct 2015 007:28:00",
+           "21 Foo 2015 07:28:00",
+           "121 Oct 2015 07:28:00",
+       }) {
+    EXPECT_FALSE(parseCookieDate(text).has_value()) << text;
+  }
+}
+
+}  // namespace
+}  // namespace kel::platform
