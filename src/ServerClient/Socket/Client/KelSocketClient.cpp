@@ -1,5 +1,8 @@
 #include "ServerClient/Socket/Client/KelSocketClient.h"
 
+#include <atomic>
+#include <chrono>
+#include <optional>
 #include <utility>
 
 #include "ServerClient/Client/ServerLog.h"
@@ -211,51 +214,195 @@ void KelSocketClient::stop(SocketCloseCode reason) {
   requestStore_.completeObservers();
 }
 
+// send() is the hot path, so its stream is one object per subscription rather than the
+// composition it stands for,
+//
+//   amb(register-and-write, error(timeout).delaySubscription(timeout, socket scheduler))
+//       .subscribeOn(socket scheduler)
+//
+// which costs some twenty allocations and as many atomic reference counts per request. The
+// behaviour is the same: the subscription is scheduled on the socket queue; there the frame is
+// made, the request registered and written, and the time-out timer started on the socket
+// scheduler; the first of response, failure, stop and time-out decides, the rest find the
+// request settled; disposing cancels the timer and unregisters the request on the socket queue.
+//
+//   scheduled --run on the socket queue--> registered --a value--> answering
+//       |                                   |      \                  |
+//       |                                   |       +-- failure, stop, time-out --+
+//       |                                   |                          |          |
+//       +---------- dispose ----------------+---------- completion ----+--------> done
+//
+// Exactly one outcome reaches the caller: each path moves `state_` out of `registered` with a
+// compare-and-swap and only the winner delivers. A response and stop() reach the request through
+// the store, where it is its own observer; its time-out through its timer. An earlier
+// registration replaced under the same identifier is reached by its time-out only.
+class KelSocketClient::PendingRequest final : public rx::detail::ObserverBase<Resource>,
+                                              public rx::detail::DisposableState,
+                                              public std::enable_shared_from_this<PendingRequest> {
+ public:
+  PendingRequest(std::weak_ptr<KelSocketClient> client, AnyRequest request,
+                 rx::Observer<Resource> down)
+      : client_(std::move(client)),
+        request_(std::move(request)),
+        id_(request_->requestID()),
+        timeout_(request_->timeout()),
+        down_(std::move(down)) {}
+
+  void schedule(rx::Scheduler& scheduler) {
+    auto task = scheduler.schedule([self = shared_from_this()] { self->run(); });
+    std::unique_lock lock(mutex_);
+    if (isDisposed()) {
+      lock.unlock();
+      return task.dispose();
+    }
+    task_ = std::move(task);
+  }
+
+  // A response: onNext then onCompleted, or onError. stop(): onCompleted.
+  void onNext(const Resource& resource) override {
+    if (!advance(State::registered, State::answering)) return;
+    if (auto down = downstream()) down.onNext(resource);
+  }
+  void onCompleted() override {
+    if (!advance(State::answering, State::done) && !advance(State::registered, State::done)) {
+      return;
+    }
+    terminate().onCompleted();
+  }
+  void onError(std::exception_ptr error) override {
+    if (!advance(State::registered, State::done)) return;
+    terminate().onError(std::move(error));
+  }
+  bool isStopped() const noexcept override { return state_.load() == State::done; }
+
+ protected:
+  void onDispose() noexcept override {
+    const State previous = state_.exchange(State::done);
+    auto down = terminate();
+    if (previous != State::registered && previous != State::answering) return;
+    // Still registered unless a response or stop() took it out: only then is the removal worth
+    // a trip to the socket queue.
+    auto client = client_.lock();
+    if (!client || !client->requestStore_.contains(id_, registration_)) return;
+    try {
+      client->socketScheduler_->schedule([weak = client_, id = id_, registration = registration_] {
+        if (auto owner = weak.lock()) owner->requestStore_.removeRequest(id, registration);
+      });
+    } catch (...) {
+      client->requestStore_.removeRequest(id_, registration_);  // the queue is going away
+    }
+  }
+
+ private:
+  enum class State : std::uint8_t { scheduled, registered, answering, done };
+
+  // On the socket queue.
+  void run() {
+    auto client = client_.lock();
+    if (!client) {
+      return fail(makeError(GenericError(GenericErrorType::underlying())));
+    }
+    auto frame = request_->toMessage();
+    if (!frame) {
+      return fail(makeError(GenericError(GenericErrorType::encoding(request_->describe()))));
+    }
+    request_.reset();  // the frame is all that is left to send
+    {
+      // Registering and a concurrent dispose() are ordered by the lock: either the disposal came
+      // first and nothing is registered, or it sees the registration and takes it out again.
+      std::lock_guard lock(mutex_);
+      if (!advance(State::scheduled, State::registered)) return;
+      registration_ =
+          client->requestStore_.registerRequest(id_, rx::Observer<Resource>(shared_from_this()));
+    }
+    // A stop() since send() swept the store before this registration: do what it would have.
+    if (client->stopByUser_.load().isStopped) {
+      if (auto self = client->requestStore_.removeRequest(id_, registration_)) self->onCompleted();
+      return;
+    }
+    KEL_LOG_DEBUG("Sending request " + *frame + " from socketID: " + client->socketID_);
+    client->socket_->send(std::move(*frame));
+
+    auto timer = client->socketScheduler_->scheduleAfter(
+        timeout_, [self = shared_from_this()] { self->timeOut(); });
+    std::unique_lock lock(mutex_);
+    if (state_.load() == State::done) {
+      lock.unlock();
+      return timer.dispose();
+    }
+    timer_ = std::move(timer);
+  }
+
+  // On the socket queue.
+  void timeOut() {
+    if (!advance(State::registered, State::done)) return;
+    if (auto client = client_.lock()) client->requestStore_.removeRequest(id_, registration_);
+    terminate().onError(requestTimeoutError());
+  }
+
+  void fail(std::exception_ptr error) {
+    if (!advance(State::scheduled, State::done)) return;
+    terminate().onError(std::move(error));
+  }
+
+  bool advance(State from, State to) noexcept { return state_.compare_exchange_strong(from, to); }
+
+  rx::Observer<Resource> downstream() {
+    std::lock_guard lock(mutex_);
+    return down_;
+  }
+
+  /// Lets go of the caller and of the pending work; returns the caller to deliver the outcome to.
+  rx::Observer<Resource> terminate() noexcept {
+    rx::Observer<Resource> down;
+    rx::Disposable task;
+    rx::Disposable timer;
+    {
+      std::lock_guard lock(mutex_);
+      down = std::exchange(down_, {});
+      task = std::exchange(task_, {});
+      timer = std::exchange(timer_, {});
+    }
+    task.dispose();
+    timer.dispose();
+    return down;
+  }
+
+  const std::weak_ptr<KelSocketClient> client_;
+  std::optional<AnyRequest> request_;  // touched only by run()
+  const std::int64_t id_;
+  const std::chrono::seconds timeout_;
+  std::atomic<State> state_{State::scheduled};
+  RequestStore<std::int64_t>::Registration registration_ = 0;  // written in run() under mutex_
+  std::mutex mutex_;  // guards down_, task_, timer_, and orders registering against disposal
+  rx::Observer<Resource> down_;
+  rx::Disposable task_;   // the scheduled run()
+  rx::Disposable timer_;  // the time-out
+};
+
+class KelSocketClient::SendSource final : public rx::detail::Source<Resource> {
+ public:
+  SendSource(std::weak_ptr<KelSocketClient> client, AnyRequest request, rx::SchedulerPtr scheduler)
+      : client_(std::move(client)),
+        request_(std::move(request)),
+        scheduler_(std::move(scheduler)) {}
+
+  rx::Disposable subscribe(rx::Observer<Resource> observer) const override {
+    auto pending = std::make_shared<PendingRequest>(client_, request_, std::move(observer));
+    pending->schedule(*scheduler_);
+    return rx::Disposable(std::move(pending));
+  }
+
+ private:
+  std::weak_ptr<KelSocketClient> client_;
+  AnyRequest request_;
+  rx::SchedulerPtr scheduler_;
+};
+
 rx::Observable<Resource> KelSocketClient::send(AnyRequest request) {
   if (!isAuthenticated()) return rx::Observable<Resource>::error(noSocketClientError());
-
-  std::weak_ptr<KelSocketClient> weak = weak_from_this();
-  const auto timeout = request.timeout();
-  auto sending = rx::Observable<Resource>::create(
-      [weak, request = std::move(request)](rx::Observer<Resource> observer) {
-        auto self = weak.lock();
-        if (!self) {
-          observer.onError(makeError(GenericError(GenericErrorType::underlying())));
-          return rx::Disposable();
-        }
-        return self->registerAndSend(request, observer);
-      });
-  auto timingOut = rx::Observable<Resource>::error(requestTimeoutError())
-                       .delaySubscription(timeout, socketScheduler_);
-  return sending.amb(std::move(timingOut)).subscribeOn(socketScheduler_);
-}
-
-rx::Disposable KelSocketClient::registerAndSend(const AnyRequest& request,
-                                                const rx::Observer<Resource>& observer) {
-  auto frame = request.toMessage();
-  if (!frame) {
-    observer.onError(makeError(GenericError(GenericErrorType::encoding(request.describe()))));
-    return rx::Disposable();
-  }
-  const std::int64_t id = request.requestID();
-  const auto registration = requestStore_.registerRequest(id, observer);
-  // A stop() between send() and here found nothing to complete: do what it would have done.
-  if (stopByUser_.load().isStopped) {
-    if (auto registered = requestStore_.removeRequest(id, registration)) registered->onCompleted();
-    return rx::Disposable();
-  }
-  KEL_LOG_DEBUG("Sending request " + *frame + " from socketID: " + socketID_);
-  socket_->send(std::move(*frame));
-
-  // Answered and stopped requests were taken out already; only a time-out or a cancel leaves the
-  // registration behind, and only then is its removal worth a trip to the socket queue.
-  return rx::Disposable::create([weak = weak_from_this(), id, registration] {
-    auto self = weak.lock();
-    if (!self || !self->requestStore_.contains(id, registration)) return;
-    self->socketScheduler_->schedule([weak, id, registration] {
-      if (auto client = weak.lock()) client->requestStore_.removeRequest(id, registration);
-    });
-  });
+  return rx::Observable<Resource>(
+      std::make_shared<const SendSource>(weak_from_this(), std::move(request), socketScheduler_));
 }
 
 }  // namespace kel

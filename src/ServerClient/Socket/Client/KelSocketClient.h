@@ -124,8 +124,8 @@ class KelSocketClient final : public SocketClient,
   bool isAuthenticated() const noexcept {
     return currentKind_.load(std::memory_order_acquire) == SocketState::Kind::authenticated;
   }
-  /// The subscription side of send(), on the socket scheduler.
-  rx::Disposable registerAndSend(const AnyRequest& request, const rx::Observer<Resource>& observer);
+  class SendSource;
+  class PendingRequest;
 
   mutable std::mutex statusMutex_;  // guards currentStatus_
   SocketState currentStatus_ = SocketState::newSocket();
