@@ -46,14 +46,16 @@ struct KelSocketClientOptions {
 /// state, reconnects after a lost connection, hands server events to the event decoder and
 /// answers the return to the foreground and network changes with a pong.
 ///
-///            connect(token)             AUTH acknowledged
-///   new ------------------> connected -------------------> authenticated   (send() accepted)
-///                             ^    |                          |
-///                             |    +------ lost --------------+
-///                             |                               v
-///                             +--- reconnector: connect() --- disconnected(lostConnection)
-///                                  every period, then
-///                                  authenticate(token)
+///   new --connect(token)--> connected --AUTH acknowledged--> authenticated  (send() accepted)
+///                            ^   |                                  |
+///                            |   |          connection lost         |
+///                            |   +---------------+------------------+
+///                            |                   v
+///                            +-- reconnector -- disconnected(lostConnection)
+///                                (connect() every period, then authenticate(token))
+///
+///   A close for the background or an expected close ends in disconnected(background) or
+///   disconnected(expectedClose); nothing reconnects from there.
 ///
 ///   any state --stop(reason)--> disconnected(reason's kind), stopped for good: pending requests
 ///   complete without an element, a socket that opens is closed at once, the reconnector gives
@@ -62,6 +64,8 @@ struct KelSocketClientOptions {
 /// Threads
 /// - "KelSocket" (the socket scheduler) runs each send's subscription: framing, registering,
 ///   writing; the request time-outs; and the unregistration of requests cancelled or timed out.
+///   A send crosses to that queue once; its response is delivered on the thread that reports it,
+///   with no further hop.
 /// - The pending requests live in a RequestStore, a mutex-guarded map ("RequestStore").
 /// - Responses and events are handled on the thread that reports the socket's messages, and a
 ///   response reaches its caller there.
