@@ -1,0 +1,408 @@
+#include "ServerClient/Socket/Client/KelSocketClient.h"
+
+#include <atomic>
+#include <chrono>
+#include <optional>
+#include <utility>
+
+#include "ServerClient/Client/ServerLog.h"
+#include "ServerClient/Common/Json.h"
+#include "ServerClient/Common/Random.h"
+#include "ServerClient/Common/SDKError.h"
+#include "ServerClient/Socket/Model/ErrorCode.h"
+#include "ServerClient/rx/Schedulers.h"
+
+namespace kel {
+
+using platform::OvNetworkStatus;
+using platform::SocketCloseCode;
+
+namespace {
+
+const std::exception_ptr& noSocketClientError() {
+  static const auto error = makeError(ConnectionError(ConnectionErrorType::noSocketClient, -1));
+  return error;
+}
+
+const std::exception_ptr& requestTimeoutError() {
+  static const auto error = makeError(ConnectionError(ConnectionErrorType::timeout, -1));
+  return error;
+}
+
+std::string dumpForLog(const nlohmann::json& json) {
+  return dumpJson(json).value_or("<unprintable>");
+}
+
+}  // namespace
+
+std::string AnyRequest::describe() const {
+  try {
+    return toDictionary().dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+  } catch (...) {
+    return "<unprintable>";
+  }
+}
+
+std::shared_ptr<KelSocketClient> KelSocketClient::create(
+    std::shared_ptr<platform::Socket> socket,
+    std::shared_ptr<SocketEventHandler> socketEventHandler,
+    std::shared_ptr<ServerEventHandler> serverEventHandler, ReconnectAuth reconnectAuth,
+    rx::Duration reconnectionAttempt, Options options) {
+  auto client = std::make_shared<KelSocketClient>(
+      Passkey{}, std::move(socket), std::move(socketEventHandler), std::move(serverEventHandler),
+      std::move(reconnectAuth), reconnectionAttempt, std::move(options));
+  client->subscribeToSocketEvents();
+
+  // The handler and the reconnector ask the client whether the user stopped the socket; once the
+  // client is gone the answer is "not stopped".
+  std::weak_ptr<const KelSocketClient> weak = client;
+  StopByUser stopByUser = [weak] {
+    auto self = weak.lock();
+    return self ? self->stopByUser() : StopByUserState{};
+  };
+  client->socketEventHandler_->setStopByUser(stopByUser);
+  client->socketReconnector_->setStopByUser(std::move(stopByUser));
+
+  KEL_LOG_DEBUG("Connecting to " + std::string(client->socket_->url().buffer()));
+  return client;
+}
+
+KelSocketClient::KelSocketClient(Passkey, std::shared_ptr<platform::Socket> socket,
+                                 std::shared_ptr<SocketEventHandler> socketEventHandler,
+                                 std::shared_ptr<ServerEventHandler> serverEventHandler,
+                                 ReconnectAuth reconnectAuth, rx::Duration reconnectionAttempt,
+                                 Options options)
+    : reconnectAuth_(std::move(reconnectAuth)),
+      eventHandler_(std::move(serverEventHandler)),
+      socketID_(makeUUIDString()),
+      socket_(std::move(socket)),
+      socketEventHandler_(std::move(socketEventHandler)),
+      networkManager_(options.networkManager ? std::move(options.networkManager)
+                                             : std::make_shared<platform::InMemoryNetworkManager>(
+                                                   OvNetworkStatus::reachable)),
+      applicationLifecycle_(options.applicationLifecycle
+                                ? std::move(options.applicationLifecycle)
+                                : platform::ApplicationLifecycle::shared()),
+      socketScheduler_(options.socketScheduler
+                           ? std::move(options.socketScheduler)
+                           : std::make_shared<rx::SerialDispatchQueueScheduler>("KelSocket")) {
+  socketConnector_ = std::make_shared<SocketConnector>(
+      socket_, socketEventHandler_, kConnectionTimeout,
+      SocketConnector::Options{std::move(options.connectionScheduler),
+                               std::move(options.cookieHeaders)});
+  socketAuthenticator_ = std::make_shared<SocketAuthenticator>(
+      socket_, socketEventHandler_, kConnectionTimeout,
+      SocketAuthenticator::Options{std::move(options.authenticationScheduler)});
+  socketReconnector_ = SocketReconnector::create(
+      socket_, socketConnector_, socketAuthenticator_, reconnectionAttempt,
+      SocketReconnector::Options{std::move(options.reconnectionScheduler)});
+}
+
+KelSocketClient::~KelSocketClient() {
+  // The subscriptions go first, so that nothing reaches a client half torn down.
+  disposeBag_.dispose();
+}
+
+SocketState KelSocketClient::currentStatus() const {
+  std::lock_guard lock(statusMutex_);
+  return currentStatus_;
+}
+
+void KelSocketClient::setCurrentStatus(const SocketState& state) {
+  std::lock_guard lock(statusMutex_);
+  currentStatus_ = state;
+  currentKind_.store(state.kind(), std::memory_order_release);
+}
+
+rx::Observable<SocketState> KelSocketClient::socketConnectionEventChannel() const {
+  return socketEventHandler_->stateEventPublisher();
+}
+
+void KelSocketClient::subscribeToSocketEvents() {
+  std::weak_ptr<KelSocketClient> weak = weak_from_this();
+
+  disposeBag_.insert(
+      socketEventHandler_->stateEventPublisher().subscribe([weak](const SocketState& state) {
+        auto self = weak.lock();
+        if (!self) return;
+        self->setCurrentStatus(state);
+        if (auto reason = state.reason()) self->onDisconnectedEvent(*reason);
+      }));
+
+  disposeBag_.insert(
+      socketEventHandler_->messageEventPublisher().subscribe([weak](const SocketMessage& message) {
+        auto self = weak.lock();
+        if (!self) return;
+        if (const auto* response = message.asResponse()) {
+          KEL_LOG_DEBUG("Response received " + dumpForLog(response->json) +
+                        " to socketID: " + self->socketID_);
+          self->returnResponse(response->json, response->id);
+        } else if (const auto* event = message.asEvent()) {
+          if (self->eventHandler_) self->eventHandler_->handle(event->json);
+        }
+      }));
+
+  // A return to the foreground counts as the network being reachable; a repeat of the same
+  // status is no news.
+  auto foreground = applicationLifecycle_->willEnterForeground().map(
+      [](const rx::Unit&) { return OvNetworkStatus::reachable; });
+  disposeBag_.insert(
+      rx::Observable<OvNetworkStatus>::merge({foreground, networkManager_->networkStatusStream()})
+          .distinctUntilChanged()
+          .withLatestFrom(socketEventHandler_->stateEventPublisher())
+          .filter([](const std::pair<OvNetworkStatus, SocketState>& pair) {
+            return pair.first == OvNetworkStatus::reachable &&
+                   pair.second.kind() == SocketState::Kind::authenticated;
+          })
+          .subscribe([weak](const std::pair<OvNetworkStatus, SocketState>&) {
+            if (auto self = weak.lock()) self->socket_->sendPong();
+          }));
+}
+
+void KelSocketClient::onDisconnectedEvent(SocketStateDisconnectedReason reason) {
+  if (reason != SocketStateDisconnectedReason::lostConnection || !reconnectAuth_) return;
+  if (auto token = reconnectAuth_()) socketReconnector_->launchReconnection(std::move(*token));
+}
+
+void KelSocketClient::returnResponse(const nlohmann::json& response, std::int64_t forRequest) {
+  auto observer = requestStore_.removeRequest(forRequest);
+  if (!observer) {
+    KEL_LOG_ERROR("No request found for response:" + std::to_string(forRequest));
+    return;
+  }
+  if (auto code = errorCode(response)) {
+    observer->onError(makeError(ConnectionError::mapToOvError(*code)));
+    return;
+  }
+  observer->onNext(Resource::fromResponse(forRequest, response));
+  observer->onCompleted();
+}
+
+rx::Observable<rx::Unit> KelSocketClient::connect(std::string token) {
+  std::weak_ptr<KelSocketClient> weak = weak_from_this();
+  return rx::Observable<rx::Unit>::deferred([weak, token = std::move(token)] {
+    auto self = weak.lock();
+    if (!self) return rx::Observable<rx::Unit>::empty();
+    // Only a client that was never used may be revived; a stopped one stays stopped.
+    if (self->currentStatus().kind() == SocketState::Kind::newSocket) {
+      self->stopByUser_.store(StopByUserState{});
+    }
+    return self->socketConnector_->connect().asObservable().flatMap([weak, token](rx::Unit) {
+      auto client = weak.lock();
+      if (!client) return rx::Observable<rx::Unit>::empty();
+      return client->socketAuthenticator_->authenticate(token).asObservable();
+    });
+  });
+}
+
+void KelSocketClient::stop(SocketCloseCode reason) {
+  KEL_LOG_DEBUG("Closing socket to: " + std::string(socket_->url().buffer()) +
+                " | reason: " + platform::name(reason));
+  stopByUser_.store(StopByUserState{true, reason});
+  switch (currentStatus().kind()) {
+    case SocketState::Kind::connected:
+    case SocketState::Kind::authenticated:
+    case SocketState::Kind::error:
+      socket_->disconnect(reason);
+      break;
+    case SocketState::Kind::newSocket:
+    case SocketState::Kind::disconnected:
+      // No socket is open, so none will report the close: publish it all the same.
+      socketEventHandler_->disconnect(reason);
+      break;
+  }
+  requestStore_.completeObservers();
+}
+
+// send() is the hot path, so its stream is one object per subscription rather than the
+// composition it stands for,
+//
+//   amb(register-and-write, error(timeout).delaySubscription(timeout, socket scheduler))
+//       .subscribeOn(socket scheduler)
+//
+// which costs some twenty allocations and as many atomic reference counts per request. The
+// behaviour is the same: the subscription is scheduled on the socket queue; there the frame is
+// made, the request registered and written, and the time-out timer started on the socket
+// scheduler; the first of response, failure, stop and time-out decides, the rest find the
+// request settled; disposing cancels the timer and unregisters the request on the socket queue.
+//
+//   scheduled --run on the socket queue--> registered --a value--> answering
+//       |                                   |      \                  |
+//       |                                   |       +-- failure, stop, time-out --+
+//       |                                   |                          |          |
+//       +---------- dispose ----------------+---------- completion ----+--------> done
+//
+// Exactly one outcome reaches the caller: each path moves `state_` out of `registered` with a
+// compare-and-swap and only the winner delivers. A response and stop() reach the request through
+// the store, where it is its own observer; its time-out through its timer. An earlier
+// registration replaced under the same identifier is reached by its time-out only.
+class KelSocketClient::PendingRequest final : public rx::detail::ObserverBase<Resource>,
+                                              public rx::detail::DisposableState,
+                                              public std::enable_shared_from_this<PendingRequest> {
+ public:
+  PendingRequest(std::weak_ptr<KelSocketClient> client, AnyRequest request,
+                 rx::Observer<Resource> down)
+      : client_(std::move(client)),
+        request_(std::move(request)),
+        id_(request_->requestID()),
+        timeout_(request_->timeout()),
+        down_(std::move(down)) {}
+
+  void schedule(rx::Scheduler& scheduler) {
+    auto task = scheduler.schedule([self = shared_from_this()] { self->run(); });
+    std::unique_lock lock(mutex_);
+    if (isDisposed()) {
+      lock.unlock();
+      return task.dispose();
+    }
+    task_ = std::move(task);
+  }
+
+  // A response: onNext then onCompleted, or onError. stop(): onCompleted.
+  void onNext(const Resource& resource) override {
+    if (!advance(State::registered, State::answering)) return;
+    if (auto down = downstream()) down.onNext(resource);
+  }
+  void onCompleted() override {
+    if (!advance(State::answering, State::done) && !advance(State::registered, State::done)) {
+      return;
+    }
+    terminate().onCompleted();
+  }
+  void onError(std::exception_ptr error) override {
+    if (!advance(State::registered, State::done)) return;
+    terminate().onError(std::move(error));
+  }
+  bool isStopped() const noexcept override { return state_.load() == State::done; }
+
+ protected:
+  void onDispose() noexcept override {
+    const State previous = state_.exchange(State::done);
+    auto down = terminate();
+    if (previous != State::registered && previous != State::answering) return;
+    // Still registered unless a response or stop() took it out: only then is the removal worth
+    // a trip to the socket queue.
+    auto client = client_.lock();
+    if (!client || !client->requestStore_.contains(id_, registration_)) return;
+    try {
+      client->socketScheduler_->schedule([weak = client_, id = id_, registration = registration_] {
+        if (auto owner = weak.lock()) owner->requestStore_.removeRequest(id, registration);
+      });
+    } catch (...) {
+      client->requestStore_.removeRequest(id_, registration_);  // the queue is going away
+    }
+  }
+
+ private:
+  enum class State : std::uint8_t { scheduled, registered, answering, done };
+
+  // On the socket queue.
+  void run() {
+    auto client = client_.lock();
+    if (!client) {
+      return fail(makeError(GenericError(GenericErrorType::underlying())));
+    }
+    auto frame = request_->toMessage();
+    if (!frame) {
+      return fail(makeError(GenericError(GenericErrorType::encoding(request_->describe()))));
+    }
+    request_.reset();  // the frame is all that is left to send
+    {
+      // Registering and a concurrent dispose() are ordered by the lock: either the disposal came
+      // first and nothing is registered, or it sees the registration and takes it out again.
+      std::lock_guard lock(mutex_);
+      if (!advance(State::scheduled, State::registered)) return;
+      registration_ =
+          client->requestStore_.registerRequest(id_, rx::Observer<Resource>(shared_from_this()));
+    }
+    // A stop() since send() swept the store before this registration: do what it would have.
+    if (client->stopByUser_.load().isStopped) {
+      if (auto self = client->requestStore_.removeRequest(id_, registration_)) self->onCompleted();
+      return;
+    }
+    KEL_LOG_DEBUG("Sending request " + *frame + " from socketID: " + client->socketID_);
+    client->socket_->send(std::move(*frame));
+
+    auto timer = client->socketScheduler_->scheduleAfter(
+        timeout_, [self = shared_from_this()] { self->timeOut(); });
+    std::unique_lock lock(mutex_);
+    if (state_.load() == State::done) {
+      lock.unlock();
+      return timer.dispose();
+    }
+    timer_ = std::move(timer);
+  }
+
+  // On the socket queue.
+  void timeOut() {
+    if (!advance(State::registered, State::done)) return;
+    if (auto client = client_.lock()) client->requestStore_.removeRequest(id_, registration_);
+    terminate().onError(requestTimeoutError());
+  }
+
+  void fail(std::exception_ptr error) {
+    if (!advance(State::scheduled, State::done)) return;
+    terminate().onError(std::move(error));
+  }
+
+  bool advance(State from, State to) noexcept { return state_.compare_exchange_strong(from, to); }
+
+  rx::Observer<Resource> downstream() {
+    std::lock_guard lock(mutex_);
+    return down_;
+  }
+
+  /// Lets go of the caller and of the pending work; returns the caller to deliver the outcome to.
+  rx::Observer<Resource> terminate() noexcept {
+    rx::Observer<Resource> down;
+    rx::Disposable task;
+    rx::Disposable timer;
+    {
+      std::lock_guard lock(mutex_);
+      down = std::exchange(down_, {});
+      task = std::exchange(task_, {});
+      timer = std::exchange(timer_, {});
+    }
+    task.dispose();
+    timer.dispose();
+    return down;
+  }
+
+  const std::weak_ptr<KelSocketClient> client_;
+  std::optional<AnyRequest> request_;  // touched only by run()
+  const std::int64_t id_;
+  const std::chrono::seconds timeout_;
+  std::atomic<State> state_{State::scheduled};
+  RequestStore<std::int64_t>::Registration registration_ = 0;  // written in run() under mutex_
+  std::mutex mutex_;  // guards down_, task_, timer_, and orders registering against disposal
+  rx::Observer<Resource> down_;
+  rx::Disposable task_;   // the scheduled run()
+  rx::Disposable timer_;  // the time-out
+};
+
+class KelSocketClient::SendSource final : public rx::detail::Source<Resource> {
+ public:
+  SendSource(std::weak_ptr<KelSocketClient> client, AnyRequest request, rx::SchedulerPtr scheduler)
+      : client_(std::move(client)),
+        request_(std::move(request)),
+        scheduler_(std::move(scheduler)) {}
+
+  rx::Disposable subscribe(rx::Observer<Resource> observer) const override {
+    auto pending = std::make_shared<PendingRequest>(client_, request_, std::move(observer));
+    pending->schedule(*scheduler_);
+    return rx::Disposable(std::move(pending));
+  }
+
+ private:
+  std::weak_ptr<KelSocketClient> client_;
+  AnyRequest request_;
+  rx::SchedulerPtr scheduler_;
+};
+
+rx::Observable<Resource> KelSocketClient::send(AnyRequest request) {
+  if (!isAuthenticated()) return rx::Observable<Resource>::error(noSocketClientError());
+  return rx::Observable<Resource>(
+      std::make_shared<const SendSource>(weak_from_this(), std::move(request), socketScheduler_));
+}
+
+}  // namespace kel

@@ -1,0 +1,153 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "ServerClient/Socket/Client/RequestStore.h"
+#include "ServerClient/Socket/Client/SocketClient.h"
+#include "ServerClient/Socket/Events/ServerEventHandler.h"
+#include "ServerClient/Socket/Events/SocketEventHandler.h"
+#include "ServerClient/Socket/SocketAuthenticator.h"
+#include "ServerClient/Socket/SocketConnector.h"
+#include "ServerClient/Socket/SocketReconnector.h"
+#include "ServerClient/platform/ApplicationLifecycle.h"
+#include "ServerClient/platform/OvNetworkManager.h"
+#include "ServerClient/platform/Socket.h"
+#include "ServerClient/rx/Disposable.h"
+#include "ServerClient/rx/Scheduler.h"
+
+namespace kel {
+
+/// What the socket client takes by injection; empty members take their defaults.
+struct KelSocketClientOptions {
+  /// "KelSocket" by default.
+  rx::SchedulerPtr socketScheduler{};
+  /// The connector's, authenticator's and reconnector's own queues by default.
+  rx::SchedulerPtr connectionScheduler{};
+  rx::SchedulerPtr authenticationScheduler{};
+  rx::SchedulerPtr reconnectionScheduler{};
+  /// The cookie storage the connector reads; none by default.
+  CookieHeaderProvider cookieHeaders{};
+  /// Reachability; by default a manager that always reports the network reachable.
+  std::shared_ptr<platform::OvNetworkManager> networkManager{};
+  /// Foreground notifications; ApplicationLifecycle::shared() by default.
+  std::shared_ptr<platform::ApplicationLifecycle> applicationLifecycle{};
+};
+
+/// The one socket of a session: sends requests and matches their responses, keeps the socket's
+/// state, reconnects after a lost connection, hands server events to the event decoder and
+/// answers the return to the foreground and network changes with a pong.
+///
+///   new --connect(token)--> connected --AUTH acknowledged--> authenticated  (send() accepted)
+///                            ^   |                                  |
+///                            |   |          connection lost         |
+///                            |   +---------------+------------------+
+///                            |                   v
+///                            +-- reconnector -- disconnected(lostConnection)
+///                                (connect() every period, then authenticate(token))
+///
+///   A close for the background or an expected close ends in disconnected(background) or
+///   disconnected(expectedClose); nothing reconnects from there.
+///
+///   any state --stop(reason)--> disconnected(reason's kind), stopped for good: pending requests
+///   complete without an element, a socket that opens is closed at once, the reconnector gives
+///   up at its next tick, and a later connect(token) times out. A new session needs a new client.
+///
+/// Threads
+/// - "KelSocket" (the socket scheduler) runs each send's subscription: framing, registering,
+///   writing; the request time-outs; and the unregistration of requests cancelled or timed out.
+///   A send crosses to that queue once; its response is delivered on the thread that reports it,
+///   with no further hop.
+/// - The pending requests live in a RequestStore, a mutex-guarded map ("RequestStore").
+/// - Responses and events are handled on the thread that reports the socket's messages, and a
+///   response reaches its caller there.
+/// - currentStatus is written by the state subscription only (the event handler publishes one
+///   state at a time) and read from any thread: the full state sits behind statusMutex_, and its
+///   kind is mirrored in an atomic that send() reads without a lock.
+/// - stopByUser is one atomic word.
+class KelSocketClient final : public SocketClient,
+                              public std::enable_shared_from_this<KelSocketClient> {
+ public:
+  /// Yields the current session token, or nothing.
+  using ReconnectAuth = std::function<std::optional<std::string>()>;
+
+  using Options = KelSocketClientOptions;
+
+  /// `reconnectionAttempt` is the period between reconnection attempts.
+  static std::shared_ptr<KelSocketClient> create(
+      std::shared_ptr<platform::Socket> socket,
+      std::shared_ptr<SocketEventHandler> socketEventHandler,
+      std::shared_ptr<ServerEventHandler> serverEventHandler, ReconnectAuth reconnectAuth,
+      rx::Duration reconnectionAttempt, Options options = {});
+
+  ~KelSocketClient() override;
+  KelSocketClient(const KelSocketClient&) = delete;
+  KelSocketClient& operator=(const KelSocketClient&) = delete;
+
+  // SocketClient
+  SocketState currentStatus() const override;
+  rx::Observable<SocketState> socketConnectionEventChannel() const override;
+  rx::Observable<rx::Unit> connect(std::string token) override;
+  void stop(platform::SocketCloseCode reason) override;
+  rx::Observable<Resource> send(AnyRequest request) override;
+
+  /// A fresh UUID per client, for log lines.
+  const std::string& socketID() const noexcept { return socketID_; }
+  StopByUserState stopByUser() const noexcept { return stopByUser_.load(); }
+  /// The identifiers of the requests waiting for their response.
+  std::vector<std::int64_t> pendingRequests() const { return requestStore_.all(); }
+  const std::shared_ptr<platform::Socket>& socket() const noexcept { return socket_; }
+  const std::shared_ptr<SocketReconnector>& socketReconnector() const noexcept {
+    return socketReconnector_;
+  }
+
+ private:
+  struct Passkey {
+    explicit Passkey() = default;
+  };
+
+ public:
+  KelSocketClient(Passkey, std::shared_ptr<platform::Socket> socket,
+                  std::shared_ptr<SocketEventHandler> socketEventHandler,
+                  std::shared_ptr<ServerEventHandler> serverEventHandler,
+                  ReconnectAuth reconnectAuth, rx::Duration reconnectionAttempt, Options options);
+
+ private:
+  void subscribeToSocketEvents();
+  void setCurrentStatus(const SocketState& state);
+  void onDisconnectedEvent(SocketStateDisconnectedReason reason);
+  void returnResponse(const nlohmann::json& response, std::int64_t forRequest);
+  bool isAuthenticated() const noexcept {
+    return currentKind_.load(std::memory_order_acquire) == SocketState::Kind::authenticated;
+  }
+  class SendSource;
+  class PendingRequest;
+
+  mutable std::mutex statusMutex_;  // guards currentStatus_
+  SocketState currentStatus_ = SocketState::newSocket();
+  std::atomic<SocketState::Kind> currentKind_{SocketState::Kind::newSocket};
+  ReconnectAuth reconnectAuth_;
+  std::shared_ptr<ServerEventHandler> eventHandler_;
+  const std::string socketID_;
+  std::shared_ptr<platform::Socket> socket_;
+  RequestStore<std::int64_t> requestStore_;
+  std::shared_ptr<SocketEventHandler> socketEventHandler_;
+  std::shared_ptr<SocketConnector> socketConnector_;
+  std::shared_ptr<SocketAuthenticator> socketAuthenticator_;
+  std::shared_ptr<SocketReconnector> socketReconnector_;
+  std::shared_ptr<platform::OvNetworkManager> networkManager_;
+  std::shared_ptr<platform::ApplicationLifecycle> applicationLifecycle_;
+  rx::SchedulerPtr socketScheduler_;
+  std::atomic<StopByUserState> stopByUser_{StopByUserState{}};
+  rx::DisposeBag disposeBag_;
+};
+
+}  // namespace kel

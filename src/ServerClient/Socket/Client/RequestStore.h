@@ -1,0 +1,123 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "ServerClient/Socket/Model/Resource.h"
+#include "ServerClient/rx/Observer.h"
+
+namespace kel {
+
+/// The pending requests of one socket: the observer of each request's Resource stream, under
+/// the request's key.
+///
+/// Every operation runs as one critical section of the store's serial queue "RequestStore". That
+/// queue never runs anything but these short, synchronous sections, so it is a mutex rather than
+/// a strand: waiting synchronously for a strand from work on the shared two-thread pool (the
+/// socket queue registers, the facade's queue stops) can leave no thread to run the strand, and
+/// would cost two thread switches on every registration and response.
+///
+/// Observers are never called while the queue is held: a response is delivered after its
+/// observer was taken out, and completeObservers() takes them all out first. So an observer may
+/// send a new request, or dispose, from inside its callbacks.
+///
+/// A registration under a key already present replaces the earlier one, which is then only
+/// reachable by its owner's time-out. Each registration gets a number, so that the owner of a
+/// replaced registration cannot remove its successor.
+template <class Key>
+class RequestStore {
+ public:
+  using Observer = rx::Observer<Resource>;
+  using Registration = std::uint64_t;
+
+  explicit RequestStore(std::string label = "RequestStore") : label_(std::move(label)) {}
+  RequestStore(const RequestStore&) = delete;
+  RequestStore& operator=(const RequestStore&) = delete;
+
+  const std::string& label() const noexcept { return label_; }
+
+  /// Registers `observer` under `key`, replacing any earlier registration; returns the
+  /// registration's number.
+  Registration registerRequest(const Key& key, Observer observer) {
+    std::lock_guard lock(queue_);
+    const Registration registration = ++registrations_;
+    requestStore_.insert_or_assign(key, Entry{std::move(observer), registration});
+    return registration;
+  }
+
+  /// Takes out the observer registered under `key`, if any.
+  std::optional<Observer> removeRequest(const Key& key) {
+    std::lock_guard lock(queue_);
+    auto node = requestStore_.extract(key);
+    if (node.empty()) return std::nullopt;
+    return std::move(node.mapped().observer);
+  }
+
+  /// Takes out the observer under `key` only if it is still the one of `registration`.
+  std::optional<Observer> removeRequest(const Key& key, Registration registration) {
+    std::lock_guard lock(queue_);
+    auto found = requestStore_.find(key);
+    if (found == requestStore_.end() || found->second.registration != registration) {
+      return std::nullopt;
+    }
+    auto observer = std::move(found->second.observer);
+    requestStore_.erase(found);
+    return observer;
+  }
+
+  /// Empties the store and completes every observer that was in it, without an element.
+  void completeObservers() {
+    Map pending;
+    {
+      std::lock_guard lock(queue_);
+      pending.swap(requestStore_);
+    }
+    for (auto& [key, entry] : pending) entry.observer.onCompleted();
+  }
+
+  bool contains(const Key& key) const {
+    std::lock_guard lock(queue_);
+    return requestStore_.contains(key);
+  }
+
+  /// Whether `registration` is still the one under `key`.
+  bool contains(const Key& key, Registration registration) const {
+    std::lock_guard lock(queue_);
+    auto found = requestStore_.find(key);
+    return found != requestStore_.end() && found->second.registration == registration;
+  }
+
+  /// The keys of the pending requests, in no particular order.
+  std::vector<Key> all() const {
+    std::lock_guard lock(queue_);
+    std::vector<Key> keys;
+    keys.reserve(requestStore_.size());
+    for (const auto& entry : requestStore_) keys.push_back(entry.first);
+    return keys;
+  }
+
+  std::size_t count() const {
+    std::lock_guard lock(queue_);
+    return requestStore_.size();
+  }
+
+ private:
+  struct Entry {
+    Observer observer;
+    Registration registration;
+  };
+  using Map = std::unordered_map<Key, Entry>;
+
+  const std::string label_;
+  mutable std::mutex queue_;  // the "RequestStore" queue: guards requestStore_, registrations_
+  Map requestStore_;
+  Registration registrations_ = 0;
+};
+
+}  // namespace kel

@@ -1,0 +1,90 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include <nlohmann/json.hpp>
+
+#include "ServerClient/Socket/Model/PathRepresentable.h"
+#include "ServerClient/Socket/Model/Request.h"
+#include "ServerClient/Socket/Model/Resource.h"
+#include "ServerClient/Socket/Model/SocketState.h"
+#include "ServerClient/platform/SocketCloseCode.h"
+#include "ServerClient/rx/Observable.h"
+
+namespace kel {
+
+namespace detail {
+class RequestConcept {
+ public:
+  virtual ~RequestConcept() = default;
+  virtual std::int64_t requestID() const noexcept = 0;
+  virtual std::chrono::seconds timeout() const noexcept = 0;
+  virtual std::optional<std::string> toMessage() const noexcept = 0;
+  virtual nlohmann::json toDictionary() const = 0;
+};
+
+template <class Body, PathRepresentable Path>
+class RequestModel final : public RequestConcept {
+ public:
+  explicit RequestModel(Request<Body, Path> request) : request_(std::move(request)) {}
+  std::int64_t requestID() const noexcept override { return request_.requestID; }
+  std::chrono::seconds timeout() const noexcept override { return request_.timeout; }
+  std::optional<std::string> toMessage() const noexcept override { return request_.toMessage(); }
+  nlohmann::json toDictionary() const override { return request_.toDictionary(); }
+
+ private:
+  Request<Body, Path> request_;
+};
+}  // namespace detail
+
+/// Any Request<Body, Path>, whatever its body and path types, as the socket client sees it. Made
+/// implicitly from a request, so `client->send(request)` takes every kind of request. Copies
+/// share one immutable request.
+class AnyRequest {
+ public:
+  template <class Body, PathRepresentable Path>
+  AnyRequest(Request<Body, Path> request)  // NOLINT(google-explicit-constructor)
+      : request_(std::make_shared<const detail::RequestModel<Body, Path>>(std::move(request))) {}
+
+  std::int64_t requestID() const noexcept { return request_->requestID(); }
+  std::chrono::seconds timeout() const noexcept { return request_->timeout(); }
+  /// The request frame, or nothing when the request cannot be serialised.
+  std::optional<std::string> toMessage() const noexcept { return request_->toMessage(); }
+  /// The wire object; throws only what converting the body to JSON throws.
+  nlohmann::json toDictionary() const { return request_->toDictionary(); }
+  /// The wire object's text for messages, whatever it holds ("<unprintable>" if the body cannot
+  /// even be converted).
+  std::string describe() const;
+
+ private:
+  std::shared_ptr<const detail::RequestConcept> request_;
+};
+
+/// The socket through which the services reach the server, as the facade and the services hold
+/// it. Every member may be called from any thread.
+class SocketClient {
+ public:
+  virtual ~SocketClient() = default;
+
+  /// The socket's state as last published by its event handler.
+  virtual SocketState currentStatus() const = 0;
+  /// The socket's states: the current one first, then every change.
+  virtual rx::Observable<SocketState> socketConnectionEventChannel() const = 0;
+  /// Connects and authenticates with the session token: one element once authenticated, or the
+  /// connector's or authenticator's failure. Nothing happens until subscribed.
+  virtual rx::Observable<rx::Unit> connect(std::string token) = 0;
+  /// Closes the socket with `reason` for good and completes every pending request without an
+  /// element.
+  virtual void stop(platform::SocketCloseCode reason) = 0;
+  /// Sends `request` and yields the matching Resource, then completes; fails with the mapped
+  /// server error, a time-out after the request's timeout, or ConnectionError(noSocketClient)
+  /// when the socket is not authenticated at the time of the call.
+  virtual rx::Observable<Resource> send(AnyRequest request) = 0;
+};
+
+}  // namespace kel

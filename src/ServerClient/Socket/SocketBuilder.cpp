@@ -1,0 +1,81 @@
+#include "ServerClient/Socket/SocketBuilder.h"
+
+#include <exception>
+#include <utility>
+
+#include "ServerClient/Client/ServerLog.h"
+#include "ServerClient/Common/SDKError.h"
+#include "ServerClient/Socket/Events/KelSocketEventHandler.h"
+
+namespace kel {
+
+SocketBuilderPlatform SocketBuilderPlatform::system() {
+  // The WebSocket wrapper, the shared cookie storage and the reachability monitor of the
+  // operating system are plugged in here as their adapters arrive in platform/.
+  return {};
+}
+
+std::string socketSubProtocol(const boost::urls::url& socketURL) {
+  std::string last;
+  for (auto segment : boost::urls::url_view(socketURL).segments()) {
+    if (!segment.empty()) last = segment;
+  }
+  return last;
+}
+
+std::shared_ptr<SocketBuilder> SocketBuilder::create(
+    boost::urls::url kelURL, boost::urls::url socketURL,
+    std::shared_ptr<ServerEventHandler> kelEventHandler, SessionToken userSession,
+    Platform platform, rx::Duration reconnectionAttempt) {
+  return std::make_shared<SocketBuilder>(Passkey{}, std::move(kelURL), std::move(socketURL),
+                                         std::move(kelEventHandler), std::move(userSession),
+                                         std::move(platform), reconnectionAttempt);
+}
+
+SocketBuilder::SocketBuilder(Passkey, boost::urls::url kelURL, boost::urls::url socketURL,
+                             std::shared_ptr<ServerEventHandler> kelEventHandler,
+                             SessionToken userSession, Platform platform,
+                             rx::Duration reconnectionAttempt)
+    : kelURL_(std::move(kelURL)),
+      socketURL_(std::move(socketURL)),
+      kelEventHandler_(std::move(kelEventHandler)),
+      userSession_(std::move(userSession)),
+      platform_(std::move(platform)),
+      reconnectionAttempt_(reconnectionAttempt) {}
+
+std::shared_ptr<SocketClient> SocketBuilder::newSocket() {
+  std::shared_ptr<platform::Socket> socket;
+  try {
+    if (platform_.makeSocket)
+      socket = platform_.makeSocket(socketURL_, {socketSubProtocol(socketURL_)});
+  } catch (...) {
+    KEL_LOG_ERROR("Could not make the socket: " + describeError(std::current_exception()));
+    return nullptr;
+  }
+  if (!socket) {
+    KEL_LOG_ERROR("No socket for " + std::string(socketURL_.buffer()));
+    return nullptr;
+  }
+
+  auto request = socket->request();
+  request.setShouldHandleCookies(true);
+  socket->setRequest(std::move(request));
+
+  auto socketEventHandler = KelSocketEventHandler::create(socket);
+
+  std::weak_ptr<const SocketBuilder> weak = weak_from_this();
+  auto reconnectAuth = [weak]() -> std::optional<std::string> {
+    auto self = weak.lock();
+    if (!self || !self->userSession_) return std::nullopt;
+    return self->userSession_();
+  };
+
+  auto options = platform_.clientOptions;
+  options.cookieHeaders = platform_.cookieHeaders;
+  if (platform_.makeNetworkManager) options.networkManager = platform_.makeNetworkManager();
+  return KelSocketClient::create(std::move(socket), std::move(socketEventHandler), kelEventHandler_,
+                                 std::move(reconnectAuth), reconnectionAttempt_,
+                                 std::move(options));
+}
+
+}  // namespace kel

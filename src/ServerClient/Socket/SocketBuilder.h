@@ -1,0 +1,113 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <boost/url/url.hpp>
+
+#include "ServerClient/Socket/Client/KelSocketClient.h"
+#include "ServerClient/Socket/Client/SocketClient.h"
+#include "ServerClient/Socket/Events/ServerEventHandler.h"
+#include "ServerClient/Socket/SocketConnector.h"
+#include "ServerClient/platform/OvNetworkManager.h"
+#include "ServerClient/platform/Socket.h"
+#include "ServerClient/rx/Scheduler.h"
+#include "ServerClient/rx/Subjects.h"
+
+namespace kel {
+
+/// The period between reconnection attempts of the clients the builder makes.
+inline constexpr std::chrono::seconds kReconnectionAttempt{3};
+
+/// What the socket builder takes from the operating system.
+struct SocketBuilderPlatform {
+  using SocketFactory = std::function<std::shared_ptr<platform::Socket>(
+      const boost::urls::url& url, std::vector<std::string> protocols)>;
+  using NetworkManagerFactory = std::function<std::shared_ptr<platform::OvNetworkManager>()>;
+
+  /// Makes the WebSocket; without one, newSocket() makes nothing.
+  SocketFactory makeSocket{};
+  /// The shared cookie storage; none: no cookies are sent.
+  CookieHeaderProvider cookieHeaders{};
+  /// Reachability for each client; none: the network counts as always reachable.
+  NetworkManagerFactory makeNetworkManager{};
+  /// Schedulers and lifecycle passed to every client; empty members take their defaults.
+  KelSocketClient::Options clientOptions{};
+
+  /// The operating system's implementations, as far as this build provides them.
+  static SocketBuilderPlatform system();
+};
+
+/// Makes the socket client of each new session for the server's WebSocket URL.
+///
+/// newSocket():
+///  1. makes the socket for `socketURL` with one sub-protocol, the URL's last non-empty path
+///     segment ("wss://host/ws/kel" -> "kel"; none -> "");
+///  2. lets the platform's cookie storage take part in its upgrade request;
+///  3. makes its KelSocketEventHandler;
+///  4. makes the KelSocketClient with that socket and handler, `kelEventHandler` for server
+///     events, the reconnection period, and a reconnectAuth that reads the current session token
+///     through the builder, held weakly (nothing once the builder is gone).
+/// The concrete socket, the cookie storage and the reachability source come from `Platform`.
+class SocketBuilder : public std::enable_shared_from_this<SocketBuilder> {
+ public:
+  /// Yields the signed-in user's session token, or nothing.
+  using SessionToken = std::function<std::optional<std::string>()>;
+  using SocketFactory = SocketBuilderPlatform::SocketFactory;
+  using NetworkManagerFactory = SocketBuilderPlatform::NetworkManagerFactory;
+
+  using Platform = SocketBuilderPlatform;
+
+  /// `userSession` reads the current session token; tokenOf() makes it from the facade's
+  /// subject of the signed-in user's data.
+  static std::shared_ptr<SocketBuilder> create(
+      boost::urls::url kelURL, boost::urls::url socketURL,
+      std::shared_ptr<ServerEventHandler> kelEventHandler, SessionToken userSession,
+      Platform platform = Platform::system(),
+      rx::Duration reconnectionAttempt = kReconnectionAttempt);
+
+  /// The `token` of the subject's current value; nothing when it holds none or failed.
+  template <class Session>
+  static SessionToken tokenOf(rx::BehaviorSubject<std::optional<Session>> userSession) {
+    return [userSession]() -> std::optional<std::string> {
+      try {
+        if (auto session = userSession.value()) return session->token;
+      } catch (...) {
+      }
+      return std::nullopt;
+    };
+  }
+
+  /// A new client for a new session, or null when the platform cannot make a socket.
+  std::shared_ptr<SocketClient> newSocket();
+
+  const boost::urls::url& kelURL() const noexcept { return kelURL_; }
+  const boost::urls::url& socketURL() const noexcept { return socketURL_; }
+
+ private:
+  struct Passkey {
+    explicit Passkey() = default;
+  };
+
+ public:
+  SocketBuilder(Passkey, boost::urls::url kelURL, boost::urls::url socketURL,
+                std::shared_ptr<ServerEventHandler> kelEventHandler, SessionToken userSession,
+                Platform platform, rx::Duration reconnectionAttempt);
+
+ private:
+  boost::urls::url kelURL_;
+  boost::urls::url socketURL_;
+  std::shared_ptr<ServerEventHandler> kelEventHandler_;
+  SessionToken userSession_;
+  Platform platform_;
+  rx::Duration reconnectionAttempt_;
+};
+
+/// The sub-protocol the builder asks for on `socketURL`: its last non-empty path segment.
+std::string socketSubProtocol(const boost::urls::url& socketURL);
+
+}  // namespace kel

@@ -1,0 +1,78 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include <boost/url/url_view.hpp>
+
+#include "ServerClient/Socket/Events/SocketEventHandler.h"
+#include "ServerClient/platform/Socket.h"
+#include "ServerClient/platform/UpgradeRequest.h"
+#include "ServerClient/rx/Observable.h"
+#include "ServerClient/rx/Scheduler.h"
+
+namespace kel {
+
+/// How long the connector and the authenticator wait for the server.
+inline constexpr std::chrono::seconds kConnectionTimeout{20};
+
+/// The cookie storage's header fields for a URL: nothing when the storage holds no cookie list
+/// for it at all, otherwise the fields its cookie-to-header conversion yields (typically one
+/// "Cookie" field; none for an empty list).
+using CookieHeaderProvider =
+    std::function<std::optional<std::vector<platform::UpgradeRequest::HeaderField>>(
+        boost::urls::url_view url)>;
+
+/// What the connector takes by injection; empty members take their defaults.
+struct SocketConnectorOptions {
+  /// Runs the time-out; by default a serial queue labelled "SocketConnector".
+  rx::SchedulerPtr connectionScheduler{};
+  /// The cookie storage; none by default (no cookie fields are set).
+  CookieHeaderProvider cookieHeaders{};
+};
+
+/// Opens the WebSocket with the session cookies and waits for it to be open.
+///
+/// connect(), when subscribed:
+///  1. makes the https form of the socket URL (every "wss" replaced by "https") and fails with
+///     GenericError(invalidURL(text)) when that is no URL;
+///  2. sets the cookie header fields for the socket URL, or, when the storage has no cookie list
+///     for it, those for the https URL, on the socket's upgrade request;
+///  3. logs "Trying to connect socket" and calls socket.connect();
+///  4. succeeds with one element at the first `connected` state of the event handler (its current
+///     state counts), or fails with ConnectionError(timeout, -1) after `connectionTimeout`.
+/// The state stream is watched before the socket is asked to connect, so an open that is
+/// reported at once is not missed. Disposing stops the wait; the socket is not closed.
+class SocketConnector {
+ public:
+  using Options = SocketConnectorOptions;
+
+  SocketConnector(std::shared_ptr<platform::Socket> socket,
+                  std::shared_ptr<SocketEventHandler> eventHandler,
+                  std::chrono::seconds connectionTimeout, Options options = {});
+
+  rx::Single<rx::Unit> connect() const;
+
+  std::chrono::seconds connectionTimeout() const noexcept { return connectionTimeout_; }
+
+ private:
+  std::shared_ptr<platform::Socket> socket_;
+  std::shared_ptr<SocketEventHandler> eventHandler_;
+  std::chrono::seconds connectionTimeout_;
+  rx::SchedulerPtr connectionScheduler_;
+  CookieHeaderProvider cookieHeaders_;
+};
+
+namespace detail {
+/// An observable that fails with ConnectionError(timeout, -1, "") `after` the subscription, on
+/// `scheduler`: the losing side of the connection and request races.
+rx::Observable<rx::Unit> timeoutFailure(std::chrono::seconds after, rx::SchedulerPtr scheduler);
+/// One element at the first state of `kind` on `states`, then completion.
+rx::Observable<rx::Unit> firstState(const rx::Observable<SocketState>& states,
+                                    SocketState::Kind kind);
+}  // namespace detail
+
+}  // namespace kel

@@ -1,0 +1,145 @@
+#pragma once
+
+// A socket client wired to an in-memory socket and one virtual-time scheduler for every queue,
+// with the test playing the server.
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "ServerClient/Common/SDKError.h"
+#include "ServerClient/Socket/Client/KelSocketClient.h"
+#include "ServerClient/Socket/Events/KelSocketEventHandler.h"
+#include "ServerClient/Socket/Model/PathRepresentable.h"
+#include "ServerClient/Socket/Model/Request.h"
+#include "ServerClient/platform/ApplicationLifecycle.h"
+#include "ServerClient/platform/InMemorySocket.h"
+#include "ServerClient/platform/OvNetworkManager.h"
+#include "ServerClient/rx/TestScheduler.h"
+
+namespace kel::testing {
+
+using namespace std::chrono_literals;
+
+enum class TestPath { presence, users };
+[[maybe_unused]] constexpr auto pathTable(TestPath) {
+  return makePathTable<TestPath>({{TestPath::presence, "/presence"}, {TestPath::users, "/users"}});
+}
+
+inline JsonRequest<TestPath> testRequest(std::int64_t id,
+                                         std::chrono::seconds timeout = kDefaultRequestTimeout) {
+  return {.requestID = id, .timeout = timeout, .pathname = TestPath::presence, .method = "GET"};
+}
+
+/// A response frame for request `id`.
+inline std::string responseFrame(std::int64_t id, const nlohmann::json& members = {}) {
+  nlohmann::json response = members.is_object() ? members : nlohmann::json::object();
+  response["id"] = id;
+  return "3" + response.dump();
+}
+
+class RecordingServerEventHandler final : public ServerEventHandler {
+ public:
+  void handle(const nlohmann::json& event) override {
+    std::lock_guard lock(mutex_);
+    events_.push_back(event);
+  }
+  void stopListeningForEvents() override {}
+  std::vector<nlohmann::json> events() const {
+    std::lock_guard lock(mutex_);
+    return events_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<nlohmann::json> events_;
+};
+
+/// Records one send: the resources, the failure, the completion, with their virtual times.
+struct SendRecord {
+  std::vector<Resource> resources;
+  std::exception_ptr error;
+  std::optional<rx::TimePoint> errorAt;
+  bool completed = false;
+  rx::Disposable subscription;
+
+  bool terminated() const { return completed || error; }
+};
+
+class SocketClientTest : public ::testing::Test {
+ protected:
+  static constexpr auto kToken = "session-token";
+
+  SocketClientTest() { client_ = makeClient(); }
+
+  std::shared_ptr<KelSocketClient> makeClient() {
+    KelSocketClient::Options options;
+    options.socketScheduler = scheduler_;
+    options.connectionScheduler = scheduler_;
+    options.authenticationScheduler = scheduler_;
+    options.reconnectionScheduler = scheduler_;
+    options.networkManager = network_;
+    options.applicationLifecycle = lifecycle_;
+    return KelSocketClient::create(
+        socket_, handler_, serverEvents_, [this] { return sessionToken_; }, 3s, options);
+  }
+
+  /// Lets the server acknowledge every "AUTH " frame.
+  void acknowledgeAuthentication() {
+    socket_->setSendHandler([socket = socket_](const std::string& text) {
+      if (text.starts_with("AUTH ")) socket->receiveMessage(R"({"kapiId":"k-1"})");
+    });
+  }
+
+  /// Connects and authenticates; everything happens at once on the in-memory socket.
+  void authenticate() {
+    acknowledgeAuthentication();
+    bool done = false;
+    client_->connect(kToken).subscribe([&](rx::Unit) { done = true; });
+    ASSERT_TRUE(done);
+    ASSERT_EQ(SocketState::authenticated(), client_->currentStatus());
+  }
+
+  std::shared_ptr<SendRecord> send(const AnyRequest& request) {
+    auto record = std::make_shared<SendRecord>();
+    record->subscription = client_->send(request).subscribe(
+        [record](const Resource& r) { record->resources.push_back(r); },
+        [record, scheduler = scheduler_](std::exception_ptr e) {
+          record->error = e;
+          record->errorAt = scheduler->now();
+        },
+        [record] { record->completed = true; });
+    return record;
+  }
+
+  /// Request frames written so far (the "AUTH " frame left out).
+  std::vector<std::string> requestFrames() const {
+    std::vector<std::string> frames;
+    for (auto& text : socket_->sentTexts()) {
+      if (text.starts_with("2")) frames.push_back(text);
+    }
+    return frames;
+  }
+
+  std::shared_ptr<rx::TestScheduler> scheduler_ = std::make_shared<rx::TestScheduler>();
+  std::shared_ptr<platform::InMemorySocket> socket_ = std::make_shared<platform::InMemorySocket>(
+      boost::urls::url("wss://kel.test/ws/kel"), std::vector<std::string>{"kel"});
+  std::shared_ptr<KelSocketEventHandler> handler_ = KelSocketEventHandler::create(socket_);
+  std::shared_ptr<RecordingServerEventHandler> serverEvents_ =
+      std::make_shared<RecordingServerEventHandler>();
+  std::shared_ptr<platform::InMemoryNetworkManager> network_ =
+      std::make_shared<platform::InMemoryNetworkManager>(platform::OvNetworkStatus::reachable);
+  std::shared_ptr<platform::ApplicationLifecycle> lifecycle_ =
+      std::make_shared<platform::ApplicationLifecycle>();
+  std::optional<std::string> sessionToken_ = kToken;
+  std::shared_ptr<KelSocketClient> client_;
+};
+
+}  // namespace kel::testing
