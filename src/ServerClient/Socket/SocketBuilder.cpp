@@ -6,13 +6,27 @@
 #include "ServerClient/Client/ServerLog.h"
 #include "ServerClient/Common/SDKError.h"
 #include "ServerClient/Socket/Events/KelSocketEventHandler.h"
+#include "ServerClient/platform/HTTPCookieStorage.h"
+#include "ServerClient/platform/NetlinkNetworkManager.h"
+#include "ServerClient/platform/WebSocketTaskConnectionWrapper.h"
 
 namespace kel {
 
 SocketBuilderPlatform SocketBuilderPlatform::system() {
-  // The WebSocket wrapper, the shared cookie storage and the reachability monitor of the
-  // operating system are plugged in here as their adapters arrive in platform/.
-  return {};
+  SocketBuilderPlatform platform;
+  platform.makeSocket = [](const boost::urls::url& url, std::vector<std::string> protocols) {
+    return std::make_shared<platform::WebSocketTaskConnectionWrapper>(url, std::move(protocols));
+  };
+  platform.cookieHeaders = [](boost::urls::url_view url)
+      -> std::optional<std::vector<platform::UpgradeRequest::HeaderField>> {
+    const auto cookies = platform::HTTPCookieStorage::shared()->cookies(url);
+    if (cookies.empty()) return std::nullopt;
+    return platform::HTTPCookieStorage::requestHeaderFields(cookies);
+  };
+  platform.makeNetworkManager = []() -> std::shared_ptr<platform::OvNetworkManager> {
+    return platform::NetlinkNetworkManager::shared();
+  };
+  return platform;
 }
 
 std::string socketSubProtocol(const boost::urls::url& socketURL) {

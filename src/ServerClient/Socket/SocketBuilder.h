@@ -38,7 +38,7 @@ struct SocketBuilderPlatform {
   /// Schedulers and lifecycle passed to every client; empty members take their defaults.
   KelSocketClient::Options clientOptions{};
 
-  /// The operating system's implementations, as far as this build provides them.
+  /// The Beast WebSocket, the shared cookie storage and netlink reachability.
   static SocketBuilderPlatform system();
 };
 
