@@ -25,7 +25,7 @@ class RatioReporter final : public benchmark::ConsoleReporter {
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const auto& run : runs) {
       if (run.run_type == Run::RT_Iteration && !run.error_occurred) {
-        nanosPerIteration_[run.benchmark_name()] =
+        nanosPerIteration_[run.run_name.function_name] =
             run.GetAdjustedRealTime() * benchmark::GetTimeUnitMultiplier(benchmark::kNanosecond) /
             benchmark::GetTimeUnitMultiplier(run.time_unit);
       }
