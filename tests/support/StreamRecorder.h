@@ -1,101 +1,108 @@
 #pragma once
 
-// Records what a stream delivers on whatever thread it delivers, and lets a test wait for it:
+// Subscribes to a stream and keeps what it delivered, on whatever thread it delivers; tests that
+// drive the source by hand read it at once, tests against real threads wait for it:
 //
-//   auto states = StreamRecorder<SocketState>::subscribe(client->socketConnectionEventChannel());
+//   StreamRecorder renewal(service.renewSession(session));      // virtual time, fakes
+//   auto states =
+//   std::make_shared<StreamRecorder<SocketState>>(client->socketConnectionEventChannel());
 //   ASSERT_TRUE(states->waitFor([](auto& s) { return s == SocketState::authenticated(); }));
 
 #include <chrono>
-#include <cstddef>
 #include <condition_variable>
+#include <cstddef>
 #include <exception>
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <vector>
 
-#include "ServerClient/rx/Disposable.h"
 #include "ServerClient/rx/Observable.h"
+#include "ServerClient/rx/Single.h"
 
-namespace kel::test {
+namespace kel::testing {
 
 inline constexpr std::chrono::seconds kStreamWait{10};
 
 template <class T>
-class StreamRecorder : public std::enable_shared_from_this<StreamRecorder<T>> {
+class StreamRecorder {
  public:
-  static std::shared_ptr<StreamRecorder> subscribe(const rx::Observable<T>& stream) {
-    auto recorder = std::make_shared<StreamRecorder>();
-    std::weak_ptr<StreamRecorder> weak = recorder;
-    auto subscription = stream.subscribe(
-        [weak](const T& value) {
-          if (auto self = weak.lock()) self->update([&] { self->values_.push_back(value); });
+  explicit StreamRecorder(const rx::Observable<T>& stream) : state_(std::make_shared<State>()) {
+    subscription_ = stream.subscribe(
+        [state = state_](const T& value) {
+          state->update([&] { state->values.push_back(value); });
         },
-        [weak](std::exception_ptr error) {
-          if (auto self = weak.lock()) self->update([&] { self->error_ = error; });
+        [state = state_](std::exception_ptr error) {
+          state->update([&] { state->error = std::move(error); });
         },
-        [weak] {
-          if (auto self = weak.lock()) self->update([&] { self->completed_ = true; });
-        });
-    std::lock_guard lock(recorder->mutex_);
-    recorder->subscription_ = std::move(subscription);
-    return recorder;
+        [state = state_] { state->update([&] { state->completed = true; }); });
   }
-
+  explicit StreamRecorder(const rx::Single<T>& single) : StreamRecorder(single.asObservable()) {}
   ~StreamRecorder() { subscription_.dispose(); }
+
+  StreamRecorder(const StreamRecorder&) = delete;
+  StreamRecorder& operator=(const StreamRecorder&) = delete;
+
+  std::vector<T> values() const {
+    std::lock_guard lock(state_->mutex);
+    return state_->values;
+  }
+  /// A reference, so that errorAs can look into it; set at most once, by the stream's failure.
+  const std::exception_ptr& error() const {
+    std::lock_guard lock(state_->mutex);
+    return state_->error;
+  }
+  bool completed() const {
+    std::lock_guard lock(state_->mutex);
+    return state_->completed;
+  }
+  bool terminated() const { return completed() || error(); }
 
   /// Waits until `count` values satisfy `predicate`.
   bool waitFor(const std::function<bool(const T&)>& predicate, std::size_t count = 1,
                std::chrono::milliseconds timeout = kStreamWait) const {
-    return waitUntil(
-        [&] {
-          std::size_t matching = 0;
-          for (const auto& value : values_) {
-            if (predicate(value)) ++matching;
-          }
-          return matching >= count;
-        },
-        timeout);
+    std::unique_lock lock(state_->mutex);
+    return state_->changed.wait_for(lock, timeout, [&] {
+      std::size_t matching = 0;
+      for (const auto& value : state_->values) {
+        if (predicate(value)) ++matching;
+      }
+      return matching >= count;
+    });
   }
-  /// Waits for the error or the completion.
+  /// Waits for the failure or the completion.
   bool waitForEnd(std::chrono::milliseconds timeout = kStreamWait) const {
-    return waitUntil([&] { return completed_ || error_; }, timeout);
+    std::unique_lock lock(state_->mutex);
+    return state_->changed.wait_for(lock, timeout,
+                                    [&] { return state_->completed || state_->error; });
   }
 
-  std::vector<T> values() const {
-    std::lock_guard lock(mutex_);
-    return values_;
-  }
-  std::exception_ptr error() const {
-    std::lock_guard lock(mutex_);
-    return error_;
-  }
-  bool completed() const {
-    std::lock_guard lock(mutex_);
-    return completed_;
-  }
   void dispose() { subscription_.dispose(); }
 
  private:
-  void update(const std::function<void()>& change) {
-    {
-      std::lock_guard lock(mutex_);
-      change();
+  struct State {
+    template <class F>
+    void update(F&& change) {
+      {
+        std::lock_guard lock(mutex);
+        change();
+      }
+      changed.notify_all();
     }
-    changed_.notify_all();
-  }
-  bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) const {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, timeout, condition);
-  }
 
-  mutable std::mutex mutex_;  // guards the members below
-  mutable std::condition_variable changed_;
-  std::vector<T> values_;
-  std::exception_ptr error_;
-  bool completed_ = false;
+    std::mutex mutex;  // guards the members below
+    std::condition_variable changed;
+    std::vector<T> values;
+    std::exception_ptr error;
+    bool completed = false;
+  };
+  std::shared_ptr<State> state_;
   rx::Disposable subscription_;
 };
 
-}  // namespace kel::test
+template <class T>
+StreamRecorder(const rx::Observable<T>&) -> StreamRecorder<T>;
+template <class T>
+StreamRecorder(const rx::Single<T>&) -> StreamRecorder<T>;
+
+}  // namespace kel::testing

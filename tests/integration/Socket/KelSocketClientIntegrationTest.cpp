@@ -31,7 +31,7 @@ namespace {
 using namespace std::chrono_literals;
 using emulator::Emulator;
 using emulator::Recipients;
-using test::StreamRecorder;
+using testing::StreamRecorder;
 
 enum class Resources { echo, missing, broken };
 [[maybe_unused]] constexpr auto pathTable(Resources) {
@@ -54,7 +54,7 @@ bool isAuthenticated(const SocketState& state) {
   return state == SocketState::authenticated();
 }
 
-class SocketClientAgainstEmulator : public testing::Test {
+class SocketClientAgainstEmulator : public ::testing::Test {
  protected:
   /// Starts the emulator (TLS with the test authority's localhost certificate when `tls`).
   void start(bool tls = false) {
@@ -102,13 +102,13 @@ class SocketClientAgainstEmulator : public testing::Test {
         boost::urls::url(urls_.kelURL), boost::urls::url(socketURL), events_,
         [this] { return std::optional(token_); }, std::move(platform), 100ms);
     auto client = std::dynamic_pointer_cast<KelSocketClient>(builder_->newSocket());
-    states_ = StreamRecorder<SocketState>::subscribe(client->socketConnectionEventChannel());
+    states_ = std::make_shared<StreamRecorder<SocketState>>(client->socketConnectionEventChannel());
     return client;
   }
 
   /// Connects and authenticates, failing the test when that does not happen.
   void connect(const std::shared_ptr<KelSocketClient>& client) {
-    auto connected = StreamRecorder<rx::Unit>::subscribe(client->connect(token_));
+    auto connected = std::make_shared<StreamRecorder<rx::Unit>>(client->connect(token_));
     ASSERT_TRUE(connected->waitForEnd());
     ASSERT_EQ(nullptr, connected->error()) << describeError(connected->error());
     ASSERT_EQ(1u, connected->values().size());
@@ -118,7 +118,7 @@ class SocketClientAgainstEmulator : public testing::Test {
   /// Sends and waits for the outcome.
   std::shared_ptr<StreamRecorder<Resource>> send(const std::shared_ptr<KelSocketClient>& client,
                                                  const AnyRequest& request) {
-    auto outcome = StreamRecorder<Resource>::subscribe(client->send(request));
+    auto outcome = std::make_shared<StreamRecorder<Resource>>(client->send(request));
     EXPECT_TRUE(outcome->waitForEnd());
     return outcome;
   }
@@ -167,7 +167,7 @@ TEST_F(SocketClientAgainstEmulator, SignsInSendsTheSessionCookieAndExchangesRequ
   EXPECT_EQ(ConnectionErrorType::serverError, serverError->type());
   EXPECT_EQ(500, serverError->code());
 
-  auto received = StreamRecorder<KelEvent>::subscribe(events_->eventChannel());
+  auto received = std::make_shared<StreamRecorder<KelEvent>>(events_->eventChannel());
   EXPECT_EQ(1u, emulator_->pushEvent(Recipients::user("alice"), "/presence/alice", "PUT",
                                      {{"status", "away"}}));
   ASSERT_TRUE(received->waitFor([](const KelEvent& e) { return e.param == "alice"; }));
@@ -198,7 +198,7 @@ TEST_F(SocketClientAgainstEmulator, SecureSocketsNeedATrustedCertificateForTheHo
     options.reconnectionScheduler = virtualTime;
     auto client = makeClient(urls_.socketURL, trustTestAuthority, options);
     const auto upgrades = emulator_->counters().upgrades;
-    auto connected = StreamRecorder<rx::Unit>::subscribe(client->connect(token_));
+    auto connected = std::make_shared<StreamRecorder<rx::Unit>>(client->connect(token_));
     ASSERT_TRUE(states_->waitFor(
         [](const SocketState& s) { return s.kind() == SocketState::Kind::disconnected; }));
     EXPECT_EQ(upgrades, emulator_->counters().upgrades);
@@ -252,7 +252,7 @@ TEST_F(SocketClientAgainstEmulator, MalformedFramesAreIgnoredAndTheSessionGoesOn
   start();
   auto client = makeClient(urls_.socketURL, false);
   connect(client);
-  auto received = StreamRecorder<KelEvent>::subscribe(events_->eventChannel());
+  auto received = std::make_shared<StreamRecorder<KelEvent>>(events_->eventChannel());
 
   using emulator::Malformed;
   for (auto kind : {Malformed::notJson, Malformed::bareThree, Malformed::list, Malformed::scalar,
@@ -289,7 +289,8 @@ TEST_F(SocketClientAgainstEmulator, PendingRequestsEndWithATimeOutOrTheStop) {
 
   // A server that never answers: the request times out.
   emulator_->faultNextRequests(1, emulator::Fault::withhold());
-  auto withheld = StreamRecorder<Resource>::subscribe(client->send(request(Resources::echo)));
+  auto withheld =
+      std::make_shared<StreamRecorder<Resource>>(client->send(request(Resources::echo)));
   virtualTime->advanceBy(0s);
   ASSERT_TRUE(emulator_->waitUntil([&] { return emulator_->counters().requests == 1; }, 5s));
   virtualTime->advanceBy(kDefaultRequestTimeout);
@@ -302,7 +303,8 @@ TEST_F(SocketClientAgainstEmulator, PendingRequestsEndWithATimeOutOrTheStop) {
   emulator_->faultAllRequests(emulator::Fault::withhold());
   std::vector<std::shared_ptr<StreamRecorder<Resource>>> pending;
   for (int i = 0; i < 20; ++i) {
-    pending.push_back(StreamRecorder<Resource>::subscribe(client->send(request(Resources::echo))));
+    pending.push_back(
+        std::make_shared<StreamRecorder<Resource>>(client->send(request(Resources::echo))));
   }
   virtualTime->advanceBy(0s);
   ASSERT_TRUE(emulator_->waitUntil([&] { return emulator_->counters().requests == 21; }, 5s));
