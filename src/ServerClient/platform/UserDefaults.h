@@ -1,0 +1,99 @@
+#pragma once
+
+// A small persistent store of booleans and texts by key, for the few facts the library keeps
+// between runs outside the keychain (whether a stored session may be restored).
+//
+// FileUserDefaults keeps every value in memory and rewrites one JSON object file on each change,
+// atomically: the new content goes to a temporary file in the same directory, which is flushed
+// to disk, renamed over the old file, and the directory is flushed too. A crash or a failed
+// write therefore leaves either the old file or the new one, never a mix. When a write fails
+// (full disk, unwritable directory) the setter returns the error, logs it, and the old file
+// stays as it was; the new value still holds in memory for this process and is written with the
+// next change that succeeds. A file that is not a JSON object reads as empty, with an error in
+// the log, and is replaced by the next write.
+//
+// Several processes may share one file; each writes its whole view, so the last writer wins.
+// All members of every implementation are thread-safe.
+
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <variant>
+
+namespace kel::platform {
+
+class UserDefaults {
+ public:
+  virtual ~UserDefaults() = default;
+
+  /// The value stored under `key`; false when there is none or it is not a boolean.
+  virtual bool boolForKey(std::string_view key) const = 0;
+  /// The text stored under `key`; nothing when there is none or it is not a text.
+  virtual std::optional<std::string> stringForKey(std::string_view key) const = 0;
+
+  /// Stores `value` under `key`, replacing what was there. An empty error code once it is
+  /// persisted.
+  virtual std::error_code setBool(bool value, std::string_view key) = 0;
+  virtual std::error_code setString(std::string_view value, std::string_view key) = 0;
+  virtual std::error_code removeObject(std::string_view key) = 0;
+
+  /// The process-wide store in the default file, see FileUserDefaults::defaultPath().
+  static std::shared_ptr<UserDefaults> standard();
+};
+
+/// Values kept in memory only, for tests of code that uses user defaults.
+class InMemoryUserDefaults final : public UserDefaults {
+ public:
+  bool boolForKey(std::string_view key) const override;
+  std::optional<std::string> stringForKey(std::string_view key) const override;
+  std::error_code setBool(bool value, std::string_view key) override;
+  std::error_code setString(std::string_view value, std::string_view key) override;
+  std::error_code removeObject(std::string_view key) override;
+
+ private:
+  mutable std::mutex mutex_;  // guards values_
+  std::map<std::string, std::variant<bool, std::string>, std::less<>> values_;
+};
+
+/// Values in one JSON file, written atomically.
+class FileUserDefaults final : public UserDefaults {
+ public:
+  /// Writes all of `bytes` to the open file `fd`; an error code when that failed. Replaceable for
+  /// tests that need a write to fail part-way, as on a full disk.
+  using WriteAll = std::function<std::error_code(int fd, std::string_view bytes)>;
+
+  /// The store in `path`, read now; the directory is created on the first write.
+  explicit FileUserDefaults(std::filesystem::path path, WriteAll writeAll = {});
+
+  /// "$XDG_CONFIG_HOME/ServerClient/defaults.json", or "~/.config/ServerClient/defaults.json"
+  /// when XDG_CONFIG_HOME is unset or not an absolute path; nothing when neither it nor HOME
+  /// give an absolute directory.
+  static std::optional<std::filesystem::path> defaultPath();
+
+  const std::filesystem::path& path() const noexcept { return path_; }
+
+  bool boolForKey(std::string_view key) const override;
+  std::optional<std::string> stringForKey(std::string_view key) const override;
+  std::error_code setBool(bool value, std::string_view key) override;
+  std::error_code setString(std::string_view value, std::string_view key) override;
+  std::error_code removeObject(std::string_view key) override;
+
+ private:
+  using Value = std::variant<bool, std::string>;
+
+  void load();
+  std::error_code persist();  // needs mutex_
+
+  const std::filesystem::path path_;
+  const WriteAll writeAll_;
+  mutable std::mutex mutex_;  // guards values_ and every write of the file
+  std::map<std::string, Value, std::less<>> values_;
+};
+
+}  // namespace kel::platform
