@@ -77,9 +77,9 @@ struct SignInAnswer {
   /// E.g. 500: a server error that still carries valid data.
   int status = 200;
   /// Top-level keys left out of the session data, e.g. "credential".
-  std::vector<std::string> omitKeys;
+  std::vector<std::string> omitKeys{};
   /// Sent verbatim instead of the session data, as text/plain (nothing is created then).
-  std::optional<std::string> rawBody;
+  std::optional<std::string> rawBody{};
 };
 
 /// How refused tokens are answered.

@@ -142,12 +142,12 @@ rx::Single<HTTPResponse> dataTask(std::shared_ptr<HTTPClient> client, HTTPReques
 class BeastHTTPClient final : public HTTPClient {
  public:
   struct Options {
-    TlsTrust trust;
+    TlsTrust trust{};
     /// Larger bodies fail with responseTooLarge as soon as their size is known (Content-Length)
     /// or reached (chunked), before more is buffered. The sign-in answer is a few KiB.
     std::size_t maxResponseBodySize = 1024 * 1024;
     /// Where cookies come from and go to; the shared storage when null.
-    std::shared_ptr<HTTPCookieStorage> cookieStorage;
+    std::shared_ptr<HTTPCookieStorage> cookieStorage{};
   };
 
   /// Throws std::invalid_argument when a certificate authority of `options` cannot be read.
