@@ -1,0 +1,30 @@
+#pragma once
+
+#include <optional>
+
+#include "ServerClient/Auth/Model/AuthenticationData.h"
+#include "ServerClient/Client/SocketService.h"
+#include "ServerClient/rx/Subjects.h"
+
+namespace kel {
+
+/// One renewal of the signed-in session: PUT "/sessions/<session id>" with
+/// {"registered": <credential id>}. The facade runs it periodically while connected.
+class KeepConnectionService : public SocketService {
+ public:
+  enum class Path { sessions };
+  friend constexpr auto pathTable(Path) {
+    return makePathTable<Path>({{Path::sessions, "/sessions"}});
+  }
+
+  explicit KeepConnectionService(SocketClientSlot socketClient);
+
+  /// Renews the session held by `userSession` at the time of the call. Yields one element and
+  /// completes, whether the server accepted the renewal or the request failed: a missed renewal
+  /// is retried by the next one, and the loop must not stop on it. Completes at once, sending
+  /// nothing, when there is no session (or the subject has failed).
+  rx::Observable<rx::Unit> renewSession(
+      const rx::BehaviorSubject<std::optional<AuthenticationData>>& userSession);
+};
+
+}  // namespace kel

@@ -1,0 +1,50 @@
+#pragma once
+
+// A server user, as the sign-in answer, groups and meetings carry it.
+//
+//   {"id": "u1", "domain": "example.org", "email": "ann@example.org", "username": "ann",
+//    "alias": "Ann", "mobilePhone": ["+100"], "role": "user", "gatewayUsername": "ann.gw"}
+//
+// Every key but "gatewayUsername" is required when decoding. Encoding writes "id", "alias",
+// "domain", "email", "username", "mobilePhone" and "role" (keys sorted, as nlohmann writes them)
+// and never
+// "gatewayUsername": that name is local to the device and is not sent back to the server.
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <boost/describe/class.hpp>
+#include <nlohmann/json_fwd.hpp>
+
+namespace kel {
+
+/// The prefix of a user's address form.
+inline constexpr std::string_view kKelUserPrefix = "kel-user:";
+
+struct User {
+  std::string userId;
+  std::string domain;
+  std::string email;
+  std::string username;
+  std::string alias;
+  std::vector<std::string> mobilePhones;
+  std::string role;
+  std::optional<std::string> gatewayUsername;
+
+  /// The address form of the user that other domains use: "kel-user:" followed by the id.
+  std::string kelUri() const;
+
+  bool operator==(const User&) const = default;
+};
+BOOST_DESCRIBE_STRUCT(User, (),
+                      (userId, domain, email, username, alias, mobilePhones, role, gatewayUsername))
+
+/// Throws nlohmann::json exceptions on a missing or mistyped key; kel::from turns them into the
+/// decoding error. A null "gatewayUsername" reads as absent.
+void from_json(const nlohmann::json& json, User& user);
+/// "gatewayUsername" is left out (see the top of this header).
+void to_json(nlohmann::json& json, const User& user);
+
+}  // namespace kel

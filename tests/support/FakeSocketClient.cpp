@@ -1,0 +1,141 @@
+#include "support/FakeSocketClient.h"
+
+#include <gtest/gtest.h>
+
+#include <utility>
+
+#include "ServerClient/Common/SDKError.h"
+#include "ServerClient/rx/Disposable.h"
+#include "ServerClient/rx/Observable.h"
+
+namespace kel::testing {
+
+FakeSocketClient::FakeSocketClient(SocketState state) : state_(std::move(state)) {}
+
+void FakeSocketClient::setTimeoutScheduler(rx::SchedulerPtr scheduler) {
+  std::lock_guard lock(mutex_);
+  timeoutScheduler_ = std::move(scheduler);
+}
+
+void FakeSocketClient::queueReply(Reply reply) {
+  std::lock_guard lock(mutex_);
+  replies_.push_back(std::move(reply));
+}
+
+std::vector<nlohmann::json> FakeSocketClient::requests() const {
+  std::lock_guard lock(mutex_);
+  return requests_;
+}
+
+nlohmann::json FakeSocketClient::lastRequest() const {
+  auto all = requests();
+  if (all.empty()) {
+    ADD_FAILURE() << "no request was sent";
+    return nullptr;
+  }
+  return all.back();
+}
+
+std::size_t FakeSocketClient::pendingCount() const {
+  std::lock_guard lock(mutex_);
+  return pending_.size();
+}
+
+bool FakeSocketClient::answer(std::int64_t id, const Answer& answer) {
+  rx::Observer<Resource> observer;
+  {
+    std::lock_guard lock(mutex_);
+    const auto it = pending_.find(id);
+    if (it == pending_.end()) return false;
+    observer = it->second;
+    pending_.erase(it);
+  }
+  answer(observer);
+  return true;
+}
+
+void FakeSocketClient::deliver(const rx::Observer<Resource>& observer, std::int64_t id,
+                               const Reply& reply) {
+  if (reply.error) {
+    observer.onError(reply.error);
+    return;
+  }
+  if (reply.body) observer.onNext(Resource{std::to_string(id), reply.body->dump()});
+  observer.onCompleted();
+}
+
+bool FakeSocketClient::respond(std::int64_t id, const nlohmann::json& body) {
+  return answer(id, [&](const auto& observer) { deliver(observer, id, Reply::withBody(body)); });
+}
+
+bool FakeSocketClient::fail(std::int64_t id, std::exception_ptr error) {
+  return answer(id, [&](const auto& observer) { observer.onError(error); });
+}
+
+bool FakeSocketClient::complete(std::int64_t id) {
+  return answer(id, [](const auto& observer) { observer.onCompleted(); });
+}
+
+SocketState FakeSocketClient::currentStatus() const {
+  return state_.value();
+}
+
+rx::Observable<SocketState> FakeSocketClient::socketConnectionEventChannel() const {
+  return state_.asObservable();
+}
+
+rx::Observable<rx::Unit> FakeSocketClient::connect(std::string) {
+  return rx::Observable<rx::Unit>::just(rx::Unit{});
+}
+
+void FakeSocketClient::stop(platform::SocketCloseCode) {
+  std::map<std::int64_t, rx::Observer<Resource>> pending;
+  {
+    std::lock_guard lock(mutex_);
+    pending.swap(pending_);
+  }
+  for (const auto& [id, observer] : pending) observer.onCompleted();
+}
+
+rx::Observable<Resource> FakeSocketClient::send(AnyRequest request) {
+  std::weak_ptr<FakeSocketClient> weak = weak_from_this();
+  auto responses =
+      rx::Observable<Resource>::create([weak, request](rx::Observer<Resource> observer) {
+        auto self = weak.lock();
+        if (!self) {
+          observer.onCompleted();
+          return rx::Disposable();
+        }
+        const auto id = request.requestID();
+        std::optional<Reply> reply;
+        {
+          std::lock_guard lock(self->mutex_);
+          self->requests_.push_back(request.toDictionary());
+          if (!self->replies_.empty()) {
+            reply = std::move(self->replies_.front());
+            self->replies_.pop_front();
+          } else {
+            self->pending_[id] = observer;
+          }
+        }
+        if (reply) {
+          self->deliver(observer, id, *reply);
+          return rx::Disposable();
+        }
+        return rx::Disposable::create([weak, id] {
+          if (auto owner = weak.lock()) {
+            std::lock_guard lock(owner->mutex_);
+            owner->pending_.erase(id);
+          }
+        });
+      });
+
+  std::lock_guard lock(mutex_);
+  if (!timeoutScheduler_) return responses;
+  return responses.timeout(
+      request.timeout(),
+      rx::Observable<Resource>::error(makeError(ConnectionError(ConnectionErrorType::timeout, -1))),
+      timeoutScheduler_);
+}
+
+}  // namespace kel::testing

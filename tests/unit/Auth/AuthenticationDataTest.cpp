@@ -1,0 +1,228 @@
+#include "ServerClient/Auth/Model/AuthenticationData.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "ServerClient/Common/Decoding.h"
+#include "ServerClient/Common/SDKError.h"
+#include "ServerClient/Utils/Description.h"
+#include "ServerClient/Utils/JsonCollection.h"
+
+namespace kel {
+namespace {
+
+using nlohmann::json;
+using namespace std::chrono;
+using Texts = std::vector<std::string>;
+
+json userJson() {
+  return {{"id", "u1"},        {"domain", "example.org"}, {"email", "ann@example.org"},
+          {"username", "ann"}, {"alias", "Ann"},          {"mobilePhone", {"+100", "+200"}},
+          {"role", "admin"}};
+}
+
+json answerJson() {
+  json session = {{"token", "session-own-token"},
+                  {"from", "2024-05-06T10:11:12.345Z"},
+                  {"id", "s-42"},
+                  {"registered", "yes"},
+                  {"to", 1715000000000},
+                  {"userObj", userJson()}};
+  json credential = {{"source", "gw"}, {"user", "kel-ann"},
+                     {"lease", 3600},  {"type", "sip"},
+                     {"id", "cred-7"}, {"data", {{"password", "pw"}, {"realm", "r"}}}};
+  return {{"access_token", "tok"},
+          {"token_type", "Bearer"},
+          {"session", session},
+          {"credential", credential},
+          {"capabilities", {{"domain", {"presence"}}, {"user", json::array()}}}};
+}
+
+/// The GenericError thrown by decoding `document` as T; fails the test when nothing is thrown.
+template <class T>
+GenericError decodingError(const json& document) {
+  try {
+    from<T>(document.dump());
+  } catch (const GenericError& error) {
+    return error;
+  }
+  ADD_FAILURE() << "decoded " << document.dump();
+  return GenericError(GenericErrorType::unknown());
+}
+
+TEST(AuthenticationDataTest, DecodesTheSignInAnswer) {
+  const auto data = from<AuthenticationData>(answerJson().dump());
+  EXPECT_EQ("tok", data.token);
+  EXPECT_EQ("Bearer", data.tokenType);
+  EXPECT_EQ("s-42", data.session.sessionID);
+  EXPECT_EQ("session-own-token", data.session.token);
+  EXPECT_EQ(1715000000000, data.session.to);
+  EXPECT_EQ(sys_days(2024y / May / 6) + 10h + 11min + 12s + 345ms, data.session.from);
+  EXPECT_EQ("u1", data.user.userId);
+  EXPECT_EQ((Texts{"+100", "+200"}), data.user.mobilePhones);
+  EXPECT_EQ("kel-user:u1", data.user.kelUri());
+  EXPECT_EQ(std::nullopt, data.user.gatewayUsername);
+  EXPECT_EQ("kel-ann", data.credential.kelUser);
+  EXPECT_EQ(3600, data.credential.lease);
+  EXPECT_EQ("cred-7", data.credential.credentialId);
+  EXPECT_EQ("pw", data.credential.gatewayCredential.at("password"));
+  ASSERT_NE(nullptr, data.capabilities);
+  EXPECT_EQ((Texts{"presence"}), data.capabilities->domain);
+  EXPECT_FALSE(data.permissions);
+}
+
+TEST(AuthenticationDataTest, AnyMissingOrMistypedRequiredKeyFailsWithTheDecodingError) {
+  const std::vector<json::json_pointer> required = {"/access_token"_json_pointer,
+                                                    "/token_type"_json_pointer,
+                                                    "/session"_json_pointer,
+                                                    "/credential"_json_pointer,
+                                                    "/capabilities"_json_pointer,
+                                                    "/session/userObj"_json_pointer,
+                                                    "/session/from"_json_pointer,
+                                                    "/session/to"_json_pointer,
+                                                    "/session/id"_json_pointer,
+                                                    "/credential/lease"_json_pointer,
+                                                    "/credential/data"_json_pointer,
+                                                    "/capabilities/user"_json_pointer,
+                                                    "/session/userObj/alias"_json_pointer,
+                                                    "/session/userObj/mobilePhone"_json_pointer,
+                                                    "/session/userObj/role"_json_pointer};
+  for (const auto& pointer : required) {
+    SCOPED_TRACE(pointer.to_string());
+    auto document = answerJson();
+    document[pointer.parent_pointer()].erase(pointer.back());
+    const auto error = decodingError<AuthenticationData>(document);
+    EXPECT_EQ(GenericErrorType::Kind::decoding, error.type().kind());
+    EXPECT_EQ(document.dump(), error.type().text());
+  }
+
+  const std::vector<std::pair<json::json_pointer, json>> mistyped = {
+      {"/credential/lease"_json_pointer, 3600.0},
+      {"/credential/lease"_json_pointer, "3600"},
+      {"/session/to"_json_pointer, 1.5},
+      {"/credential/data"_json_pointer, {{"k", 1}}},
+      {"/capabilities/domain"_json_pointer, "presence"},
+      {"/session/userObj/mobilePhone"_json_pointer, "+100"},
+      {"/session/userObj/gatewayUsername"_json_pointer, 7},
+      {"/session/from"_json_pointer, "2024-05-06T10:11:12"},  // no zone
+      {"/session/from"_json_pointer, "2024-02-30T10:11:12Z"},
+      {"/session/from"_json_pointer, true},
+  };
+  for (const auto& [pointer, value] : mistyped) {
+    SCOPED_TRACE(pointer.to_string() + " = " + value.dump());
+    auto document = answerJson();
+    document[pointer] = value;
+    EXPECT_EQ(GenericErrorType::Kind::decoding,
+              decodingError<AuthenticationData>(document).type().kind());
+  }
+}
+
+TEST(AuthenticationDataTest, SessionDateForms) {
+  const auto expected = sys_days(2024y / May / 6) + 10h + 11min + 12s;
+  EXPECT_EQ(expected, parseSessionDate("2024-05-06T10:11:12Z"));
+  EXPECT_EQ(expected, parseSessionDate("2024-05-06T12:41:12+02:30"));
+  EXPECT_EQ(expected, parseSessionDate("2024-05-06T09:11:12-01:00"));
+  EXPECT_EQ(expected + 123456789ns, parseSessionDate("2024-05-06T10:11:12.123456789Z"));
+  for (const char* bad :
+       {"", "2024-05-06", "2024-05-06T10:11:12", "2024-05-06T24:00:00Z", "2024-05-06T10:11:12.Z",
+        "2024-05-06T10:11:12.1234567891Z", "2024-05-06T10:11:12Zjunk", "2024-5-06T10:11:12Z"}) {
+    EXPECT_EQ(std::nullopt, parseSessionDate(bad)) << bad;
+  }
+  // The formatted form reads back; a JSON integer is milliseconds since the epoch.
+  EXPECT_EQ(expected + 5ms, parseSessionDate(formatSessionDate(expected + 5ms)));
+  auto document = answerJson();
+  document["session"]["from"] = 1714990272000;
+  EXPECT_EQ(expected, from<AuthenticationData>(document.dump()).session.from);
+}
+
+TEST(UserTest, GatewayUsernameIsReadButNeverWritten) {
+  auto document = userJson();
+  document["gatewayUsername"] = "ann.gw";
+  auto user = from<User>(document.dump());
+  EXPECT_EQ("ann.gw", user.gatewayUsername);
+
+  document["gatewayUsername"] = nullptr;
+  EXPECT_EQ(std::nullopt, from<User>(document.dump()).gatewayUsername);
+
+  const auto encoded = toCollection(user);
+  EXPECT_FALSE(encoded.contains("gatewayUsername"));
+  EXPECT_EQ(userJson(), encoded);
+}
+
+TEST(CapabilitiesTest, ActiveCombinesDomainDefaultsAndUserAdjustments) {
+  const auto active = [](Texts domain, Texts user) {
+    return Capabilities(std::move(domain), std::move(user)).active();
+  };
+  EXPECT_EQ(Capabilities::defaults(), active({}, {}));
+  EXPECT_EQ((Texts{"chat", "audio-call", "audio-call", "media-update", "multicall", "conferences",
+                   "conference-hold", "screen-share"}),
+            active({"chat", "audio-call"}, {"-video-call", "+screen-share"}));
+  // Removing every default leaves nothing; unsigned entries are ignored.
+  EXPECT_EQ(Texts{}, active({}, {"-audio-call", "-video-call", "-media-update", "-multicall",
+                                 "-conferences", "-conference-hold", "presence"}));
+  // A removal hides the domain's entry and the default, yet the same name added comes back last.
+  EXPECT_EQ((Texts{"video-call", "media-update", "multicall", "conferences", "conference-hold",
+                   "audio-call"}),
+            active({"audio-call"}, {"-audio-call", "+audio-call"}));
+  // Exact comparison: "Presence" is not "presence"; a lone sign names the empty capability.
+  EXPECT_EQ((Texts{"Presence", "audio-call", "video-call", "media-update", "multicall",
+                   "conferences", "conference-hold", ""}),
+            active({"Presence"}, {"-presence", "+"}));
+}
+
+TEST(CapabilitiesTest, ActiveIsWorkedOutOnceAndKept) {
+  const Capabilities capabilities({"presence"}, {});
+  const auto* first = &capabilities.active();
+  EXPECT_EQ(first, &capabilities.active());
+  EXPECT_EQ("presence", capabilities.active().front());
+}
+
+TEST(PermissionsTest, DecodesOptionalMembersAndChecksTheRecordingType) {
+  auto granted = [](const json& recording, std::string_view type) {
+    return from<Permissions>(json{{"recording", recording}, {"voicemail", json::object()}}.dump())
+        .recordingTypeGranted(type);
+  };
+  EXPECT_FALSE(granted(json::object(), ""));
+  EXPECT_TRUE(granted({{"recordingType", ""}}, ""));
+  EXPECT_TRUE(granted({{"recordingType", "always"}}, "always"));
+  EXPECT_FALSE(granted({{"recordingType", "always"}}, "Always"));
+
+  const auto permissions = from<Permissions>(
+      R"({"recording": {"recordingProfile": "p"}, "voicemail": {"enabled": false}})");
+  EXPECT_EQ("p", permissions.recording.recordingProfile);
+  EXPECT_EQ(false, permissions.voicemail.enabled);
+  EXPECT_EQ(GenericErrorType::Kind::decoding,
+            decodingError<Permissions>({{"recording", json::object()}}).type().kind());
+  EXPECT_EQ(GenericErrorType::Kind::decoding,
+            decodingError<Permissions>(
+                {{"recording", json::object()}, {"voicemail", {{"enabled", "yes"}}}})
+                .type()
+                .kind());
+}
+
+TEST(AuthenticationDataTest, DescriptionListsEveryField) {
+  auto data = from<AuthenticationData>(answerJson().dump());
+  data.permissions = Permissions{.recording = {.recordingType = "always"}, .voicemail = {}};
+  const auto text = description(data);
+  EXPECT_EQ(0u, text.find("***** ServerClient.AuthenticationData *****\ntoken: tok\n"
+                          "tokenType: Bearer\nsession: Session(token: \"session-own-token\", "
+                          "from: 2024-05-06T10:11:12.345Z, sessionID: \"s-42\""))
+      << text;
+  EXPECT_NE(std::string::npos,
+            text.find("capabilities: Capabilities(domain: [\"presence\"], user: [])\n"))
+      << text;
+  EXPECT_NE(std::string::npos,
+            text.find("permissions: Permissions(recording: Recording(recordingType: \"always\", "
+                      "recordingProfile: nil), voicemail: Voicemail(enabled: nil))\n"))
+      << text;
+  EXPECT_EQ(0u, description(data.user).find("***** ServerClient.User *****\nuserId: u1\n"));
+  EXPECT_NE(std::string::npos, description(data.credential).find("lease: 3600\n"));
+}
+
+}  // namespace
+}  // namespace kel

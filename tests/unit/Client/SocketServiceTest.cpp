@@ -1,0 +1,96 @@
+#include "ServerClient/Client/SocketService.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <stdexcept>
+
+#include <nlohmann/json.hpp>
+
+#include "ServerClient/Common/SDKError.h"
+#include "ServerClient/rx/Errors.h"
+#include "support/FakeSocketClient.h"
+#include "support/StreamRecorder.h"
+
+namespace kel {
+namespace {
+
+using testing::FakeSocketClient;
+using testing::StreamRecorder;
+
+enum class Path { things };
+[[maybe_unused]] constexpr auto pathTable(Path) {
+  return makePathTable<Path>({{Path::things, "/things"}});
+}
+
+JsonRequest<Path> request(std::int64_t id) {
+  return {.requestID = id,
+          .pathname = Path::things,
+          .body = nlohmann::json{{"k", "v"}},
+          .method = "GET"};
+}
+
+class SocketServiceTest : public ::testing::Test {
+ protected:
+  SocketClientSlot slot_{nullptr};
+  SocketService service_{slot_};
+  std::shared_ptr<FakeSocketClient> client_ = std::make_shared<FakeSocketClient>();
+};
+
+TEST_F(SocketServiceTest, AnEmptySlotFailsAtOnceAndAClientPutThereLaterIsUsed) {
+  StreamRecorder missing(service_.sendRequestOrError(request(1)));
+  const auto* error = errorAs<ConnectionError>(missing.error());
+  ASSERT_NE(nullptr, error);
+  EXPECT_EQ(ConnectionErrorType::noSocketClient, error->type());
+  EXPECT_EQ(-1, error->code());
+  EXPECT_EQ("", error->description());
+
+  slot_.accept(client_);
+  StreamRecorder sent(service_.sendRequestOrError(request(2)));
+  EXPECT_EQ(
+      (nlohmann::json{{"id", 2}, {"path", "/things"}, {"method", "GET"}, {"body", {{"k", "v"}}}}),
+      client_->lastRequest());
+  EXPECT_TRUE(client_->respond(2, {{"ok", true}}));
+  ASSERT_EQ(1u, sent.values().size());
+  EXPECT_EQ((Resource{"2", R"({"ok":true})"}), sent.values().front());
+  EXPECT_TRUE(sent.completed());
+
+  // Emptying the slot again stops the service from reaching the old client.
+  slot_.accept(nullptr);
+  StreamRecorder afterwards(service_.sendRequestOrError(request(3)));
+  EXPECT_NE(nullptr, errorAs<ConnectionError>(afterwards.error()));
+  EXPECT_EQ(1u, client_->requests().size());
+}
+
+TEST_F(SocketServiceTest, ClientErrorsArriveConvertedToSDKErrors) {
+  slot_.accept(client_);
+  StreamRecorder foreign(service_.sendRequestOrError(request(1)));
+  client_->fail(1, std::make_exception_ptr(std::runtime_error("boom")));
+  const auto* generic = errorAs<GenericError>(foreign.error());
+  ASSERT_NE(nullptr, generic);
+  EXPECT_EQ(GenericErrorType::Kind::underlying, generic->type().kind());
+  EXPECT_NE(nullptr, errorAs<std::runtime_error>(generic->type().underlyingError()));
+
+  StreamRecorder server(service_.sendRequestOrError(request(2)));
+  client_->fail(2, makeError(ConnectionError::mapToOvError(404)));
+  const auto* connection = errorAs<ConnectionError>(server.error());
+  ASSERT_NE(nullptr, connection);
+  EXPECT_EQ(ConnectionErrorType::notFound, connection->type());
+}
+
+TEST_F(SocketServiceTest, FirstResourceTakesOneAndTurnsAnEmptyEndIntoAnSDKError) {
+  slot_.accept(client_);
+  StreamRecorder first(SocketService::firstResource(service_.sendRequestOrError(request(1))));
+  client_->respond(1, nlohmann::json::array());
+  EXPECT_EQ(1u, first.values().size());
+  EXPECT_TRUE(first.completed());
+
+  StreamRecorder closed(SocketService::firstResource(service_.sendRequestOrError(request(2))));
+  client_->stop(platform::SocketCloseCode::normalClosure);
+  const auto* error = errorAs<GenericError>(closed.error());
+  ASSERT_NE(nullptr, error);
+  EXPECT_NE(nullptr, errorAs<rx::NoElementsError>(error->type().underlyingError()));
+}
+
+}  // namespace
+}  // namespace kel

@@ -1,0 +1,112 @@
+#include "ServerClient/User/KelUserService.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <memory>
+
+#include <nlohmann/json.hpp>
+
+#include "ServerClient/Common/Decoding.h"
+#include "ServerClient/Common/SDKError.h"
+#include "support/FakeSocketClient.h"
+#include "support/StreamRecorder.h"
+
+namespace kel {
+namespace {
+
+using nlohmann::json;
+using testing::FakeSocketClient;
+using testing::StreamRecorder;
+
+json userJson(const std::string& id) {
+  return {{"id", id},          {"domain", "example.org"}, {"email", "ann@example.org"},
+          {"username", "ann"}, {"alias", "Ann"},          {"mobilePhone", {"+100"}},
+          {"role", "user"}};
+}
+
+class KelUserServiceTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<FakeSocketClient> client_ = std::make_shared<FakeSocketClient>();
+  SocketClientSlot slot_{client_};
+  KelUserService service_{slot_};
+
+  std::int64_t lastId() const { return client_->lastRequest().at("id").get<std::int64_t>(); }
+};
+
+TEST_F(KelUserServiceTest, ReadsAUserById) {
+  StreamRecorder result(service_.user("u 1"));
+  const auto request = client_->lastRequest();
+  EXPECT_EQ("/users/u 1", request.at("path"));
+  EXPECT_EQ("GET", request.at("method"));
+  EXPECT_EQ(json::object(), request.at("body"));
+
+  client_->respond(lastId(), userJson("u 1"));
+  ASSERT_EQ(1u, result.values().size());
+  EXPECT_EQ("u 1", result.values().front().userId);
+
+  // Every call draws its own request identifier.
+  StreamRecorder first(service_.user("u2"));
+  StreamRecorder second(service_.user("u2"));
+  const auto requests = client_->requests();
+  ASSERT_EQ(3u, requests.size());
+  EXPECT_NE(requests[1].at("id"), requests[2].at("id"));
+}
+
+TEST_F(KelUserServiceTest, AResponseThatIsNotAUserFailsWithTheDecodingError) {
+  StreamRecorder result(service_.user("u1"));
+  auto incomplete = userJson("u1");
+  incomplete.erase("alias");
+  client_->respond(lastId(), incomplete);
+  const auto* error = errorAs<GenericError>(result.error());
+  ASSERT_NE(nullptr, error);
+  EXPECT_EQ(GenericErrorType::decoding(incomplete.dump()), error->type());
+}
+
+TEST_F(KelUserServiceTest, UpdateSendsTheEncodedUserAndDecodesEachAnswer) {
+  auto user = from<User>(userJson("u1").dump());
+  user.gatewayUsername = "local-only";
+  user.alias = "Annie";
+  StreamRecorder result(service_.update(user));
+  const auto request = client_->lastRequest();
+  EXPECT_EQ("/users/u1", request.at("path"));
+  EXPECT_EQ("PUT", request.at("method"));
+  auto expectedBody = userJson("u1");
+  expectedBody["alias"] = "Annie";
+  EXPECT_EQ(expectedBody, request.at("body"));
+
+  client_->respond(lastId(), expectedBody);
+  ASSERT_EQ(1u, result.values().size());
+  EXPECT_EQ("Annie", result.values().front().alias);
+  EXPECT_EQ(std::nullopt, result.values().front().gatewayUsername);
+  EXPECT_TRUE(result.completed());
+}
+
+TEST_F(KelUserServiceTest, AUserThatCannotBeEncodedFailsWithoutSending) {
+  auto user = from<User>(userJson("u1").dump());
+  user.alias = "\xff\xfe";  // not UTF-8: no valid JSON text can carry it
+  StreamRecorder result(service_.update(user));
+  const auto* error = errorAs<GenericError>(result.error());
+  ASSERT_NE(nullptr, error);
+  EXPECT_EQ(GenericErrorType::encoding(""), error->type());
+  EXPECT_TRUE(client_->requests().empty());
+}
+
+TEST_F(KelUserServiceTest, FetchesCapabilities) {
+  StreamRecorder result(service_.fetchCapabilities());
+  const auto request = client_->lastRequest();
+  EXPECT_EQ("capabilities", request.at("path"));
+  EXPECT_EQ("GET", request.at("method"));
+  EXPECT_EQ(json::object(), request.at("body"));
+
+  client_->respond(lastId(), {{"domain", {"presence"}}, {"user", {"+chat"}}});
+  ASSERT_EQ(1u, result.values().size());
+  EXPECT_EQ("chat", result.values().front()->active().back());
+
+  StreamRecorder broken(service_.fetchCapabilities());
+  client_->respond(lastId(), {{"domain", {"presence"}}});
+  EXPECT_NE(nullptr, errorAs<GenericError>(broken.error()));
+}
+
+}  // namespace
+}  // namespace kel
