@@ -133,7 +133,7 @@ CommandLineResult parseCommandLine(std::span<const std::string_view> arguments) 
     } else if (flag == "--user") {
       auto text = value();
       if (!text || text->empty()) return fail("--user takes a user id");
-      line.users.push_back(UserSpec{std::string(*text), std::nullopt});
+      line.users.push_back(UserSpec{std::string(*text), std::nullopt, std::nullopt});
     } else if (flag == "--token") {
       auto text = value();
       if (!text || text->empty()) return fail("--token takes a session token");
@@ -141,6 +141,13 @@ CommandLineResult parseCommandLine(std::span<const std::string_view> arguments) 
         return fail("--token belongs right after the --user it is for");
       }
       line.users.back().token = std::string(*text);
+    } else if (flag == "--sign-in-token") {
+      auto text = value();
+      if (!text || text->empty()) return fail("--sign-in-token takes a token");
+      if (line.users.empty() || line.users.back().signInToken) {
+        return fail("--sign-in-token belongs right after the --user it is for");
+      }
+      line.users.back().signInToken = std::string(*text);
     } else {
       return fail("unknown argument: " + std::string(arguments[i]));
     }
@@ -161,7 +168,7 @@ A Kel server for development and tests: the WebSocket protocol and HTTP on one p
 
 Its first line on stdout is one JSON object:
   {"kelURL": "http://HOST:PORT", "socketURL": "ws://HOST:PORT/kel/websocket", "port": PORT,
-   "tls": false, "users": [{"id": ..., "token": ..., "sessionId": ...}]}
+   "tls": false, "users": [{"id": ..., "token": ..., "sessionId": ...[, "signInToken": ...]}]}
 (https and wss with TLS). Log lines go to stderr. SIGINT or SIGTERM stops it (exit status 0).
 
 Options:
@@ -171,6 +178,8 @@ Options:
   --tls-key FILE           ... and this PEM private key
   --user ID                add a user with a session; repeatable
   --token TOKEN            the session token of the preceding --user (default: random)
+  --sign-in-token TOKEN    the token with which the preceding --user signs in over HTTP
+                           (POST /login); without it the user can only resume sessions
   --session-lifetime S     lifetime of sessions in seconds (default 86400)
   --ping-period S          send the ping frame "0" every S seconds, 0 for never (default 30)
   --socket-path PATH       path of the advertised socket URL; its last component is the
@@ -184,7 +193,8 @@ Options:
 The socket speaks: "AUTH " + token (answered {"kapiId": ...}, or closed with 4401 for an unknown
 or expired token); requests "2" + {"id","path","method","body"} answered "3" + {"id","status",
 "body"}; a request before authentication is answered 401. The echo resource at /echo answers any
-method with the request's body.
+method with the request's body. HTTP: POST /login with {"token": <sign-in token>} and
+POST /login/sessionToken with {"token": <session token>} answer the session data.
 )";
   return text;
 }
@@ -199,11 +209,15 @@ std::optional<std::string> loadTlsFiles(CommandLine& commandLine) {
   return std::nullopt;
 }
 
-std::string startupLine(const Urls& urls, bool tls, const std::vector<Session>& sessions) {
+std::string startupLine(const Urls& urls, bool tls, const std::vector<Session>& sessions,
+                        const std::vector<std::optional<std::string>>& signInTokens) {
   nlohmann::ordered_json users = nlohmann::ordered_json::array();
-  for (const auto& session : sessions) {
-    users.push_back(nlohmann::ordered_json{
-        {"id", session.userId}, {"token", session.token}, {"sessionId", session.sessionId}});
+  for (std::size_t i = 0; i < sessions.size(); ++i) {
+    const auto& session = sessions[i];
+    nlohmann::ordered_json user{
+        {"id", session.userId}, {"token", session.token}, {"sessionId", session.sessionId}};
+    if (i < signInTokens.size() && signInTokens[i]) user["signInToken"] = *signInTokens[i];
+    users.push_back(std::move(user));
   }
   nlohmann::ordered_json line{{"kelURL", urls.kelURL},
                               {"socketURL", urls.socketURL},

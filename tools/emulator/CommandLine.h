@@ -17,6 +17,8 @@ struct UserSpec {
   std::string id;
   /// The session token to create for the user; a random one when absent.
   std::optional<std::string> token;
+  /// The outside token with which the user signs in (POST /login); none when absent.
+  std::optional<std::string> signInToken;
 };
 
 struct CommandLine {
@@ -47,7 +49,9 @@ std::string usage(std::string_view program);
 std::optional<std::string> loadTlsFiles(CommandLine& commandLine);
 
 /// The program's first line on stdout: one JSON object with "kelURL", "socketURL", "port",
-/// "tls" and "users" (each with "id", "token" and "sessionId"), no line break inside.
-std::string startupLine(const Urls& urls, bool tls, const std::vector<Session>& sessions);
+/// "tls" and "users" (each with "id", "token" and "sessionId", and "signInToken" when
+/// `signInTokens`, parallel to `sessions`, holds one), no line break inside.
+std::string startupLine(const Urls& urls, bool tls, const std::vector<Session>& sessions,
+                        const std::vector<std::optional<std::string>>& signInTokens = {});
 
 }  // namespace kel::emulator

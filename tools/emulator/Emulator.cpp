@@ -9,9 +9,17 @@ namespace kel::emulator {
 using detail::Outgoing;
 
 Emulator::Emulator(Options options)
-    : server_(std::make_unique<detail::Server>(std::move(options))) {}
+    : server_(std::make_unique<detail::Server>(std::move(options))),
+      signIn_(std::make_unique<SignIn>(
+          server_->store(), [this](std::string_view token) { return endSession(token); },
+          server_->options().tls.has_value())) {
+  signIn_->install(server_->http(), server_->resources());
+}
 
-Emulator::~Emulator() = default;
+// The server goes first: its handlers may still be using the sign-in until it has stopped.
+Emulator::~Emulator() {
+  server_->stop();
+}
 
 Urls Emulator::start() {
   return server_->start();
@@ -66,6 +74,14 @@ ResourceRouter& Emulator::resources() {
 
 HttpRouter& Emulator::http() {
   return server_->http();
+}
+
+SignIn& Emulator::signIn() {
+  return *signIn_;
+}
+
+void Emulator::addAccount(Account account) {
+  signIn_->addAccount(std::move(account));
 }
 
 std::size_t Emulator::pushEvent(const Recipients& to, std::string_view path,

@@ -25,7 +25,8 @@
 //  - Frames that are not "AUTH " or valid requests are counted (SocketInfo::malformedFrames) and
 //    ignored; the socket stays open. WebSocket pongs are counted.
 //  - Pings ("0") every Options::pingPeriod, to every open socket.
-//  - Plain HTTP requests on the same port go to the HTTP router (http()), 404 for now.
+//  - Plain HTTP requests on the same port go to the HTTP router (http()), where the sign-in
+//    routes live (signIn(), SignIn.h) beside whatever a test adds.
 //
 // Threads: the network runs on Options::threads threads of the emulator's own; each connection
 // is served on one strand, so a request is read, routed and answered without changing thread.
@@ -50,6 +51,7 @@
 #include "emulator/Options.h"
 #include "emulator/ResourceRouter.h"
 #include "emulator/SessionStore.h"
+#include "emulator/SignIn.h"
 
 namespace kel::emulator {
 
@@ -114,6 +116,10 @@ class Emulator {
   ResourceRouter& resources();
   /// Plain HTTP on the same port.
   HttpRouter& http();
+  /// The sign-in routes and the account resources (SignIn.h), installed from the start.
+  SignIn& signIn();
+  /// Adds (or replaces) a user together with what signing in answers for it.
+  void addAccount(Account account);
 
   // --- Server to client ---------------------------------------------------------------------
   // Each returns how many sockets the frame was queued for.
@@ -171,6 +177,7 @@ class Emulator {
 
  private:
   std::unique_ptr<detail::Server> server_;
+  std::unique_ptr<SignIn> signIn_;
 };
 
 }  // namespace kel::emulator

@@ -67,12 +67,14 @@ int main(int argc, char** argv) {
     const bool tls = commandLine.options.tls.has_value();
     Emulator emulator(commandLine.options);
     std::vector<Session> sessions;
+    std::vector<std::optional<std::string>> signInTokens;
     for (const auto& user : commandLine.users) {
-      emulator.addUser(user.id);
+      emulator.addAccount(defaultAccount(user.id, user.signInToken));
       sessions.push_back(emulator.sessionStore().createSession(user.id, std::nullopt, user.token));
+      signInTokens.push_back(user.signInToken);
     }
     const auto urls = emulator.start();
-    std::cout << startupLine(urls, tls, sessions) << std::endl;
+    std::cout << startupLine(urls, tls, sessions, signInTokens) << std::endl;
 
     int signal = 0;
     sigwait(&stopSignals, &signal);

@@ -30,15 +30,13 @@
 #include <boost/beast/websocket/stream.hpp>
 #include <boost/url/scheme.hpp>
 
-#include <openssl/ssl.h>
-#include <openssl/x509_vfy.h>
-
 #if defined(__linux__)
 #include <pthread.h>
 #endif
 
 #include "ServerClient/Client/ServerLog.h"
 #include "ServerClient/Version.h"
+#include "ServerClient/platform/TlsClientContext.h"
 
 namespace kel::platform {
 
@@ -171,29 +169,9 @@ Endpoint endpointOf(const boost::urls::url& url) {
 }
 
 std::shared_ptr<ssl::context> makeTlsContext(const WebSocketTaskConnectionWrapper::Options& o) {
-  auto context = std::make_shared<ssl::context>(ssl::context::tls_client);
-  SSL_CTX_set_min_proto_version(context->native_handle(), TLS1_2_VERSION);
-  // Asio's context verifies nothing unless told to.
-  context->set_verify_mode(ssl::verify_peer);
-  beast::error_code ec;
-  if (o.useSystemTrustStore) {
-    context->set_default_verify_paths(ec);
-    if (ec) throw std::invalid_argument("WebSocket: the system's trust store: " + ec.message());
-  }
-  if (!o.extraCertificateAuthoritiesPem.empty()) {
-    context->add_certificate_authority(asio::buffer(o.extraCertificateAuthoritiesPem), ec);
-    if (ec)
-      throw std::invalid_argument("WebSocket: extra certificate authorities: " + ec.message());
-  }
-  if (!o.extraCertificateAuthoritiesFile.empty()) {
-    context->load_verify_file(o.extraCertificateAuthoritiesFile.string(), ec);
-    if (ec) {
-      throw std::invalid_argument("WebSocket: certificate authority file \"" +
-                                  o.extraCertificateAuthoritiesFile.string() +
-                                  "\": " + ec.message());
-    }
-  }
-  return context;
+  return makeTlsClientContext(TlsTrust{o.useSystemTrustStore, o.extraCertificateAuthoritiesPem,
+                                       o.extraCertificateAuthoritiesFile},
+                              "WebSocket");
 }
 
 }  // namespace
@@ -536,15 +514,8 @@ class ConnectionOver final : public Connection {
     if (ec) return fail(ec, "connecting to " + endpoint_.text, SocketCloseCode::abnormalClosure);
     socket().set_option(tcp::no_delay(true), ec);  // requests are small and want no delay
     if constexpr (Tls) {
-      SSL* ssl = stream_.next_layer().native_handle();
-      if (endpoint_.hostIsAddress) {
-        X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl), endpoint_.host.c_str());
-      } else {
-        std::string serverName = endpoint_.host;  // OpenSSL's macro wants it mutable
-        SSL_set_tlsext_host_name(ssl, serverName.data());
-        SSL_set_hostflags(ssl, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
-        SSL_set1_host(ssl, endpoint_.host.c_str());
-      }
+      expectServerName(stream_.next_layer().native_handle(), endpoint_.host,
+                       endpoint_.hostIsAddress);
       stream_.next_layer().async_handshake(ssl::stream_base::client,
                                            [self = shared()](beast::error_code handshakeError) {
                                              self->tlsHandshaken(handshakeError);
@@ -559,11 +530,8 @@ class ConnectionOver final : public Connection {
     if (ec) {
       std::string what = "TLS handshake with " + endpoint_.text + " failed";
       if constexpr (Tls) {
-        const auto verifyResult = SSL_get_verify_result(stream_.next_layer().native_handle());
-        if (verifyResult != X509_V_OK) {
-          what += ": ";
-          what += X509_verify_cert_error_string(verifyResult);
-        }
+        const auto why = certificateVerificationFailure(stream_.next_layer().native_handle());
+        if (!why.empty()) what += ": " + why;
       }
       return fail(ec, what, SocketCloseCode::tlsHandshakeFailure);
     }

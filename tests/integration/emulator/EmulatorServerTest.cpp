@@ -50,23 +50,23 @@ TEST_F(EmulatorTest, StartReportsWhereItListensAndAnAddressServesOneEmulator) {
 }
 
 TEST_F(EmulatorTest, PlainHttpOnTheSamePortGoesToTheHttpRouter) {
-  auto missing = httpRequest(urls_.kelURL, "POST", "/login", "{}");
+  auto missing = httpRequest(urls_.kelURL, "POST", "/greeting", "{}");
   EXPECT_EQ(404, missing.status);
-  EXPECT_EQ((json{{"message", "no resource at /login"}}), json::parse(missing.body));
+  EXPECT_EQ((json{{"message", "no resource at /greeting"}}), json::parse(missing.body));
 
-  emulator().http().route("POST", "/login", [](const HttpRequest& request) {
+  emulator().http().route("POST", "/greeting", [](const HttpRequest& request) {
     auto body = request.json();
     auto response = HttpResponse::json(200, {{"token", body ? body->value("token", "") : ""}});
     response.headers.emplace_back("Set-Cookie", "kelSession=1; Path=/; HttpOnly");
     return response;
   });
-  auto signedIn = httpRequest(urls_.kelURL, "POST", "/login", R"({"token": "outside"})");
+  auto signedIn = httpRequest(urls_.kelURL, "POST", "/greeting", R"({"token": "outside"})");
   EXPECT_EQ(200, signedIn.status);
   EXPECT_EQ((json{{"token", "outside"}}), json::parse(signedIn.body));
   EXPECT_NE(signedIn.headers.end(), std::find(signedIn.headers.begin(), signedIn.headers.end(),
                                               std::pair<std::string, std::string>(
                                                   "Set-Cookie", "kelSession=1; Path=/; HttpOnly")));
-  EXPECT_EQ(405, httpRequest(urls_.kelURL, "GET", "/login").status);
+  EXPECT_EQ(405, httpRequest(urls_.kelURL, "GET", "/greeting").status);
   EXPECT_EQ(3u, emulator().counters().httpRequests);
 }
 

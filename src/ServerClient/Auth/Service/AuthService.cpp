@@ -1,0 +1,187 @@
+#include "ServerClient/Auth/Service/AuthService.h"
+
+#include <utility>
+
+#include <boost/url/parse.hpp>
+
+#include "ServerClient/Client/ServerLog.h"
+#include "ServerClient/Common/Decoding.h"
+#include "ServerClient/Common/Json.h"
+#include "ServerClient/Common/Random.h"
+#include "ServerClient/Common/SDKError.h"
+#include "ServerClient/Socket/Client/SocketClient.h"
+#include "ServerClient/Socket/Model/PathRule.h"
+#include "ServerClient/Socket/Model/Request.h"
+#include "ServerClient/Utils/UnretainedError.h"
+
+namespace kel {
+
+namespace {
+
+using platform::HTTPResponse;
+
+// One client for every service made without one: a single I/O thread for the process.
+std::shared_ptr<platform::HTTPClient> sharedHTTPClient() {
+  static const auto client = std::make_shared<platform::BeastHTTPClient>();
+  return client;
+}
+
+std::shared_ptr<const platform::DeviceInfo> systemDeviceInfo() {
+  static const auto info = std::make_shared<const platform::LinuxDeviceInfo>();
+  return info;
+}
+
+rx::Single<AuthenticationData> failure(std::exception_ptr error) {
+  return rx::Single<AuthenticationData>::error(std::move(error));
+}
+
+}  // namespace
+
+AuthService::AuthService(SocketClientSlot socketClient,
+                         std::shared_ptr<platform::HTTPClient> httpClient,
+                         std::shared_ptr<const platform::DeviceInfo> deviceInfo)
+    : SocketService(std::move(socketClient)),
+      httpClient_(std::move(httpClient)),
+      deviceInfo_(std::move(deviceInfo)) {}
+
+AuthService::AuthService(SocketClientSlot socketClient)
+    : AuthService(std::move(socketClient), sharedHTTPClient(), systemDeviceInfo()) {}
+
+nlohmann::json AuthService::getContext(const std::string& appVersion,
+                                       const boost::urls::url& serverUrl) const {
+  const auto systemName = deviceInfo_->systemName();
+  // Without an identifier of its own the device is a new one on every sign-in.
+  const auto deviceId = deviceInfo_->identifierForVendor().value_or(makeUUIDString());
+  return {
+      {"location", std::string(serverUrl.buffer())},
+      {"platform", systemName},
+      {"deviceId", deviceId},
+      {"useragent", systemName + " " + deviceInfo_->systemVersion() + ";ModelID - " +
+                        deviceInfo_->modelName() + ";App version " + appVersion},
+  };
+}
+
+rx::Single<AuthenticationData> AuthService::login(std::string token, boost::urls::url url,
+                                                  std::string appVersion) {
+  return signIn(Path::login, std::move(token), std::move(url), std::move(appVersion));
+}
+
+rx::Single<AuthenticationData> AuthService::loginSessionToken(std::string token,
+                                                              boost::urls::url url,
+                                                              std::string appVersion) {
+  return signIn(Path::restoreSession, std::move(token), std::move(url), std::move(appVersion));
+}
+
+rx::Single<AuthenticationData> AuthService::signIn(Path path, std::string token,
+                                                   boost::urls::url url, std::string appVersion) {
+  // Appended as text, separator and all: the server's base URL is used exactly as configured.
+  auto target = std::string(url.buffer()) + std::string(rawValue(path));
+  const nlohmann::json body = {{"token", std::move(token)},
+                               {"context", getContext(appVersion, url)}};
+  auto data = dumpJson(body);
+  if (!data) {
+    return failure(makeError(GenericError(GenericErrorType::decoding(
+        body.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)))));
+  }
+  return post(std::move(target), std::move(*data));
+}
+
+rx::Single<AuthenticationData> AuthService::post(std::string url, std::string data) {
+  auto adapted = [](std::exception_ptr error) {
+    return failure(adaptSDKError<AuthErrorType>(std::move(error), ""));
+  };
+  auto parsed = boost::urls::parse_absolute_uri(url);
+  if (!parsed) {
+    KEL_LOG_ERROR("Invalid URL " + url);
+    return adapted(makeError(GenericError(GenericErrorType::invalidURL(url))));
+  }
+  platform::HTTPRequest request("POST", boost::urls::url(*parsed));
+  request.timeout = platform::HTTPRequest::kDefaultTimeout;
+  request.body = std::move(data);
+  request.addValue("application/json", "Content-Type");
+  request.addValue("application/json", "Accept");
+
+  return platform::dataTask(httpClient_, std::move(request))
+      .catchError([url](std::exception_ptr error) {
+        KEL_LOG_ERROR("Error for the request to " + url + " :: " + describeError(error));
+        return rx::Single<HTTPResponse>::error(
+            makeError(GenericError(GenericErrorType::underlying(error))));
+      })
+      .map([url](const HTTPResponse& response) {
+        const auto status = response.statusCode;
+        if (status >= 400 && status <= 499) {
+          KEL_LOG_ERROR("Error code " + std::to_string(status) + " for the request to " + url);
+          throw ConnectionError::mapToOvError(status);
+        }
+        if (response.body.empty()) {
+          KEL_LOG_ERROR("Invalid response for request to " + url);
+          throw GenericError(GenericErrorType::invalidResponse(),
+                             "Invalid response for request: " + url);
+        }
+        return from<AuthenticationData>(response.body);
+      })
+      .catchError(adapted);
+}
+
+rx::Single<AuthenticationData> AuthService::connectSocket(const AuthenticationData& authData) {
+  auto self = weak_from_this().lock();
+  if (!self) return failure(makeError(UnretainedError::failedRetaining()));
+  auto client = socketClient().value();
+  if (!client) {
+    return failure(makeError(ConnectionError(ConnectionErrorType::noSocketClient, -1, "")));
+  }
+  return client->connect(authData.token)
+      .take(1)
+      .map([authData](const rx::Unit&) { return authData; })
+      .asSingle();
+}
+
+rx::Single<AuthenticationData> AuthService::signInChain(rx::Single<AuthenticationData> httpSignIn) {
+  std::weak_ptr<AuthService> weak = weak_from_this();
+  return httpSignIn
+      .flatMap([weak](const AuthenticationData& authData) {
+        auto self = weak.lock();
+        if (!self) return failure(makeError(UnretainedError::failedRetaining()));
+        return self->connectSocket(authData);
+      })
+      .flatMap([weak](const AuthenticationData& authData) {
+        auto self = weak.lock();
+        if (!self) return failure(makeError(UnretainedError::failedRetaining()));
+        return self->getPermissions(authData);
+      });
+}
+
+rx::Single<AuthenticationData> AuthService::registerUser(std::string token, boost::urls::url url,
+                                                         std::string appVersion) {
+  return signInChain(login(std::move(token), std::move(url), std::move(appVersion)));
+}
+
+rx::Single<AuthenticationData> AuthService::session(std::string associatedToToken,
+                                                    boost::urls::url url, std::string appVersion) {
+  return signInChain(
+      loginSessionToken(std::move(associatedToToken), std::move(url), std::move(appVersion)));
+}
+
+rx::Single<AuthenticationData> AuthService::getPermissions(AuthenticationData authData) {
+  JsonRequest<Path> request{
+      .pathname = Path::permissions, .body = nlohmann::json::object(), .method = "GET"};
+  return firstResource(sendRequestOrError(std::move(request)))
+      .map([authData = std::move(authData)](const Resource& resource) {
+        auto updated = authData;
+        updated.permissions = from<Permissions>(resource.data);
+        return updated;
+      });
+}
+
+rx::Single<rx::Unit> AuthService::unregister(AuthenticationData user) {
+  JsonRequest<Path> request{
+      .pathname = Pathname<Path>(Path::session, {PathRule::append(user.session.sessionID)}),
+      .headers = {{"Authorization", user.tokenType + " " + user.token}},
+      .body = nlohmann::json::object(),
+      .method = "DELETE"};
+  return firstResource(sendRequestOrError(std::move(request))).map([](const Resource&) {
+    return rx::Unit{};
+  });
+}
+
+}  // namespace kel

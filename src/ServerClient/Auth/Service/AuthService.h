@@ -1,0 +1,91 @@
+#pragma once
+
+// Signing in, resuming a session and ending it.
+//
+// Sign-in is the one exchange that does not use the socket: an HTTP POST of
+//   {"token": <token>, "context": {"location", "platform", "deviceId", "useragent"}}
+// to the base URL followed directly by "/login" (an outside token) or "/login/sessionToken" (a
+// stored session token), answered by the AuthenticationData JSON. The base URL's text is used as
+// given: one that ends in "/" yields "//login". Then the socket client in the slot connects with
+// the answer's token, and the user's permissions are read over the socket.
+//
+// Errors of the HTTP exchange reach the caller through adaptSDKError<AuthErrorType>:
+//   transport failure       GenericError underlying (the HTTPClientError)
+//   status 400-499          ConnectionError::mapToOvError(status); the body is not read
+//   empty body              GenericError invalidResponse, "Invalid response for request: <url>"
+//   undecodable body        the decoding error (a {"type": "Wrong credentials", ...} document
+//                           becomes that AuthError)
+// Any other status, 5xx included, is decoded like a 200. A body that cannot be serialised fails
+// with GenericError decoding, unadapted; a target that is not a URL with GenericError invalidURL.
+//
+// The service keeps no state. Create it with std::make_shared: the sign-in chains hold it weakly
+// and fail with UnretainedError::failedRetaining once it is gone. The HTTP answer arrives on the
+// HTTP client's thread, the socket steps on the socket layer's schedulers; callers choose where
+// they observe.
+
+#include <memory>
+#include <string>
+
+#include <boost/url/url.hpp>
+#include <nlohmann/json.hpp>
+
+#include "ServerClient/Auth/Model/AuthenticationData.h"
+#include "ServerClient/Client/SocketService.h"
+#include "ServerClient/Socket/Model/PathRepresentable.h"
+#include "ServerClient/platform/DeviceInfo.h"
+#include "ServerClient/platform/HTTPClient.h"
+#include "ServerClient/rx/Observable.h"
+
+namespace kel {
+
+class AuthService : public SocketService, public std::enable_shared_from_this<AuthService> {
+ public:
+  enum class Path { login, restoreSession, session, permissions };
+  friend constexpr auto pathTable(Path) {
+    return makePathTable<Path>({
+        {Path::login, "/login"},
+        {Path::restoreSession, "/login/sessionToken"},
+        {Path::session, "/sessions"},
+        {Path::permissions, "/permissions"},
+    });
+  }
+
+  /// Signs in over `httpClient` and describes the device with `deviceInfo`.
+  AuthService(SocketClientSlot socketClient, std::shared_ptr<platform::HTTPClient> httpClient,
+              std::shared_ptr<const platform::DeviceInfo> deviceInfo);
+  /// The same over a BeastHTTPClient of the shared cookie storage and the system's device
+  /// information.
+  explicit AuthService(SocketClientSlot socketClient);
+
+  /// Full sign-in with an outside token: login, socket connection, permissions.
+  rx::Single<AuthenticationData> registerUser(std::string token, boost::urls::url url,
+                                              std::string appVersion);
+  /// Resumes a stored session token: the same chain with loginSessionToken.
+  rx::Single<AuthenticationData> session(std::string associatedToToken, boost::urls::url url,
+                                         std::string appVersion);
+  /// Ends `user`'s session: DELETE /sessions/<session id> with its "Authorization".
+  rx::Single<rx::Unit> unregister(AuthenticationData user);
+  /// `authData` with the permissions read over the socket.
+  rx::Single<AuthenticationData> getPermissions(AuthenticationData authData);
+
+  /// The HTTP calls alone.
+  rx::Single<AuthenticationData> login(std::string token, boost::urls::url url,
+                                       std::string appVersion);
+  rx::Single<AuthenticationData> loginSessionToken(std::string token, boost::urls::url url,
+                                                   std::string appVersion);
+  /// POSTs `data` to `url` and decodes the answer (errors as at the top).
+  rx::Single<AuthenticationData> post(std::string url, std::string data);
+  /// The "context" object of the sign-in body.
+  nlohmann::json getContext(const std::string& appVersion, const boost::urls::url& serverUrl) const;
+
+ private:
+  rx::Single<AuthenticationData> signIn(Path path, std::string token, boost::urls::url url,
+                                        std::string appVersion);
+  rx::Single<AuthenticationData> connectSocket(const AuthenticationData& authData);
+  rx::Single<AuthenticationData> signInChain(rx::Single<AuthenticationData> httpSignIn);
+
+  const std::shared_ptr<platform::HTTPClient> httpClient_;
+  const std::shared_ptr<const platform::DeviceInfo> deviceInfo_;
+};
+
+}  // namespace kel

@@ -1,0 +1,134 @@
+#include "ServerClient/Auth/Service/AuthService.h"
+
+#include <gtest/gtest.h>
+
+#include <boost/url/parse.hpp>
+
+#include "ServerClient/Common/Decoding.h"
+#include "ServerClient/Common/SDKError.h"
+#include "ServerClient/Utils/UnretainedError.h"
+#include "support/FakeSocketClient.h"
+
+namespace kel {
+namespace {
+
+using platform::InMemoryHTTPClient;
+using Outcome = InMemoryHTTPClient::Outcome;
+
+const char* const kAnswer = R"({
+  "access_token": "T1", "token_type": "Bearer",
+  "session": {"token": "T1", "from": 1700000000000, "id": "S1", "registered": "C1",
+              "to": 1700003600000,
+              "userObj": {"id": "u1", "domain": "d", "email": "e", "username": "n", "alias": "a",
+                          "mobilePhone": [], "role": "user"}},
+  "credential": {"source": "s", "user": "u1", "lease": 1, "type": "sip", "id": "C1",
+                 "data": {}},
+  "capabilities": {"domain": [], "user": []}})";
+
+class AuthServiceTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    http_->setResponder(
+        [](const platform::HTTPRequest&) { return Outcome::respond(200, kAnswer); });
+  }
+
+  std::shared_ptr<AuthService> makeService(std::shared_ptr<SocketClient> client) {
+    return std::make_shared<AuthService>(SocketClientSlot(std::move(client)), http_,
+                                         std::make_shared<platform::FixedDeviceInfo>());
+  }
+
+  template <class T>
+  static std::pair<std::optional<T>, std::exception_ptr> outcome(const rx::Single<T>& single) {
+    std::pair<std::optional<T>, std::exception_ptr> result;
+    single.subscribe([&](const T& value) { result.first = value; },
+                     [&](std::exception_ptr e) { result.second = e; });
+    return result;
+  }
+
+  static boost::urls::url base() { return boost::urls::url("https://kel.example.com/api"); }
+
+  std::shared_ptr<InMemoryHTTPClient> http_ = std::make_shared<InMemoryHTTPClient>();
+};
+
+TEST_F(AuthServiceTest, RegisterPostsTheTokenThenConnectsAndReadsThePermissions) {
+  auto socket = std::make_shared<testing::FakeSocketClient>();
+  socket->queueReply(testing::FakeSocketClient::Reply::withBody(
+      {{"recording", {{"recordingType", "all"}}}, {"voicemail", nlohmann::json::object()}}));
+  auto service = makeService(socket);
+
+  const auto [data, error] = outcome(service->registerUser("outside", base(), "4.2.0"));
+  ASSERT_TRUE(data) << describeError(error);
+  ASSERT_TRUE(data->permissions);
+  EXPECT_TRUE(data->permissions->recordingTypeGranted("all"));
+
+  const auto requests = http_->requests();
+  ASSERT_EQ(1u, requests.size());
+  EXPECT_EQ("https://kel.example.com/api/login", requests[0].url.buffer());
+  EXPECT_EQ((std::vector<platform::HTTPHeaderField>{{"Content-Type", "application/json"},
+                                                    {"Accept", "application/json"}}),
+            requests[0].headerFields);
+  EXPECT_EQ(std::chrono::milliseconds(60'000), requests[0].timeout);
+  const auto body = nlohmann::json::parse(requests[0].body);
+  EXPECT_EQ("outside", body.at("token"));
+  // A device without an identifier is a new device every time.
+  outcome(service->login("outside", base(), "4.2.0"));
+  EXPECT_NE(body.at("context").at("deviceId"),
+            nlohmann::json::parse(http_->requests().at(1).body).at("context").at("deviceId"));
+
+  EXPECT_EQ("/permissions", socket->requests().at(0).at("path"));
+  EXPECT_EQ("GET", socket->requests().at(0).at("method"));
+}
+
+TEST_F(AuthServiceTest, SocketStepFailures) {
+  const auto [data, error] = outcome(makeService(nullptr)->registerUser("x", base(), "1"));
+  const auto* missing = errorAs<ConnectionError>(error);
+  ASSERT_NE(nullptr, missing) << describeError(error);
+  EXPECT_EQ(ConnectionErrorType::noSocketClient, missing->type());
+  EXPECT_EQ(1u, http_->requests().size());
+
+  // The service goes away while the HTTP answer is outstanding.
+  http_->setResponder([](const platform::HTTPRequest&) { return std::nullopt; });
+  auto service = makeService(std::make_shared<testing::FakeSocketClient>());
+  std::exception_ptr late;
+  auto subscription =
+      service->session("stored", base(), "1")
+          .subscribe([](const AuthenticationData&) {}, [&](std::exception_ptr e) { late = e; });
+  EXPECT_EQ("https://kel.example.com/api/login/sessionToken",
+            http_->requests().back().url.buffer());
+  service.reset();
+  ASSERT_TRUE(http_->completePending(Outcome::respond(200, kAnswer)));
+  EXPECT_NE(nullptr, errorAs<UnretainedError>(late));
+}
+
+TEST_F(AuthServiceTest, HttpFailuresAreAdaptedAndTransportErrorsWrapped) {
+  auto service = makeService(nullptr);
+  const auto failed = std::make_exception_ptr(
+      platform::HTTPClientError(platform::HTTPClientError::Kind::timedOut, {}, "slow"));
+  http_->setResponder([&](const platform::HTTPRequest&) { return Outcome::fail(failed); });
+  const auto transport = outcome(service->login("x", base(), "1")).second;
+  ASSERT_NE(nullptr, errorAs<GenericError>(transport));
+  EXPECT_EQ(failed, errorAs<GenericError>(transport)->type().underlyingError());
+
+  const auto invalid = outcome(service->post("not a url", "{}")).second;
+  ASSERT_NE(nullptr, errorAs<GenericError>(invalid));
+  EXPECT_EQ(GenericErrorType::invalidURL("not a url"), errorAs<GenericError>(invalid)->type());
+  EXPECT_EQ(1u, http_->requests().size());
+}
+
+TEST_F(AuthServiceTest, UnregisterDeletesTheSession) {
+  auto socket = std::make_shared<testing::FakeSocketClient>();
+  socket->queueReply(testing::FakeSocketClient::Reply::empty());
+  socket->queueReply(testing::FakeSocketClient::Reply::withBody(nlohmann::json::object()));
+  auto service = makeService(socket);
+  auto user = from<AuthenticationData>(kAnswer);
+  const auto [done, error] = outcome(service->unregister(user));
+  // A reply without a resource (the socket closed) is a failure, not a success.
+  EXPECT_FALSE(done);
+  EXPECT_NE(nullptr, error);
+  EXPECT_TRUE(outcome(service->unregister(user)).first.has_value());
+  EXPECT_EQ("/sessions/S1", socket->requests().at(0).at("path"));
+  EXPECT_EQ("DELETE", socket->requests().at(0).at("method"));
+}
+
+}  // namespace
+}  // namespace kel
