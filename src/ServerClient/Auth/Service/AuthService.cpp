@@ -20,17 +20,6 @@ namespace {
 
 using platform::HTTPResponse;
 
-// One client for every service made without one: a single I/O thread for the process.
-std::shared_ptr<platform::HTTPClient> sharedHTTPClient() {
-  static const auto client = std::make_shared<platform::BeastHTTPClient>();
-  return client;
-}
-
-std::shared_ptr<const platform::DeviceInfo> systemDeviceInfo() {
-  static const auto info = std::make_shared<const platform::LinuxDeviceInfo>();
-  return info;
-}
-
 rx::Single<AuthenticationData> failure(std::exception_ptr error) {
   return rx::Single<AuthenticationData>::error(std::move(error));
 }
@@ -43,6 +32,19 @@ AuthService::AuthService(SocketClientSlot socketClient,
     : SocketService(std::move(socketClient)),
       httpClient_(std::move(httpClient)),
       deviceInfo_(std::move(deviceInfo)) {}
+
+// One client for every service made without one: a single I/O thread for the process.
+const std::shared_ptr<platform::HTTPClient>& AuthService::sharedHTTPClient() {
+  static const std::shared_ptr<platform::HTTPClient> client =
+      std::make_shared<platform::BeastHTTPClient>();
+  return client;
+}
+
+const std::shared_ptr<const platform::DeviceInfo>& AuthService::systemDeviceInfo() {
+  static const std::shared_ptr<const platform::DeviceInfo> info =
+      std::make_shared<const platform::LinuxDeviceInfo>();
+  return info;
+}
 
 AuthService::AuthService(SocketClientSlot socketClient)
     : AuthService(std::move(socketClient), sharedHTTPClient(), systemDeviceInfo()) {}

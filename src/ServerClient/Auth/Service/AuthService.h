@@ -57,6 +57,10 @@ class AuthService : public SocketService, public std::enable_shared_from_this<Au
   /// information.
   explicit AuthService(SocketClientSlot socketClient);
 
+  /// The process-wide HTTP client (one I/O thread) and this machine's device information.
+  static const std::shared_ptr<platform::HTTPClient>& sharedHTTPClient();
+  static const std::shared_ptr<const platform::DeviceInfo>& systemDeviceInfo();
+
   /// Full sign-in with an outside token: login, socket connection, permissions.
   rx::Single<AuthenticationData> registerUser(std::string token, boost::urls::url url,
                                               std::string appVersion);

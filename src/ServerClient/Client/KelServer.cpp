@@ -1,0 +1,462 @@
+#include "ServerClient/Client/KelServer.h"
+
+#include <utility>
+
+#include "ServerClient/Auth/Service/AuthService.h"
+#include "ServerClient/Client/ServerLog.h"
+#include "ServerClient/Common/SDKError.h"
+#include "ServerClient/KeepConnection/KeepConnectionService.h"
+#include "ServerClient/Push/PushService.h"
+#include "ServerClient/User/UserService.h"
+#include "ServerClient/Utils/Description.h"
+#include "ServerClient/Utils/RepeatBehavior.h"
+#include "ServerClient/rx/Schedulers.h"
+
+namespace kel {
+
+namespace {
+
+using Domain = ServiceProvider::Domain;
+
+GenericError socketURLError(const boost::urls::url& socketURL) {
+  return GenericError(GenericErrorType::invalidURL(std::string(socketURL.buffer())), "");
+}
+
+}  // namespace
+
+std::shared_ptr<KelServer> KelServer::create(boost::urls::url kelURL, boost::urls::url socketURL,
+                                             std::string appVersion, std::string teamId,
+                                             Options options) {
+  auto server =
+      std::make_shared<KelServer>(Passkey{}, std::move(kelURL), std::move(socketURL),
+                                  std::move(appVersion), std::move(teamId), std::move(options));
+  server->performActionsOnStateChange();
+  return server;
+}
+
+KelServer::KelServer(Passkey, boost::urls::url kelURL, boost::urls::url socketURL,
+                     std::string appVersion, std::string teamId, Options options)
+    : kelURL_(std::move(kelURL)),
+      socketURL_(std::move(socketURL)),
+      appVersion_(std::move(appVersion)),
+      teamId_(std::move(teamId)),
+      options_(std::move(options)),
+      capabilityValidator_(std::make_shared<CapabilityValidator>()),
+      sessionState_(std::make_shared<ServerState>()),
+      kelEventHandler_(std::make_shared<KelEventHandler>()) {
+  if (!options_.mainScheduler) options_.mainScheduler = rx::MainScheduler::instance();
+  if (!options_.makeUserInitiatedScheduler) {
+    options_.makeUserInitiatedScheduler = [] {
+      return std::make_shared<rx::ConcurrentDispatchQueueScheduler>();
+    };
+  }
+  if (!options_.resumeTimeoutScheduler) {
+    options_.resumeTimeoutScheduler = std::make_shared<rx::ConcurrentDispatchQueueScheduler>();
+  }
+  if (!options_.renewalScheduler) {
+    options_.renewalScheduler =
+        std::make_shared<rx::SerialDispatchQueueScheduler>("rx.global_dispatch_queue.serial");
+  }
+  if (!options_.keychain) options_.keychain = platform::SecretServiceKeychain::shared();
+  if (!options_.userDefaults) options_.userDefaults = platform::UserDefaults::standard();
+  if (!options_.applicationLifecycle) {
+    options_.applicationLifecycle = platform::ApplicationLifecycle::shared();
+  }
+  if (!options_.deviceInfo) options_.deviceInfo = AuthService::systemDeviceInfo();
+  if (!options_.httpClient) options_.httpClient = AuthService::sharedHTTPClient();
+  socketBuilder_ = SocketBuilder::create(
+      kelURL_, socketURL_, kelEventHandler_, SocketBuilder::tokenOf(userSession_),
+      options_.socketPlatform.value_or(SocketBuilder::Platform::system()),
+      options_.reconnectionAttempt);
+  serviceProvider_ = makeServiceProvider();
+}
+
+KelServer::~KelServer() = default;
+
+std::shared_ptr<ServiceProvider> KelServer::makeServiceProvider() const {
+  auto provider = std::make_shared<ServiceProvider>(capabilityValidator_);
+  provider->registerFactory(
+      Domain::authorization,
+      [http = options_.httpClient, device = options_.deviceInfo](SocketClientSlot slot) {
+        return std::shared_ptr<SocketService>(
+            std::make_shared<AuthService>(std::move(slot), http, device));
+      });
+  return provider;
+}
+
+template <class T>
+std::shared_ptr<T> KelServer::service(Domain domain) {
+  std::lock_guard lock(providerMutex_);
+  return serviceProvider_->service<T>(domain, ServiceProvider::Dependencies::socket(socketClient_));
+}
+
+std::shared_ptr<UserService> KelServer::userService() {
+  return service<UserService>(Domain::user);
+}
+
+std::shared_ptr<PushService> KelServer::pushService() {
+  return service<PushService>(Domain::push);
+}
+
+// --- Wiring -------------------------------------------------------------------------------------
+
+void KelServer::performActionsOnStateChange() {
+  std::weak_ptr<KelServer> weak = weak_from_this();
+
+  socketClient_.asObservable()
+      .subscribe([weak](const std::shared_ptr<SocketClient>& client) {
+        auto self = weak.lock();
+        if (!self) return;
+        if (client) {
+          self->sessionState_->setSocketEvents(client->socketConnectionEventChannel());
+        } else {
+          self->sessionState_->setSocketEvents(std::nullopt);
+        }
+      })
+      .disposed(disposeBag_);
+
+  sessionState_->needsNewSession()
+      .subscribe([weak](rx::Unit) {
+        if (auto self = weak.lock()) self->clearSessionInfo();
+      })
+      .disposed(disposeBag_);
+
+  // Each entry into connected starts one renewal loop; the loop ends with the next disconnection.
+  sessionState_->currentState()
+      .asObservable()
+      .distinctUntilChanged()
+      .filter([](State state) { return state == State::connected; })
+      .flatMap([weak](State) {
+        auto self = weak.lock();
+        return self ? self->renewSession() : rx::Observable<rx::Unit>::empty();
+      })
+      .subscribe([](rx::Unit) {})
+      .disposed(disposeBag_);
+
+  options_.applicationLifecycle->willEnterForeground()
+      .subscribe([weak](rx::Unit) {
+        if (auto self = weak.lock()) self->appIsInBackground_ = false;
+      })
+      .disposed(disposeBag_);
+  options_.applicationLifecycle->didEnterBackground()
+      .subscribe([weak](rx::Unit) {
+        if (auto self = weak.lock()) self->appIsInBackground_ = true;
+      })
+      .disposed(disposeBag_);
+}
+
+void KelServer::onNewAuthenticationData(const AuthenticationData& data) {
+  capabilityValidator_->setCapabilities(data.capabilities);
+  sessionState_->setUserSession(data);
+  userSession_.onNext(data);
+}
+
+rx::Observable<rx::Unit> KelServer::renewSession() {
+  std::call_once(renewOnce_, [this] {
+    std::weak_ptr<KelServer> weak = weak_from_this();
+    auto ended = sessionState_->currentState().asObservable().filter([](State state) {
+      return state == State::disconnected || state == State::disconnectedBackground;
+    });
+    renewSession_ = rx::interval(renewalPeriod, options_.renewalScheduler)
+                        .flatMapLatest([weak](std::int64_t) -> rx::Observable<rx::Unit> {
+                          auto self = weak.lock();
+                          if (!self) return rx::Observable<rx::Unit>::empty();
+                          std::shared_ptr<KeepConnectionService> keepConnection;
+                          try {
+                            keepConnection =
+                                self->service<KeepConnectionService>(Domain::keepConnection);
+                          } catch (...) {
+                            return rx::Observable<rx::Unit>::error(std::current_exception());
+                          }
+                          return keepConnection->renewSession(self->userSession_).retry();
+                        })
+                        .takeUntil(ended);
+  });
+  return renewSession_;
+}
+
+rx::Observable<rx::Unit> KelServer::waitForSocketDisconnected() const {
+  return sessionState_->currentState()
+      .asObservable()
+      .filter([](State state) { return state == State::disconnected; })
+      .take(1)
+      .map([](State) { return rx::Unit{}; });
+}
+
+// --- Keychain -----------------------------------------------------------------------------------
+
+std::optional<std::string> KelServer::keychainAccessGroup() const {
+  return kel::keychainAccessGroup(teamId_);
+}
+
+KeychainTokenItem KelServer::tokenItem() const {
+  return KeychainTokenItem(keychainService(), keychainAccessGroup(), options_.keychain);
+}
+
+std::string KelServer::storedServerURL() const {
+  // The base URL without its last path component: "https://kel.example/api/v1" and
+  // "https://kel.example/api/v1/" give "https://kel.example/api/"; a URL without a path is kept.
+  boost::urls::url url = kelURL_;
+  std::string path(url.encoded_path());
+  while (path.size() > 1 && path.ends_with('/')) path.pop_back();
+  if (const auto slash = path.rfind('/'); slash != std::string::npos && path != "/") {
+    path.resize(slash + 1);
+    url.set_encoded_path(path);
+  }
+  return std::string(url.buffer());
+}
+
+void KelServer::saveToken(const AuthenticationData& data) const {
+  try {
+    tokenItem().saveToken(data.token, storedServerURL());
+  } catch (...) {
+    KEL_LOG_ERROR("Error saving token: " + describeError(std::current_exception()));
+  }
+}
+
+bool KelServer::canRestoreSession() const {
+  try {
+    tokenItem().readToken();
+  } catch (...) {
+    return false;
+  }
+  return options_.userDefaults->boolForKey(keychainService());
+}
+
+std::string KelServer::lastUrlServer() const {
+  try {
+    return tokenItem().readToken().url;
+  } catch (...) {
+    return {};
+  }
+}
+
+rx::SchedulerPtr KelServer::userInitiatedScheduler() const {
+  return options_.makeUserInitiatedScheduler();
+}
+
+// --- Sign-in and restore ------------------------------------------------------------------------
+
+rx::Single<AuthenticationData> KelServer::connect(std::string token) {
+  if (auto previous = socketClient_.value())
+    previous->stop(platform::SocketCloseCode::normalClosure);
+  auto client = socketBuilder_->newSocket();
+  if (!client)
+    return rx::Single<AuthenticationData>::error(
+        std::make_exception_ptr(socketURLError(socketURL_)));
+  KEL_LOG_DEBUG("KelServer: Starting connecting...");
+  sessionState_->emit(State::connecting);
+  socketClient_.accept(client);
+
+  std::shared_ptr<AuthService> authService;
+  try {
+    authService = service<AuthService>(Domain::authorization);
+  } catch (...) {
+    return rx::Single<AuthenticationData>::error(toSDKError(std::current_exception()));
+  }
+
+  std::weak_ptr<KelServer> weak = weak_from_this();
+  std::weak_ptr<AuthService> weakAuth = authService;
+  return rx::Single<AuthenticationData>::deferred(
+             [weakAuth, token = std::move(token), url = kelURL_, appVersion = appVersion_] {
+               auto auth = weakAuth.lock();
+               if (!auth) {
+                 return rx::Single<AuthenticationData>::error(
+                     std::make_exception_ptr(ServiceProvider::serviceNotFound()));
+               }
+               return auth->registerUser(token, url, appVersion);
+             })
+      .map([weak](AuthenticationData data) {
+        if (auto self = weak.lock()) {
+          if (auto error = self->options_.userDefaults->setBool(true, keychainService())) {
+            KEL_LOG_ERROR("Error saving the restore flag: " + error.message());
+          }
+          self->saveToken(data);
+          self->onNewAuthenticationData(data);
+        }
+        return data;
+      })
+      .subscribeOn(userInitiatedScheduler())
+      .observeOn(options_.mainScheduler)
+      .doOnSuccess([](const AuthenticationData& data) {
+        KEL_LOG_DEBUG("User connected: " + description(data.user));
+      })
+      .doOnError([weak](std::exception_ptr error) {
+        KEL_LOG_ERROR("Error connecting KEL session >> " + describeError(error));
+        if (auto self = weak.lock()) self->sessionState_->emit(State::error);
+      });
+}
+
+rx::Single<AuthenticationData> KelServer::restoreSession(bool shouldCheckBackgroundState) {
+  KeychainTokenItem::StoredToken stored;
+  try {
+    stored = tokenItem().readToken();
+  } catch (...) {
+    KEL_LOG_ERROR("No token to restore the session");
+    return rx::Single<AuthenticationData>::error(std::make_exception_ptr(
+        GenericError(GenericErrorType::notAllowed("No token to restore the session"), "")));
+  }
+  KEL_LOG_DEBUG("KelServer: Starting restoring...");
+  const auto scheduler = userInitiatedScheduler();
+  std::weak_ptr<KelServer> weak = weak_from_this();
+
+  // The socket layer is reconnecting by itself: wait for it rather than sign in again.
+  const auto client = socketClient_.value();
+  const auto session = sessionState_->userSession();
+  if (client && session &&
+      client->currentStatus() ==
+          SocketState::disconnected(SocketStateDisconnectedReason::lostConnection)) {
+    KEL_LOG_DEBUG("User connected: " + description(session->user));
+    return client->socketConnectionEventChannel()
+        .filter([](const SocketState& state) { return state == SocketState::authenticated(); })
+        .take(1)
+        .asSingle()
+        .timeout(timeoutRestoreSession, options_.resumeTimeoutScheduler)
+        .map([session = *session](const SocketState&) { return session; })
+        .subscribeOn(scheduler)
+        .observeOn(options_.mainScheduler)
+        .catchError([weak](std::exception_ptr error) {
+          auto self = weak.lock();
+          if (!self) return rx::Single<AuthenticationData>::error(error);
+          KEL_LOG_ERROR("Session expired. Creating new session...");
+          self->sessionState_->setUserSession(std::nullopt);
+          self->userSession_.onNext(std::nullopt);
+          return self->restoreSession(true);
+        });
+  }
+
+  if (shouldCheckBackgroundState && appIsInBackground_) {
+    KEL_LOG_ERROR("Session not restored because app is in background");
+    return rx::Single<AuthenticationData>::error(std::make_exception_ptr(GenericError(
+        GenericErrorType::notAllowed("Session not restored because app is in background"), "")));
+  }
+
+  auto newClient = socketBuilder_->newSocket();
+  if (!newClient) {
+    return rx::Single<AuthenticationData>::error(
+        std::make_exception_ptr(socketURLError(socketURL_)));
+  }
+  sessionState_->emit(State::connecting);
+  socketClient_.accept(newClient);
+
+  std::shared_ptr<AuthService> authService;
+  try {
+    authService = service<AuthService>(Domain::authorization);
+  } catch (const GenericError&) {
+    return rx::Single<AuthenticationData>::error(std::current_exception());
+  } catch (...) {
+    return rx::Single<AuthenticationData>::error(toSDKError(std::current_exception()));
+  }
+
+  std::weak_ptr<AuthService> weakAuth = authService;
+  auto attempt = rx::Single<AuthenticationData>::deferred(
+      [weakAuth, token = stored.token, url = kelURL_, appVersion = appVersion_] {
+        auto auth = weakAuth.lock();
+        if (!auth) {
+          return rx::Single<AuthenticationData>::error(
+              std::make_exception_ptr(ServiceProvider::serviceNotFound()));
+        }
+        return auth->session(token, url, appVersion);
+      });
+  auto shouldRetry = [weak](std::exception_ptr error) {
+    bool decision = false;
+    if (auto self = weak.lock()) {
+      const auto* auth = errorAs<AuthError>(error);
+      if (auth && rawValue(auth->type()) == "Wrong credentials") {
+        decision = false;
+      } else {
+        decision = self->sessionState_->currentState().value() != State::disconnectedBackground;
+      }
+    }
+    KEL_LOG_ERROR(std::string("Should retry restoring KEL session >> ") +
+                  (decision ? "true" : "false"));
+    return decision;
+  };
+  return retry(attempt, 1, RepeatBehavior::delayed(restoreAttempts, restoreDelaySeconds),
+               options_.mainScheduler, shouldRetry)
+      .map([weak](AuthenticationData data) {
+        if (auto self = weak.lock()) {
+          self->onNewAuthenticationData(data);
+          self->saveToken(data);
+        }
+        return data;
+      })
+      .subscribeOn(scheduler)
+      .observeOn(options_.mainScheduler)
+      .doOnSuccess([](const AuthenticationData& data) {
+        KEL_LOG_DEBUG("User connected: " + description(data.user));
+      })
+      .doOnError([weak](std::exception_ptr error) {
+        KEL_LOG_ERROR("Error restoring KEL session >> " + describeError(error));
+        if (auto self = weak.lock()) self->sessionState_->emit(State::error);
+      });
+}
+
+// --- Suspend, clear, logout ---------------------------------------------------------------------
+
+void KelServer::suspend() {
+  KEL_LOG_DEBUG("KelServer session disconnected");
+  if (auto client = socketClient_.value()) client->stop(platform::SocketCloseCode::goingBackground);
+}
+
+void KelServer::clearSessionInfo() {
+  KEL_LOG_DEBUG("Deleting session info...");
+  if (auto error = options_.userDefaults->setBool(false, keychainService())) {
+    KEL_LOG_ERROR("Error saving the restore flag: " + error.message());
+  }
+  try {
+    KeychainTokenItem(keychainService(), std::nullopt, options_.keychain).deleteItem();
+  } catch (...) {
+  }
+  sessionState_->setUserSession(std::nullopt);
+  userSession_.onNext(std::nullopt);
+  kelEventHandler_->stopListeningForEvents();
+  if (auto client = socketClient_.value()) client->stop(platform::SocketCloseCode::normalClosure);
+}
+
+rx::Single<rx::Unit> KelServer::logout(std::string deviceId) {
+  std::optional<AuthenticationData> user;
+  try {
+    user = userSession_.value();
+  } catch (...) {
+  }
+  if (!user) return rx::Single<rx::Unit>::just(rx::Unit{});
+
+  std::shared_ptr<AuthService> authService;
+  std::shared_ptr<PushService> pushService;
+  {
+    std::lock_guard lock(providerMutex_);
+    serviceProvider_ = makeServiceProvider();
+  }
+  try {
+    authService = service<AuthService>(Domain::authorization);
+    pushService = service<PushService>(Domain::push);
+  } catch (...) {
+    return rx::Single<rx::Unit>::error(std::make_exception_ptr(ServiceProvider::serviceNotFound()));
+  }
+  sessionState_->setIsLogout(true);
+
+  std::weak_ptr<KelServer> weak = weak_from_this();
+  auto unregister =
+      pushService->deletePushToken(deviceId)
+          .flatMap([authService, user = *user](rx::Unit) { return authService->unregister(user); })
+          .asObservable();
+  return rx::Observable<rx::Unit>::amb({unregister, waitForSocketDisconnected()})
+      .take(1)
+      .asSingle()
+      .doOnSuccess([weak](rx::Unit) {
+        if (auto self = weak.lock()) self->clearSessionInfo();
+      });
+}
+
+// --- States -------------------------------------------------------------------------------------
+
+rx::Observable<KelServer::State> KelServer::states() const {
+  return sessionState_->currentState().asObservable().distinctUntilChanged();
+}
+
+rx::Observable<rx::Unit> KelServer::needsNewSession() const {
+  return sessionState_->needsNewSession();
+}
+
+}  // namespace kel

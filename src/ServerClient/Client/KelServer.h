@@ -1,0 +1,191 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include <boost/url/url.hpp>
+
+#include "ServerClient/Auth/Model/AuthenticationData.h"
+#include "ServerClient/Client/CapabilityValidator.h"
+#include "ServerClient/Client/KelServerState.h"
+#include "ServerClient/Client/ServerState.h"
+#include "ServerClient/Client/ServiceProvider.h"
+#include "ServerClient/Socket/Client/SocketClient.h"
+#include "ServerClient/Socket/Events/KelEventHandler.h"
+#include "ServerClient/Socket/SocketBuilder.h"
+#include "ServerClient/Utils/KeychainTokenItem.h"
+#include "ServerClient/platform/ApplicationLifecycle.h"
+#include "ServerClient/platform/DeviceInfo.h"
+#include "ServerClient/platform/HTTPClient.h"
+#include "ServerClient/platform/Keychain.h"
+#include "ServerClient/platform/UserDefaults.h"
+#include "ServerClient/rx/Disposable.h"
+#include "ServerClient/rx/Observable.h"
+#include "ServerClient/rx/Scheduler.h"
+#include "ServerClient/rx/Subjects.h"
+
+namespace kel {
+
+class KeepConnectionService;
+class PushService;
+class UserService;
+
+/// What the facade takes from its surroundings; empty members take the defaults named.
+struct KelServerOptions {
+  /// Where results reach the application and where restore retries wait: MainScheduler.
+  rx::SchedulerPtr mainScheduler{};
+  /// Runs each sign-in and restore: a new concurrent scheduler per call by default.
+  std::function<rx::SchedulerPtr()> makeUserInitiatedScheduler{};
+  /// Times the 3-second wait of a restore while the socket reconnects: a concurrent scheduler.
+  rx::SchedulerPtr resumeTimeoutScheduler{};
+  /// Runs the renewal loop: the serial queue "rx.global_dispatch_queue.serial".
+  rx::SchedulerPtr renewalScheduler{};
+  /// The keychain of the token store: the Secret Service.
+  std::shared_ptr<platform::Keychain> keychain{};
+  /// Holds the "session can be restored" flag: UserDefaults::standard().
+  std::shared_ptr<platform::UserDefaults> userDefaults{};
+  /// Foreground and background notifications: ApplicationLifecycle::shared().
+  std::shared_ptr<platform::ApplicationLifecycle> applicationLifecycle{};
+  /// Sign-in over HTTP: the Beast client with the shared cookie storage.
+  std::shared_ptr<platform::HTTPClient> httpClient{};
+  /// The sign-in's device description: this machine's.
+  std::shared_ptr<const platform::DeviceInfo> deviceInfo{};
+  /// The socket's platform: the Beast WebSocket, shared cookies, netlink reachability.
+  std::optional<SocketBuilder::Platform> socketPlatform{};
+  /// The period of reconnection attempts after a lost connection.
+  rx::Duration reconnectionAttempt = kReconnectionAttempt;
+};
+
+/// The one object through which an application uses the server: sign-in, restore, suspend,
+/// logout, the session's state and user data, and the domain services.
+///
+///                 connect() / restore builds a socket
+///   new, error, ... --------------------------------> connecting
+///   connecting --sign-in or restore succeeds--> connected --(renewal every 20 s while here)
+///   connecting --fails--> error
+///   any --socket: expectedClose, lostConnection, error--> disconnected
+///   any --socket: background (suspend())--> disconnectedBackground
+///   disconnected --socket authenticated again, user present--> connected
+///
+/// An expected close (the server ended the session, or the client was stopped with the normal
+/// code) while no logout is under way raises needsNewSession once; the facade then clears the
+/// session.
+///
+/// Threads: operations may be called from any thread. Sign-in and restore run on a concurrent
+/// scheduler and deliver on the main scheduler; their side effects (flag, keychain,
+/// onNewAuthenticationData) happen before that hand-over. The renewal loop runs on its own serial
+/// queue. Every long-lived subscription holds the facade weakly. The service provider is guarded
+/// by a mutex; the slot and subjects are thread-safe; the background flag is atomic.
+class KelServer : public std::enable_shared_from_this<KelServer> {
+ public:
+  using State = KelServerState;
+  using Options = KelServerOptions;
+
+  /// How long a restore waits for a reconnecting socket to authenticate again.
+  static constexpr std::chrono::seconds timeoutRestoreSession{3};
+  /// The period of session renewal while connected.
+  static constexpr std::chrono::seconds renewalPeriod{20};
+  /// Attempts (in all) and seconds between them of a full restore.
+  static constexpr std::uint64_t restoreAttempts = 30;
+  static constexpr double restoreDelaySeconds = 2.0;
+
+  static std::shared_ptr<KelServer> create(boost::urls::url kelURL, boost::urls::url socketURL,
+                                           std::string appVersion, std::string teamId,
+                                           Options options = {});
+  ~KelServer();
+  KelServer(const KelServer&) = delete;
+  KelServer& operator=(const KelServer&) = delete;
+
+  /// Signs in with an outside sign-in token.
+  rx::Single<AuthenticationData> connect(std::string token);
+  /// Resumes the stored session.
+  rx::Single<AuthenticationData> restoreSession(bool shouldCheckBackgroundState);
+  /// Removes the device's push token, ends the server session and forgets everything.
+  rx::Single<rx::Unit> logout(std::string deviceId);
+  /// Closes the socket for the background.
+  void suspend();
+  /// Forgets the session locally and closes the socket.
+  void clearSessionInfo();
+
+  /// The facade's states without consecutive repeats.
+  rx::Observable<State> states() const;
+  /// Emits when the server closed the session and a new sign-in is needed.
+  rx::Observable<rx::Unit> needsNewSession() const;
+  const rx::BehaviorSubject<std::optional<AuthenticationData>>& userSession() const noexcept {
+    return userSession_;
+  }
+  /// A stored token can be read and the flag says the session may be restored.
+  bool canRestoreSession() const;
+  /// The server URL text stored with the token; empty when none can be read.
+  std::string lastUrlServer() const;
+
+  // Services. Each throws the provider's errors, or GenericError(underlying, "Service not found").
+  std::shared_ptr<UserService> userService();
+  std::shared_ptr<PushService> pushService();
+
+  // The parts, for the application and for tests.
+  const std::shared_ptr<KelEventHandler>& kelEventHandler() const noexcept {
+    return kelEventHandler_;
+  }
+  const rx::BehaviorRelay<std::shared_ptr<SocketClient>>& socketClient() const noexcept {
+    return socketClient_;
+  }
+  const std::shared_ptr<ServerState>& sessionState() const noexcept { return sessionState_; }
+  const std::shared_ptr<CapabilityValidator>& capabilityValidator() const noexcept {
+    return capabilityValidator_;
+  }
+  bool appIsInBackground() const noexcept { return appIsInBackground_.load(); }
+  /// The keychain service name, also the key of the restore flag.
+  static std::string keychainService() { return std::string(kKeychainServiceIdentifier); }
+  std::optional<std::string> keychainAccessGroup() const;
+  const boost::urls::url& kelURL() const noexcept { return kelURL_; }
+  const boost::urls::url& socketURL() const noexcept { return socketURL_; }
+
+ private:
+  struct Passkey {
+    explicit Passkey() = default;
+  };
+
+ public:
+  KelServer(Passkey, boost::urls::url kelURL, boost::urls::url socketURL, std::string appVersion,
+            std::string teamId, Options options);
+
+ private:
+  template <class T>
+  std::shared_ptr<T> service(ServiceProvider::Domain domain);
+  std::shared_ptr<ServiceProvider> makeServiceProvider() const;
+  void performActionsOnStateChange();
+  void onNewAuthenticationData(const AuthenticationData& data);
+  rx::Observable<rx::Unit> waitForSocketDisconnected() const;
+  rx::Observable<rx::Unit> renewSession();
+  KeychainTokenItem tokenItem() const;
+  std::string storedServerURL() const;
+  void saveToken(const AuthenticationData& data) const;
+  rx::SchedulerPtr userInitiatedScheduler() const;
+
+  const boost::urls::url kelURL_;
+  const boost::urls::url socketURL_;
+  const std::string appVersion_;
+  const std::string teamId_;
+  Options options_;
+
+  rx::BehaviorSubject<std::optional<AuthenticationData>> userSession_{std::nullopt};
+  rx::BehaviorRelay<std::shared_ptr<SocketClient>> socketClient_{nullptr};
+  std::shared_ptr<CapabilityValidator> capabilityValidator_;
+  std::shared_ptr<ServerState> sessionState_;
+  std::atomic<bool> appIsInBackground_ = false;
+  std::shared_ptr<KelEventHandler> kelEventHandler_;
+  std::shared_ptr<SocketBuilder> socketBuilder_;
+
+  mutable std::mutex providerMutex_;  // guards serviceProvider_ (replaced by logout)
+  std::shared_ptr<ServiceProvider> serviceProvider_;
+
+  std::once_flag renewOnce_;
+  rx::Observable<rx::Unit> renewSession_ = rx::Observable<rx::Unit>::empty();
+  rx::DisposeBag disposeBag_;
+};
+
+}  // namespace kel
