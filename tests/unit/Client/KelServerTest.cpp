@@ -1,0 +1,294 @@
+// The facade's session lifecycle in virtual time: one TestScheduler runs every queue, the server
+// is an in-memory HTTP client and in-memory WebSockets answered by the test.
+
+#include "ServerClient/Client/KelServer.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "ServerClient/Common/Json.h"
+#include "ServerClient/platform/InMemoryKeychain.h"
+#include "ServerClient/platform/InMemorySocket.h"
+#include "ServerClient/rx/TestScheduler.h"
+#include "support/StreamRecorder.h"
+
+namespace kel {
+namespace {
+
+using namespace std::chrono_literals;
+using platform::InMemoryHTTPClient;
+using Outcome = InMemoryHTTPClient::Outcome;
+using State = KelServer::State;
+using testing::StreamRecorder;
+
+const char* const kAnswer = R"({
+  "access_token": "T1", "token_type": "Bearer",
+  "session": {"token": "T1", "from": 1700000000000, "id": "S1", "registered": "C1",
+              "to": 1700003600000,
+              "userObj": {"id": "u1", "domain": "d", "email": "e", "username": "n", "alias": "a",
+                          "mobilePhone": [], "role": "user"}},
+  "credential": {"source": "s", "user": "u1", "lease": 1, "type": "sip", "id": "C1",
+                 "data": {}},
+  "capabilities": {"domain": ["presence"], "user": []}})";
+
+class KelServerTest : public ::testing::Test {
+ protected:
+  KelServerTest() {
+    http_->setResponder([this](const platform::HTTPRequest&) -> std::optional<Outcome> {
+      ++signIns_;
+      if (failuresLeft_ > 0) {
+        --failuresLeft_;
+        return Outcome::respond(failureStatus_, failureBody_);
+      }
+      return Outcome::respond(200, kAnswer);
+    });
+    KelServer::Options options;
+    options.mainScheduler = scheduler_;
+    options.makeUserInitiatedScheduler = [this] { return scheduler_; };
+    options.resumeTimeoutScheduler = scheduler_;
+    options.renewalScheduler = scheduler_;
+    options.keychain = keychain_;
+    options.userDefaults = defaults_;
+    options.applicationLifecycle = lifecycle_;
+    options.httpClient = http_;
+    options.deviceInfo = std::make_shared<platform::FixedDeviceInfo>();
+    SocketBuilder::Platform platform;
+    platform.makeSocket = [this](const boost::urls::url& url, std::vector<std::string> protocols) {
+      auto socket = std::make_shared<platform::InMemorySocket>(url, std::move(protocols));
+      socket->setSendHandler([this, weak = std::weak_ptr(socket)](const std::string& text) {
+        if (auto s = weak.lock()) answer(*s, text);
+      });
+      sockets_.push_back(socket);
+      return socket;
+    };
+    platform.makeNetworkManager = [] {
+      return std::make_shared<platform::InMemoryNetworkManager>();
+    };
+    platform.clientOptions.socketScheduler = scheduler_;
+    platform.clientOptions.connectionScheduler = scheduler_;
+    platform.clientOptions.authenticationScheduler = scheduler_;
+    platform.clientOptions.reconnectionScheduler = scheduler_;
+    platform.clientOptions.applicationLifecycle = lifecycle_;
+    options.socketPlatform = platform;
+    server_ =
+        KelServer::create(boost::urls::url("https://kel.example/api/v1"),
+                          boost::urls::url("wss://kel.example/ws/kel"), "4.2.0", "TEAM", options);
+  }
+
+  // The server side of the socket: acknowledges "AUTH ", answers every request with 200.
+  void answer(platform::InMemorySocket& socket, const std::string& text) {
+    if (text.starts_with("AUTH ")) {
+      socket.receiveMessage(R"({"kapiId":"k-1"})");
+      return;
+    }
+    if (!text.starts_with("2")) return;
+    auto request = parseJson(text.substr(1));
+    if (!request) return;
+    requests_.push_back((*request)["method"].get<std::string>() + " " +
+                        (*request)["path"].get<std::string>());
+    if (!answerRequests_) return;
+    nlohmann::json body = nlohmann::json::object();
+    if ((*request)["path"] == "/permissions") {
+      body = {{"recording", nlohmann::json::object()}, {"voicemail", nlohmann::json::object()}};
+    }
+    socket.receiveMessage(
+        "3" + nlohmann::json{{"id", (*request)["id"]}, {"status", 200}, {"body", body}}.dump());
+  }
+
+  /// Signs in and runs the chain to its end.
+  void signIn() {
+    StreamRecorder result(server_->connect("outside-token"));
+    scheduler_->advanceBy(0s);
+    ASSERT_EQ(1u, result.values().size()) << describeError(result.error());
+  }
+
+  std::size_t count(const std::string& request) const {
+    return static_cast<std::size_t>(std::count(requests_.begin(), requests_.end(), request));
+  }
+
+  std::shared_ptr<rx::TestScheduler> scheduler_ = std::make_shared<rx::TestScheduler>();
+  std::shared_ptr<InMemoryHTTPClient> http_ = std::make_shared<InMemoryHTTPClient>();
+  std::shared_ptr<platform::InMemoryKeychain> keychain_ =
+      std::make_shared<platform::InMemoryKeychain>();
+  std::shared_ptr<platform::InMemoryUserDefaults> defaults_ =
+      std::make_shared<platform::InMemoryUserDefaults>();
+  std::shared_ptr<platform::ApplicationLifecycle> lifecycle_ =
+      std::make_shared<platform::ApplicationLifecycle>();
+  std::vector<std::shared_ptr<platform::InMemorySocket>> sockets_;
+  std::vector<std::string> requests_;
+  bool answerRequests_ = true;
+  int signIns_ = 0;
+  int failuresLeft_ = 0;
+  int failureStatus_ = 500;
+  std::string failureBody_ = "{}";
+  std::shared_ptr<KelServer> server_;
+};
+
+TEST_F(KelServerTest, SignInStoresTheSessionAndPublishesTheUser) {
+  StreamRecorder states(server_->states());
+  EXPECT_FALSE(server_->canRestoreSession());
+  signIn();
+  EXPECT_EQ((std::vector{State::newState, State::connecting, State::connected}), states.values());
+  ASSERT_TRUE(server_->userSession().value());
+  EXPECT_EQ("T1", server_->userSession().value()->token);
+  EXPECT_TRUE(server_->canRestoreSession());
+  EXPECT_EQ("https://kel.example/api/", server_->lastUrlServer());
+  EXPECT_TRUE(server_->capabilityValidator()->hasPermission(ServiceDomain::presence));
+  EXPECT_EQ(1u, count("GET /permissions"));
+
+  // Forgetting the session leaves nothing to restore.
+  server_->clearSessionInfo();
+  EXPECT_FALSE(server_->canRestoreSession());
+  EXPECT_EQ("", server_->lastUrlServer());
+  EXPECT_FALSE(server_->userSession().value());
+}
+
+TEST_F(KelServerTest, RenewsEvery20SecondsWhileConnectedWithOneLoopPerConnectedPeriod) {
+  signIn();
+  scheduler_->advanceBy(19s);
+  EXPECT_EQ(0u, count("PUT /sessions/S1"));
+  scheduler_->advanceBy(1s);
+  EXPECT_EQ(1u, count("PUT /sessions/S1"));
+  scheduler_->advanceBy(40s);
+  EXPECT_EQ(3u, count("PUT /sessions/S1"));
+
+  // A lost connection ends the loop; the reconnection starts the next one.
+  sockets_.back()->close(platform::SocketCloseCode::abnormalClosure);
+  scheduler_->advanceBy(2s);
+  EXPECT_EQ(State::disconnected, server_->sessionState()->currentState().value());
+  EXPECT_EQ(3u, count("PUT /sessions/S1"));
+  scheduler_->advanceBy(1s);  // the reconnector's pulse
+  EXPECT_EQ(State::connected, server_->sessionState()->currentState().value());
+  scheduler_->advanceBy(20s);
+  EXPECT_EQ(4u, count("PUT /sessions/S1")) << "one loop, not two";
+}
+
+TEST_F(KelServerTest, RestoreRetriesEveryTwoSecondsUpToThirtyAttempts) {
+  signIn();
+  server_->suspend();
+  scheduler_->advanceBy(0s);
+  signIns_ = 0;
+
+  failuresLeft_ = 29;
+  StreamRecorder restored(server_->restoreSession(false));
+  scheduler_->advanceBy(57s);  // attempts at 0, 2, ..., 56 s
+  EXPECT_EQ(29, signIns_);
+  EXPECT_TRUE(restored.values().empty());
+  scheduler_->advanceBy(1s);
+  EXPECT_EQ(30, signIns_);
+  ASSERT_EQ(1u, restored.values().size()) << describeError(restored.error());
+
+  // Thirty failures: the thirtieth is the answer, a thirty-first attempt never comes.
+  server_->suspend();
+  scheduler_->advanceBy(0s);
+  signIns_ = 0;
+  failuresLeft_ = 100;
+  StreamRecorder failed(server_->restoreSession(false));
+  scheduler_->advanceBy(120s);
+  EXPECT_EQ(30, signIns_);
+  EXPECT_TRUE(failed.error());
+  EXPECT_EQ(State::error, server_->sessionState()->currentState().value());
+}
+
+TEST_F(KelServerTest, RestoreStopsAtWrongCredentialsAndInTheBackground) {
+  signIn();
+  server_->suspend();
+  scheduler_->advanceBy(0s);
+  signIns_ = 0;
+
+  failuresLeft_ = 100;
+  failureBody_ = R"({"type": "Wrong credentials", "message": "no"})";
+  StreamRecorder wrong(server_->restoreSession(false));
+  scheduler_->advanceBy(60s);
+  EXPECT_EQ(1, signIns_);
+  EXPECT_TRUE(wrong.error());
+
+  // Suspended again while retrying: the background state stops the retries.
+  failureBody_ = "{}";
+  signIns_ = 0;
+  StreamRecorder background(server_->restoreSession(false));
+  scheduler_->advanceBy(0s);
+  server_->sessionState()->emit(State::disconnectedBackground);
+  scheduler_->advanceBy(60s);
+  EXPECT_EQ(2, signIns_) << "the second failure sees the background state";
+  EXPECT_TRUE(background.error());
+
+  // A restore that checks the background is refused there, at once.
+  lifecycle_->postDidEnterBackground();
+  StreamRecorder refused(server_->restoreSession(true));
+  const auto* error = errorAs<GenericError>(refused.error());
+  ASSERT_NE(nullptr, error);
+  EXPECT_EQ(GenericErrorType::notAllowed("Session not restored because app is in background"),
+            error->type());
+  lifecycle_->postWillEnterForeground();
+  EXPECT_FALSE(server_->appIsInBackground());
+}
+
+TEST_F(KelServerTest, RestoreWaitsThreeSecondsForAReconnectingSocketThenSignsInAgain) {
+  signIn();
+  EXPECT_EQ(1, signIns_);
+  sockets_.back()->setOptions({.openOnConnect = false});
+  sockets_.back()->close(platform::SocketCloseCode::abnormalClosure);
+
+  StreamRecorder resumed(server_->restoreSession(false));
+  scheduler_->advanceBy(2s);
+  EXPECT_EQ(1, signIns_) << "waiting for the socket layer";
+  EXPECT_TRUE(resumed.values().empty());
+  scheduler_->advanceBy(1s);  // 3 s: gives up waiting and restores afresh
+  scheduler_->advanceBy(0s);
+  EXPECT_EQ(2, signIns_);
+  ASSERT_EQ(1u, resumed.values().size()) << describeError(resumed.error());
+
+  // No stored token: nothing to restore, and nothing changes.
+  server_->clearSessionInfo();
+  StreamRecorder none(server_->restoreSession(false));
+  const auto* error = errorAs<GenericError>(none.error());
+  ASSERT_NE(nullptr, error);
+  EXPECT_EQ(GenericErrorType::notAllowed("No token to restore the session"), error->type());
+}
+
+TEST_F(KelServerTest, AServerSideCloseAsksForANewSessionAndClearsIt) {
+  signIn();
+  StreamRecorder needs(server_->needsNewSession());
+  sockets_.back()->close(platform::SocketCloseCode::normalClosure);
+  scheduler_->advanceBy(0s);
+  EXPECT_EQ(1u, needs.values().size());
+  EXPECT_FALSE(server_->canRestoreSession());
+  EXPECT_FALSE(server_->userSession().value());
+}
+
+TEST_F(KelServerTest, LogoutEndsWithTheServerOrWithADisconnectionWhicheverComesFirst) {
+  signIn();
+  StreamRecorder needs(server_->needsNewSession());
+  StreamRecorder done(server_->logout("device-1"));
+  scheduler_->advanceBy(0s);
+  EXPECT_EQ(1u, count("DELETE /pushNotifications"));
+  EXPECT_EQ(1u, count("DELETE /sessions/S1"));
+  EXPECT_EQ(1u, done.values().size()) << describeError(done.error());
+  EXPECT_TRUE(needs.values().empty()) << "a logout's own close asks for nothing";
+  EXPECT_FALSE(server_->canRestoreSession());
+
+  // The server never answers, but the socket goes away: that ends the logout as well.
+  signIn();
+  answerRequests_ = false;
+  StreamRecorder raced(server_->logout("device-1"));
+  scheduler_->advanceBy(0s);
+  EXPECT_TRUE(raced.values().empty());
+  sockets_.back()->close(platform::SocketCloseCode::abnormalClosure);
+  scheduler_->advanceBy(0s);
+  EXPECT_EQ(1u, raced.values().size()) << describeError(raced.error());
+
+  // Without a user there is nothing to do.
+  requests_.clear();
+  StreamRecorder nothing(server_->logout("device-1"));
+  EXPECT_EQ(1u, nothing.values().size());
+  EXPECT_TRUE(requests_.empty());
+}
+
+}  // namespace
+}  // namespace kel
