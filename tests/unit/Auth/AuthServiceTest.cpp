@@ -8,6 +8,7 @@
 #include "ServerClient/Common/SDKError.h"
 #include "ServerClient/Utils/UnretainedError.h"
 #include "support/FakeSocketClient.h"
+#include "support/SignInAnswer.h"
 
 namespace kel {
 namespace {
@@ -15,15 +16,7 @@ namespace {
 using platform::InMemoryHTTPClient;
 using Outcome = InMemoryHTTPClient::Outcome;
 
-const char* const kAnswer = R"({
-  "access_token": "T1", "token_type": "Bearer",
-  "session": {"token": "T1", "from": 1700000000000, "id": "S1", "registered": "C1",
-              "to": 1700003600000,
-              "userObj": {"id": "u1", "domain": "d", "email": "e", "username": "n", "alias": "a",
-                          "mobilePhone": [], "role": "user"}},
-  "credential": {"source": "s", "user": "u1", "lease": 1, "type": "sip", "id": "C1",
-                 "data": {}},
-  "capabilities": {"domain": [], "user": []}})";
+const std::string kAnswer = testing::signInAnswer();
 
 class AuthServiceTest : public ::testing::Test {
  protected:

@@ -15,6 +15,7 @@
 #include "ServerClient/platform/InMemoryKeychain.h"
 #include "ServerClient/platform/InMemorySocket.h"
 #include "ServerClient/rx/TestScheduler.h"
+#include "support/SignInAnswer.h"
 #include "support/StreamRecorder.h"
 
 namespace kel {
@@ -26,15 +27,7 @@ using Outcome = InMemoryHTTPClient::Outcome;
 using State = KelServer::State;
 using testing::StreamRecorder;
 
-const char* const kAnswer = R"({
-  "access_token": "T1", "token_type": "Bearer",
-  "session": {"token": "T1", "from": 1700000000000, "id": "S1", "registered": "C1",
-              "to": 1700003600000,
-              "userObj": {"id": "u1", "domain": "d", "email": "e", "username": "n", "alias": "a",
-                          "mobilePhone": [], "role": "user"}},
-  "credential": {"source": "s", "user": "u1", "lease": 1, "type": "sip", "id": "C1",
-                 "data": {}},
-  "capabilities": {"domain": ["presence"], "user": []}})";
+const std::string kAnswer = testing::signInAnswer({"presence"});
 
 class KelServerTest : public ::testing::Test {
  protected:
