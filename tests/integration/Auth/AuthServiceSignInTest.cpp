@@ -43,17 +43,18 @@ class AuthServiceSignInTest : public testing::Test {
   }
 
   Result login(const std::string& base, const std::string& token = "outside") {
-    std::promise<Result> promise;
+    // Shared with the callbacks: a late answer must not reach a promise that is gone.
+    auto promise = std::make_shared<std::promise<Result>>();
     auto subscription =
         service_->login(token, boost::urls::url(boost::urls::parse_uri(base).value()), "4.2.0")
             .subscribe(
-                [&](const AuthenticationData& d) {
-                  promise.set_value({d, nullptr});
+                [promise](const AuthenticationData& d) {
+                  promise->set_value({d, nullptr});
                 },
-                [&](std::exception_ptr e) {
-                  promise.set_value({std::nullopt, e});
+                [promise](std::exception_ptr e) {
+                  promise->set_value({std::nullopt, e});
                 });
-    auto future = promise.get_future();
+    auto future = promise->get_future();
     if (future.wait_for(10s) != std::future_status::ready) {
       ADD_FAILURE() << "no answer";
       return {};

@@ -166,6 +166,12 @@ void Server::stop() {
   }
   for (const auto& connection : connections) connection->abort();
   connections.clear();
+  // The close posted above may not have run before the threads stopped; a listener left open
+  // would accept connections that nobody serves, and clients would hang instead of being refused.
+  {
+    boost::system::error_code ignored;
+    acceptor_->close(ignored);
+  }
   {
     std::unique_lock lock(lifetime_->mutex);
     lifetime_->alive = false;

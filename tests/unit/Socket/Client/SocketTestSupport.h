@@ -93,8 +93,10 @@ class SocketClientTest : public ::testing::Test {
 
   /// Lets the server acknowledge every "AUTH " frame.
   void acknowledgeAuthentication() {
-    socket_->setSendHandler([socket = socket_](const std::string& text) {
-      if (text.starts_with("AUTH ")) socket->receiveMessage(R"({"kapiId":"k-1"})");
+    // Weakly: the socket owns its handler.
+    socket_->setSendHandler([weak = std::weak_ptr(socket_)](const std::string& text) {
+      auto socket = weak.lock();
+      if (socket && text.starts_with("AUTH ")) socket->receiveMessage(R"({"kapiId":"k-1"})");
     });
   }
 
