@@ -9,6 +9,7 @@
 #include <boost/url/parse.hpp>
 #include <nlohmann/json.hpp>
 
+#include "ServerClient/Auth/Service/AuthService.h"
 #include "ServerClient/Client/KelServer.h"
 #include "ServerClient/Client/ServerLog.h"
 #include "ServerClient/Common/SDKError.h"
@@ -145,6 +146,15 @@ class Demo {
     }
     // The restore flag would otherwise go to the user's defaults file.
     options.userDefaults = std::make_shared<platform::InMemoryUserDefaults>();
+    // This machine's description, but an identifier of the demo's own: the system one is
+    // created on first use in the user's configuration directory.
+    const auto system = AuthService::systemDeviceInfo();
+    auto device = std::make_shared<platform::FixedDeviceInfo>();
+    device->name = system->systemName();
+    device->version = system->systemVersion();
+    device->model = system->modelName();
+    device->identifier = "0DE70DE7-0000-4000-8000-000000000001";
+    options.deviceInfo = std::move(device);
     options.reconnectionAttempt = kDemoReconnectionAttempt;
     say("reconnection attempts every " + std::to_string(kDemoReconnectionAttempt.count()) +
         " s for this demo (the library's default is " +
