@@ -53,6 +53,7 @@ std::string secondsText(std::chrono::steady_clock::duration duration) {
 class Demo {
  public:
   explicit Demo(const CommandLine& line) : line_(line) {}
+  const std::string& currentStep() const noexcept { return current_; }
 
   ~Demo() {
     subscriptions_.reset();
@@ -302,8 +303,6 @@ class Demo {
   int needsNewSession_ = 0;
   std::string token_;
   std::chrono::steady_clock::time_point connectedAt_{};
-
- public:
   std::string current_;
 };
 
@@ -315,13 +314,14 @@ int runDemo(const CommandLine& line) {
   try {
     demo.run();
   } catch (const StepFailed& failure) {
-    say("FAILED at step \"" + demo.current_ + "\": " + failure.text);
-    std::cerr << "kel demo: step \"" << demo.current_ << "\" failed: " << failure.text << std::endl;
+    say("FAILED at step \"" + demo.currentStep() + "\": " + failure.text);
+    std::cerr << "kel demo: step \"" << demo.currentStep() << "\" failed: " << failure.text
+              << std::endl;
     return 1;
   } catch (const std::exception& error) {
     const auto text = describeError(std::current_exception());
-    say("FAILED at step \"" + demo.current_ + "\": " + text);
-    std::cerr << "kel demo: step \"" << demo.current_ << "\" failed: " << text << std::endl;
+    say("FAILED at step \"" + demo.currentStep() + "\": " + text);
+    std::cerr << "kel demo: step \"" << demo.currentStep() << "\" failed: " << text << std::endl;
     return 1;
   }
   say("demo finished in " + secondsText(std::chrono::steady_clock::now() - started) +
