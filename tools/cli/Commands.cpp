@@ -84,7 +84,19 @@ class Runner {
     return std::move(*outcome.value);
   }
 
-  AuthenticationData restore() { return await("restore", server_->restoreSession(false)); }
+  AuthenticationData restore() {
+    try {
+      return await("restore", server_->restoreSession(false));
+    } catch (CommandError& error) {
+      // The library keeps retrying a stored session that the server refuses.
+      if (error.kind == "timeout") {
+        error.message +=
+            " (a stored session that the server refuses is retried until then; "
+            "kel login signs in anew)";
+      }
+      throw;
+    }
+  }
 
   nlohmann::json run() {
     switch (line_.command) {

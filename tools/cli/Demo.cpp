@@ -3,6 +3,7 @@
 #include <chrono>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -309,24 +310,35 @@ class Demo {
 }  // namespace
 
 int runDemo(const CommandLine& line) {
+  if (line.json) narrateTo(stderr);
   const auto started = std::chrono::steady_clock::now();
-  Demo demo(line);
-  try {
-    demo.run();
-  } catch (const StepFailed& failure) {
-    say("FAILED at step \"" + demo.currentStep() + "\": " + failure.text);
-    std::cerr << "kel demo: step \"" << demo.currentStep() << "\" failed: " << failure.text
-              << std::endl;
-    return 1;
-  } catch (const std::exception& error) {
-    const auto text = describeError(std::current_exception());
-    say("FAILED at step \"" + demo.currentStep() + "\": " + text);
-    std::cerr << "kel demo: step \"" << demo.currentStep() << "\" failed: " << text << std::endl;
-    return 1;
+  std::optional<std::string> failure;
+  std::string failedStep;
+  {
+    Demo demo(line);
+    try {
+      demo.run();
+    } catch (const StepFailed& failed) {
+      failure = failed.text;
+    } catch (const std::exception&) {
+      failure = describeError(std::current_exception());
+    }
+    failedStep = demo.currentStep();
   }
-  say("demo finished in " + secondsText(std::chrono::steady_clock::now() - started) +
-      ": every step succeeded");
-  return 0;
+  const auto elapsed = secondsText(std::chrono::steady_clock::now() - started);
+  if (failure) {
+    say("FAILED at step \"" + failedStep + "\": " + *failure);
+    if (!line.json)
+      std::cerr << "kel demo: step \"" << failedStep << "\" failed: " << *failure << std::endl;
+  } else {
+    say("demo finished in " + elapsed + ": every step succeeded");
+  }
+  if (line.json) {
+    nlohmann::json result = {{"command", "demo"}, {"ok", !failure}, {"duration", elapsed}};
+    if (failure) result["error"] = {{"kind", "step"}, {"step", failedStep}, {"message", *failure}};
+    std::cout << result.dump() << std::endl;
+  }
+  return failure ? 1 : 0;
 }
 
 }  // namespace kel::cli

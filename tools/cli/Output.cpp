@@ -22,12 +22,22 @@ std::string timestamp() {
   return text;
 }
 
+namespace {
+std::mutex narrationMutex;
+std::FILE* narration = nullptr;  // stdout when null
+}  // namespace
+
+void narrateTo(std::FILE* stream) {
+  std::lock_guard lock(narrationMutex);
+  narration = stream;
+}
+
 void say(std::string_view text) {
-  static std::mutex mutex;
   const auto line = timestamp() + "  " + std::string(text) + "\n";
-  std::lock_guard lock(mutex);
-  std::fwrite(line.data(), 1, line.size(), stdout);
-  std::fflush(stdout);
+  std::lock_guard lock(narrationMutex);
+  std::FILE* stream = narration != nullptr ? narration : stdout;
+  std::fwrite(line.data(), 1, line.size(), stream);
+  std::fflush(stream);
 }
 
 std::string errorKind(const std::exception_ptr& error) {

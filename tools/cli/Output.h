@@ -3,6 +3,7 @@
 // What the program prints: timestamped lines for people, one JSON object per command for
 // programs, and errors with their kind.
 
+#include <cstdio>
 #include <exception>
 #include <string>
 #include <string_view>
@@ -15,6 +16,8 @@ namespace kel::cli {
 
 /// "12:00:01.234": the local time of day to the millisecond.
 std::string timestamp();
+/// Where say() writes: stdout unless told (the demo's --json keeps stdout for its result).
+void narrateTo(std::FILE* stream);
 /// One line on stdout, prefixed with the time and flushed at once, so that the lines of a
 /// long-running demo appear as things happen. Safe from any thread.
 void say(std::string_view text);
