@@ -1,0 +1,234 @@
+// The kel program as a user runs it: separate processes that share the session only through the
+// keychain (the test command's private Secret Service) and a private defaults file.
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "emulator/Emulator.h"
+
+extern char** environ;
+
+#ifndef KEL_CLI_PATH
+#error "KEL_CLI_PATH must name the built kel program"
+#endif
+
+namespace kel {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+struct KelRun {
+  int exitCode = -1;
+  std::string out;
+  std::string err;
+
+  nlohmann::json json() const {
+    auto parsed = nlohmann::json::parse(out, nullptr, false);
+    return parsed.is_discarded() ? nlohmann::json() : parsed;
+  }
+};
+
+/// Runs kel with `arguments` and XDG_CONFIG_HOME set to `configHome`, capturing stdout and
+/// stderr. A child still running after `limit` is killed and fails the test.
+KelRun runKel(const std::vector<std::string>& arguments, const fs::path& configHome,
+              std::chrono::seconds limit = 60s) {
+  std::vector<std::string> environment;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    if (!std::string_view(*entry).starts_with("XDG_CONFIG_HOME=")) environment.push_back(*entry);
+  }
+  environment.push_back("XDG_CONFIG_HOME=" + configHome.string());
+  std::vector<std::string> argv{KEL_CLI_PATH};
+  argv.insert(argv.end(), arguments.begin(), arguments.end());
+  std::vector<char*> argvPointers, envPointers;
+  for (auto& text : argv) argvPointers.push_back(text.data());
+  for (auto& text : environment) envPointers.push_back(text.data());
+  argvPointers.push_back(nullptr);
+  envPointers.push_back(nullptr);
+
+  std::array<int, 2> out{}, err{};
+  if (pipe2(out.data(), O_CLOEXEC) != 0 || pipe2(err.data(), O_CLOEXEC) != 0) {
+    ADD_FAILURE() << "pipe";
+    return {};
+  }
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+  posix_spawn_file_actions_adddup2(&actions, err[1], 2);
+  pid_t pid = 0;
+  const int spawned = posix_spawn(&pid, argv[0].c_str(), &actions, nullptr, argvPointers.data(),
+                                  envPointers.data());
+  posix_spawn_file_actions_destroy(&actions);
+  close(out[1]);
+  close(err[1]);
+  KelRun run;
+  if (spawned != 0) {
+    ADD_FAILURE() << "cannot start " << argv[0];
+    close(out[0]);
+    close(err[0]);
+    return run;
+  }
+
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  std::array<pollfd, 2> fds{pollfd{out[0], POLLIN, 0}, pollfd{err[0], POLLIN, 0}};
+  std::array<std::string*, 2> sinks{&run.out, &run.err};
+  int open = 2;
+  while (open > 0) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left <= 0ms) {
+      kill(pid, SIGKILL);
+      ADD_FAILURE() << "kel still running after " << limit.count() << " s; output so far:\n"
+                    << run.out << run.err;
+      break;
+    }
+    if (poll(fds.data(), fds.size(), static_cast<int>(left.count())) < 0) continue;
+    for (std::size_t i = 0; i < fds.size(); ++i) {
+      if (fds[i].fd < 0 || fds[i].revents == 0) continue;
+      char buffer[4096];
+      const auto n = read(fds[i].fd, buffer, sizeof buffer);
+      if (n > 0) {
+        sinks[i]->append(buffer, static_cast<std::size_t>(n));
+      } else {
+        close(fds[i].fd);
+        fds[i].fd = -1;
+        --open;
+      }
+    }
+  }
+  for (auto& fd : fds) {
+    if (fd.fd >= 0) close(fd.fd);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return run;
+}
+
+class KelCliTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    configHome_ =
+        fs::temp_directory_path() / ("kel-cli-test-" + std::to_string(getpid()) + "-" +
+                                     testing::UnitTest::GetInstance()->current_test_info()->name());
+    fs::remove_all(configHome_);
+    fs::create_directories(configHome_);
+  }
+  void TearDown() override { fs::remove_all(configHome_); }
+
+  /// A command against the server at `urls`, in a keychain group of this test's own (tests run
+  /// in parallel against one keychain daemon). Options in `arguments` win over these defaults.
+  KelRun kel(const emulator::Urls& urls, std::vector<std::string> arguments) {
+    const std::string team =
+        std::string("KELCLITEST.") + testing::UnitTest::GetInstance()->current_test_info()->name();
+    arguments.insert(arguments.begin(), {"--kel-url", urls.kelURL, "--socket-url", urls.socketURL,
+                                         "--team-id", team, "--timeout", "10", "--json"});
+    return runKel(arguments, configHome_);
+  }
+
+  fs::path configHome_;
+};
+
+TEST_F(KelCliTest, DemoWalksAWholeSessionAndSucceeds) {
+  const auto run = runKel({"demo"}, configHome_);
+  EXPECT_EQ(0, run.exitCode) << run.out << run.err;
+  EXPECT_NE(std::string::npos, run.out.find("every step succeeded")) << run.out;
+  // The demo keeps its session in memory: nothing reaches the defaults file.
+  EXPECT_FALSE(fs::exists(configHome_ / "ServerClient"));
+}
+
+TEST_F(KelCliTest, LoginIsRestoredByLaterProcessesUntilLogout) {
+  emulator::Emulator emulator;
+  emulator.addAccount(emulator::defaultAccount("dora", "dora-sign-in"));
+  emulator.start();
+
+  auto run = kel(emulator.urls(), {"login", "--token", "dora-sign-in"});
+  ASSERT_EQ(0, run.exitCode) << run.out << run.err;
+  EXPECT_EQ("dora", run.json()["user"]["id"]) << run.out;
+  const std::string sessionId = run.json()["session"]["id"];
+
+  // A new process knows the user only through the stored session token.
+  run = kel(emulator.urls(), {"whoami"});
+  ASSERT_EQ(0, run.exitCode) << run.out << run.err;
+  EXPECT_EQ("dora", run.json()["user"]["id"]) << run.out;
+  EXPECT_EQ(sessionId, run.json()["session"]["id"]);
+  const auto attempts = emulator.signIn().attempts();
+  ASSERT_EQ(2u, attempts.size());
+  EXPECT_EQ("/login", attempts[0].path);
+  EXPECT_EQ("/login/sessionToken", attempts[1].path);
+
+  run = kel(emulator.urls(), {"push", "register", "--device-id", "d1", "--push-token", "p1"});
+  ASSERT_EQ(0, run.exitCode) << run.out << run.err;
+  ASSERT_EQ(1u, emulator.signIn().pushRegistrations().size());
+  EXPECT_EQ("p1", emulator.signIn().pushRegistrations()[0].token);
+
+  run = kel(emulator.urls(), {"logout", "--device-id", "d1"});
+  ASSERT_EQ(0, run.exitCode) << run.out << run.err;
+  EXPECT_TRUE(emulator.signIn().pushRegistrations().empty());
+  EXPECT_TRUE(emulator.waitUntil(
+      [&] {
+        for (const auto& session : emulator.sessionStore().sessions()) {
+          if (session.sessionId == sessionId) return false;
+        }
+        return true;
+      },
+      5s));
+
+  run = kel(emulator.urls(), {"whoami"});
+  EXPECT_EQ(1, run.exitCode) << run.out << run.err;
+  EXPECT_EQ(false, run.json()["ok"]) << run.out;
+  EXPECT_EQ("generic/notAllowed", run.json()["error"]["kind"]) << run.out;
+
+  // A stored session that the server no longer knows: the restore gives up at the bound.
+  run = kel(emulator.urls(), {"login", "--token", "dora-sign-in"});
+  ASSERT_EQ(0, run.exitCode) << run.out << run.err;
+  ASSERT_TRUE(emulator.endSession(emulator.sessionStore().sessions().at(0).token));
+  run = kel(emulator.urls(), {"whoami", "--timeout", "2"});
+  EXPECT_EQ(1, run.exitCode) << run.out << run.err;
+  EXPECT_EQ("timeout", run.json()["error"]["kind"]) << run.out;
+}
+
+TEST_F(KelCliTest, RefusedSignInAndBadArgumentsFailClearly) {
+  auto emulator = std::make_unique<emulator::Emulator>();
+  emulator->addAccount(emulator::defaultAccount("dora", "dora-sign-in"));
+  const auto urls = emulator->start();
+
+  auto run = kel(urls, {"login", "--token", "wrong"});
+  EXPECT_EQ(1, run.exitCode) << run.out << run.err;
+  EXPECT_EQ("connection/unauthorized", run.json()["error"]["kind"]) << run.out;
+  EXPECT_NE(std::string::npos, run.err.find("kel login: connection/unauthorized")) << run.err;
+  run = kel(urls, {"whoami"});
+  EXPECT_EQ(1, run.exitCode) << "a refused sign-in stored nothing";
+
+  // A server that is gone: the refused connection is the answer, not the time bound.
+  emulator.reset();
+  const auto started = std::chrono::steady_clock::now();
+  run = kel(urls, {"login", "--token", "dora-sign-in"});
+  EXPECT_EQ(1, run.exitCode) << run.out << run.err;
+  EXPECT_EQ(false, run.json()["ok"]) << run.out;
+  EXPECT_NE("timeout", run.json()["error"]["kind"]) << run.out;
+  EXPECT_LT(std::chrono::steady_clock::now() - started, 8s);
+
+  // The command line's rules have unit tests; here only how the program reports a refusal.
+  run = runKel({"login", "--kel-url", urls.kelURL}, configHome_);
+  EXPECT_EQ(2, run.exitCode) << run.err;
+  EXPECT_NE(std::string::npos, run.err.find("kel: --socket-url is required")) << run.err;
+}
+
+}  // namespace
+}  // namespace kel

@@ -1,0 +1,344 @@
+// `kel demo`: one whole session against an emulator in this process, narrated step by step.
+
+#include <chrono>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <boost/url/parse.hpp>
+#include <nlohmann/json.hpp>
+
+#include "ServerClient/Auth/Service/AuthService.h"
+#include "ServerClient/Client/KelServer.h"
+#include "ServerClient/Client/ServerLog.h"
+#include "ServerClient/Common/SDKError.h"
+#include "ServerClient/Push/PushService.h"
+#include "ServerClient/User/UserService.h"
+#include "ServerClient/platform/InMemoryKeychain.h"
+#include "ServerClient/platform/UserDefaults.h"
+#include "cli/Commands.h"
+#include "cli/MainLoop.h"
+#include "cli/Output.h"
+#include "emulator/Emulator.h"
+
+namespace kel::cli {
+
+namespace {
+
+using namespace std::chrono_literals;
+using State = KelServer::State;
+using emulator::Emulator;
+using emulator::Recipients;
+
+constexpr std::string_view kUser = "alice";
+constexpr std::string_view kSignInToken = "alice-sign-in-token";
+constexpr std::string_view kDeviceId = "demo-device";
+constexpr std::string_view kPushToken = "demo-push-token";
+// Shorter than the library's 3 s so that the demo does not sit idle; the facade takes it as an
+// option for exactly this kind of caller.
+constexpr std::chrono::seconds kDemoReconnectionAttempt{1};
+// Bounds on the waits that only involve loopback traffic.
+constexpr std::chrono::milliseconds kStepTimeout = 10s;
+
+struct StepFailed {
+  std::string text;
+};
+
+std::string secondsText(std::chrono::steady_clock::duration duration) {
+  const auto tenths = std::chrono::duration_cast<std::chrono::milliseconds>(duration).count() / 100;
+  return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " s";
+}
+
+class Demo {
+ public:
+  explicit Demo(const CommandLine& line) : line_(line) {}
+  const std::string& currentStep() const noexcept { return current_; }
+
+  ~Demo() {
+    subscriptions_.reset();
+    server_.reset();
+    loop_.runFor(50ms);
+    emulator_.reset();
+  }
+
+  void run() {
+    step("start the emulator", [&] { startEmulator(); });
+    step("create the facade", [&] { createServer(); });
+    step("sign in", [&] { signIn(); });
+    step("request over the socket", [&] { fetchUser(); });
+    step("register a push token", [&] { registerPush(); });
+    step("session renewal", [&] { waitForRenewal(); });
+    step("dropped connection", [&] { dropConnection(); });
+    step("restore from the keychain", [&] { suspendAndRestore(); });
+    step("session ended by the server", [&] { serverEndsSession(); });
+    step("sign in again", [&] { signIn(); });
+    step("logout", [&] { logout(); });
+  }
+
+ private:
+  template <class F>
+  void step(std::string_view name, F body) {
+    current_ = name;
+    say("--- " + std::string(name));
+    body();
+  }
+
+  [[noreturn]] void fail(const std::string& text) { throw StepFailed{text}; }
+
+  template <class T>
+  T await(const std::string& what, const rx::Single<T>& single,
+          std::chrono::milliseconds timeout = kStepTimeout) {
+    auto outcome = loop_.await(single, timeout);
+    if (outcome.error) {
+      fail(what + " failed: [" + errorKind(outcome.error) + "] " + describeError(outcome.error));
+    }
+    if (!outcome.value) fail(what + ": no answer within " + secondsText(timeout));
+    return std::move(*outcome.value);
+  }
+
+  void waitFor(const std::string& what, const std::function<bool()>& condition,
+               std::chrono::milliseconds timeout = kStepTimeout) {
+    if (!loop_.runUntil(condition, timeout)) fail("no " + what + " within " + secondsText(timeout));
+  }
+
+  /// Waits for `state` among the states seen since index `from`; returns the index after it.
+  std::size_t waitForState(State state, std::size_t from,
+                           std::chrono::milliseconds timeout = kStepTimeout) {
+    std::size_t found = 0;
+    waitFor(
+        "state " + std::string(name(state)),
+        [&] {
+          for (std::size_t i = from; i < states_.size(); ++i) {
+            if (states_[i] == state) {
+              found = i + 1;
+              return true;
+            }
+          }
+          return false;
+        },
+        timeout);
+    return found;
+  }
+
+  void startEmulator() {
+    emulator::Options options;
+    options.host = "127.0.0.1";
+    options.port = 0;
+    if (line_.verbose) {
+      options.log = [](std::string_view text) { std::cerr << "emulator: " << text << std::endl; };
+    }
+    emulator_ = std::make_unique<Emulator>(std::move(options));
+    emulator_->addAccount(emulator::defaultAccount(std::string(kUser), std::string(kSignInToken)));
+    urls_ = emulator_->start();
+    say("emulator listening on " + urls_.kelURL + ", socket " + urls_.socketURL);
+    say("one user, \"" + std::string(kUser) + "\", who signs in with the token \"" +
+        std::string(kSignInToken) + "\"");
+  }
+
+  void createServer() {
+    KelServerOptions options;
+    if (line_.realKeychain) {
+      options.keychain = platform::SecretServiceKeychain::shared();
+      say("keychain: the Secret Service (--real-keychain)");
+    } else {
+      options.keychain = std::make_shared<platform::InMemoryKeychain>();
+      say("keychain: in memory, private to this run");
+    }
+    // The restore flag would otherwise go to the user's defaults file.
+    options.userDefaults = std::make_shared<platform::InMemoryUserDefaults>();
+    // This machine's description, but an identifier of the demo's own: the system one is
+    // created on first use in the user's configuration directory.
+    const auto system = AuthService::systemDeviceInfo();
+    auto device = std::make_shared<platform::FixedDeviceInfo>();
+    device->name = system->systemName();
+    device->version = system->systemVersion();
+    device->model = system->modelName();
+    device->identifier = "0DE70DE7-0000-4000-8000-000000000001";
+    options.deviceInfo = std::move(device);
+    options.reconnectionAttempt = kDemoReconnectionAttempt;
+    say("reconnection attempts every " + std::to_string(kDemoReconnectionAttempt.count()) +
+        " s for this demo (the library's default is " +
+        std::to_string(kReconnectionAttempt.count()) + " s)");
+    server_ = KelServer::create(
+        boost::urls::url(boost::urls::parse_absolute_uri(urls_.kelURL).value()),
+        boost::urls::url(boost::urls::parse_absolute_uri(urls_.socketURL).value()), "1.0.0",
+        "KELDEMO", std::move(options));
+    const auto main = rx::MainScheduler::instance();
+    server_->states()
+        .observeOn(main)
+        .subscribe([this](State state) {
+          states_.push_back(state);
+          say("state: " + std::string(name(state)));
+        })
+        .disposed(*subscriptions_);
+    server_->needsNewSession()
+        .observeOn(main)
+        .subscribe([this](rx::Unit) {
+          ++needsNewSession_;
+          say("needsNewSession: the server closed the session, a new sign-in is needed");
+        })
+        .disposed(*subscriptions_);
+    if (server_->canRestoreSession()) {
+      say("the keychain already holds a session; signing in replaces it");
+    }
+  }
+
+  void signIn() {
+    const auto from = states_.size();
+    const auto data = await("connect", server_->connect(std::string(kSignInToken)));
+    waitForState(State::connected, from);
+    token_ = data.token;
+    say("signed in as " + data.user.userId + " <" + data.user.email + ">, role " + data.user.role +
+        ", session " + data.session.sessionID);
+    std::string capabilities;
+    for (const auto& capability : data.capabilities->active()) {
+      capabilities += (capabilities.empty() ? "" : ", ") + capability;
+    }
+    say("capabilities: " + (capabilities.empty() ? std::string("(none)") : capabilities));
+    if (data.permissions) {
+      say("permissions: recording " + data.permissions->recording.recordingType.value_or("-") +
+          ", voicemail " +
+          (data.permissions->voicemail.enabled.value_or(false) ? "enabled" : "disabled"));
+    }
+    if (!server_->canRestoreSession()) fail("the session was not stored in the keychain");
+    say("session stored in the keychain for " + server_->lastUrlServer());
+    connectedAt_ = std::chrono::steady_clock::now();
+  }
+
+  void fetchUser() {
+    const auto user =
+        await("GET /users/" + std::string(kUser), server_->userService()->user(std::string(kUser)));
+    say("GET /users/" + std::string(kUser) + " over the socket: " + userJson(user).dump());
+  }
+
+  void registerPush() {
+    await("sendPushToken", server_->pushService()->sendPushToken(std::string(kPushToken), false,
+                                                                 std::string(kDeviceId)));
+    const auto registrations = emulator_->signIn().pushRegistrations();
+    if (registrations.size() != 1 || registrations.front().deviceId != kDeviceId) {
+      fail("the emulator holds no push registration for " + std::string(kDeviceId));
+    }
+    say("push token registered for device " + std::string(kDeviceId));
+  }
+
+  bool renewalSeen() const {
+    for (const auto& frame : emulator_->receivedFrames()) {
+      if (frame.kind != emulator::FrameKind::request) continue;
+      if (frame.data.find("\"PUT\"") != std::string::npos &&
+          frame.data.find("/sessions/") != std::string::npos) {
+        return true;
+      }
+    }
+    return false;
+  }
+
+  void waitForRenewal() {
+    say("waiting for the renewal that the library sends every " +
+        std::to_string(KelServer::renewalPeriod.count()) + " s while connected...");
+    waitFor(
+        "renewal (PUT /sessions/<id>)", [&] { return renewalSeen(); },
+        KelServer::renewalPeriod + kStepTimeout);
+    say("session renewed: PUT /sessions/... after " +
+        secondsText(std::chrono::steady_clock::now() - connectedAt_) + " connected");
+  }
+
+  void dropConnection() {
+    const auto from = states_.size();
+    const auto dropped = emulator_->dropSockets(Recipients::all());
+    if (dropped == 0) fail("the emulator had no socket to drop");
+    say("emulator reset the connection (TCP reset, no close frame)");
+    const auto after = waitForState(State::disconnected, from);
+    const auto lostAt = std::chrono::steady_clock::now();
+    waitForState(State::connected, after);
+    say("reconnected and authenticated again by itself after " +
+        secondsText(std::chrono::steady_clock::now() - lostAt));
+  }
+
+  void suspendAndRestore() {
+    const auto from = states_.size();
+    server_->suspend();
+    waitForState(State::disconnectedBackground, from);
+    say("suspended: socket closed as for the background");
+    if (!server_->canRestoreSession()) fail("nothing to restore in the keychain");
+    const auto attemptsBefore = emulator_->signIn().attempts().size();
+    const auto data = await("restoreSession", server_->restoreSession(false));
+    waitForState(State::connected, from);
+    const auto attempts = emulator_->signIn().attempts();
+    if (attempts.size() <= attemptsBefore || attempts.back().path != "/login/sessionToken") {
+      fail("the restore did not sign in with the stored session token");
+    }
+    token_ = data.token;
+    say("restored " + data.user.userId + " with the session token from the keychain (POST " +
+        attempts.back().path + ")");
+  }
+
+  void serverEndsSession() {
+    const auto before = needsNewSession_;
+    if (!emulator_->endSession(token_)) fail("the emulator does not know the session");
+    say("emulator ended the session and closed its socket (1000)");
+    waitFor("needsNewSession", [&] { return needsNewSession_ > before; });
+    waitFor("forgetting the session", [&] { return !server_->canRestoreSession(); });
+    say("the facade forgot the session: nothing left to restore");
+  }
+
+  void logout() {
+    const auto user = server_->userSession().value();
+    await("logout", server_->logout(std::string(kDeviceId)));
+    if (server_->canRestoreSession()) fail("a session is still stored after logout");
+    if (!emulator_->signIn().pushRegistrations().empty()) {
+      fail("the push registration is still on the server after logout");
+    }
+    if (user && emulator_->session(user->token)) fail("the server session is still alive");
+    say("logged out: push token removed, server session ended, nothing stored");
+  }
+
+  const CommandLine& line_;
+  MainLoop loop_;
+  std::unique_ptr<Emulator> emulator_;
+  emulator::Urls urls_;
+  std::shared_ptr<KelServer> server_;
+  std::unique_ptr<rx::DisposeBag> subscriptions_ = std::make_unique<rx::DisposeBag>();
+  std::vector<State> states_;
+  int needsNewSession_ = 0;
+  std::string token_;
+  std::chrono::steady_clock::time_point connectedAt_{};
+  std::string current_;
+};
+
+}  // namespace
+
+int runDemo(const CommandLine& line) {
+  if (line.json) narrateTo(stderr);
+  const auto started = std::chrono::steady_clock::now();
+  std::optional<std::string> failure;
+  std::string failedStep;
+  {
+    Demo demo(line);
+    try {
+      demo.run();
+    } catch (const StepFailed& failed) {
+      failure = failed.text;
+    } catch (const std::exception&) {
+      failure = describeError(std::current_exception());
+    }
+    failedStep = demo.currentStep();
+  }
+  const auto elapsed = secondsText(std::chrono::steady_clock::now() - started);
+  if (failure) {
+    say("FAILED at step \"" + failedStep + "\": " + *failure);
+    if (!line.json)
+      std::cerr << "kel demo: step \"" << failedStep << "\" failed: " << *failure << std::endl;
+  } else {
+    say("demo finished in " + elapsed + ": every step succeeded");
+  }
+  if (line.json) {
+    nlohmann::json result = {{"command", "demo"}, {"ok", !failure}, {"duration", elapsed}};
+    if (failure) result["error"] = {{"kind", "step"}, {"step", failedStep}, {"message", *failure}};
+    std::cout << result.dump() << std::endl;
+  }
+  return failure ? 1 : 0;
+}
+
+}  // namespace kel::cli

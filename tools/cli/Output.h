@@ -1,0 +1,35 @@
+#pragma once
+
+// What the program prints: timestamped lines for people, one JSON object per command for
+// programs, and errors with their kind.
+
+#include <cstdio>
+#include <exception>
+#include <string>
+#include <string_view>
+
+#include <nlohmann/json.hpp>
+
+#include "ServerClient/Auth/Model/AuthenticationData.h"
+
+namespace kel::cli {
+
+/// "12:00:01.234": the local time of day to the millisecond.
+std::string timestamp();
+/// Where say() writes: stdout unless told (the demo's --json keeps stdout for its result).
+void narrateTo(std::FILE* stream);
+/// One line on stdout, prefixed with the time and flushed at once, so that the lines of a
+/// long-running demo appear as things happen. Safe from any thread.
+void say(std::string_view text);
+
+/// A short, stable name of the error's kind: "auth/Wrong credentials", "connection/timeout",
+/// "generic/notAllowed", ...
+std::string errorKind(const std::exception_ptr& error);
+/// {"kind": errorKind, "message": describeError}.
+nlohmann::json errorJson(const std::exception_ptr& error);
+
+nlohmann::json userJson(const User& user);
+/// The user, its session and what it may do.
+nlohmann::json sessionJson(const AuthenticationData& data);
+
+}  // namespace kel::cli

@@ -1,0 +1,30 @@
+// kel: the command-line client of a Kel server, and its demo.
+
+#include <iostream>
+#include <string_view>
+#include <vector>
+
+#include "ServerClient/Client/ServerLog.h"
+#include "cli/CommandLine.h"
+#include "cli/Commands.h"
+
+int main(int argc, char** argv) {
+  std::vector<std::string_view> arguments(argv + 1, argv + argc);
+  const auto parsed = kel::cli::parseCommandLine(arguments);
+  if (!parsed.commandLine) {
+    std::cerr << "kel: " << parsed.error << "\n(kel --help lists commands and options)"
+              << std::endl;
+    return 2;
+  }
+  const auto& line = *parsed.commandLine;
+  if (line.verbose) kel::ServerLog::sharedInstance().addLoggers(kel::LogLevel::verbose, false);
+  switch (line.command) {
+    case kel::cli::Command::help:
+      std::cout << kel::cli::usage("kel");
+      return 0;
+    case kel::cli::Command::demo:
+      return kel::cli::runDemo(line);
+    default:
+      return kel::cli::runCommand(line);
+  }
+}
