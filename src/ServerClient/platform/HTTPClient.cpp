@@ -29,6 +29,7 @@
 
 #include "ServerClient/Client/ServerLog.h"
 #include "ServerClient/Version.h"
+#include "ServerClient/platform/detail/HttpText.h"
 
 namespace kel::platform {
 
@@ -42,30 +43,11 @@ using tcp = asio::ip::tcp;
 using Executor = asio::io_context::executor_type;
 using Kind = HTTPClientError::Kind;
 
+using detail::equalsIgnoringCase;
+using detail::isFieldValue;
+using detail::isToken;
+
 constexpr std::size_t kMaxResponseHeaderBytes = 64 * 1024;
-
-char lower(char c) noexcept {
-  return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-bool sameName(std::string_view a, std::string_view b) noexcept {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(),
-                                            [](char x, char y) { return lower(x) == lower(y); });
-}
-
-bool isToken(std::string_view text) noexcept {
-  const auto isTokenChar = [](char c) {
-    if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')) return true;
-    return std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos;
-  };
-  return !text.empty() && std::all_of(text.begin(), text.end(), isTokenChar);
-}
-
-// A field value may not end the line early: that would let it inject fields of its own.
-bool isFieldValue(std::string_view text) noexcept {
-  return std::none_of(text.begin(), text.end(),
-                      [](char c) { return c == '\r' || c == '\n' || c == '\0'; });
-}
 
 std::exception_ptr makeClientError(Kind kind, std::error_code code, const std::string& what) {
   return std::make_exception_ptr(HTTPClientError(kind, code, what));
@@ -356,7 +338,7 @@ class ExchangeOver final : public Exchange {
 
 std::optional<std::string> HTTPResponse::value(std::string_view field) const {
   for (const auto& [name, value] : headerFields) {
-    if (sameName(name, field)) return value;
+    if (equalsIgnoringCase(name, field)) return value;
   }
   return std::nullopt;
 }
@@ -443,7 +425,7 @@ rx::Disposable BeastHTTPClient::send(HTTPRequest request, Completion completion)
   message.set(http::field::host, endpoint->hostField);
   const auto has = [&](std::string_view name) {
     return std::any_of(request.headerFields.begin(), request.headerFields.end(),
-                       [&](const auto& field) { return sameName(field.first, name); });
+                       [&](const auto& field) { return equalsIgnoringCase(field.first, name); });
   };
   if (!has("User-Agent")) {
     message.set(http::field::user_agent, std::string("ServerClient/") + libraryVersion());

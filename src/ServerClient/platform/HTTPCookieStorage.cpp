@@ -6,6 +6,8 @@
 #include <limits>
 #include <utility>
 
+#include "ServerClient/platform/detail/HttpText.h"
+
 namespace kel::platform {
 
 namespace {
@@ -13,19 +15,13 @@ namespace {
 using std::chrono::system_clock;
 using TimePoint = system_clock::time_point;
 
-char lower(char c) noexcept {
-  return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-}
+using detail::asciiLower;
+using detail::equalsIgnoringCase;
 
 std::string lowered(std::string_view text) {
   std::string result(text);
-  std::transform(result.begin(), result.end(), result.begin(), lower);
+  std::transform(result.begin(), result.end(), result.begin(), asciiLower);
   return result;
-}
-
-bool equalsIgnoringCase(std::string_view a, std::string_view b) noexcept {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(),
-                                            [](char x, char y) { return lower(x) == lower(y); });
 }
 
 bool isDigit(char c) noexcept {

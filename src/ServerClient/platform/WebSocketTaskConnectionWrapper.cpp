@@ -37,6 +37,7 @@
 #include "ServerClient/Client/ServerLog.h"
 #include "ServerClient/Version.h"
 #include "ServerClient/platform/TlsClientContext.h"
+#include "ServerClient/platform/detail/HttpText.h"
 
 namespace kel::platform {
 
@@ -49,23 +50,8 @@ namespace ssl = asio::ssl;
 namespace websocket = beast::websocket;
 using tcp = asio::ip::tcp;
 using Executor = asio::io_context::executor_type;
-
-char lower(char c) noexcept {
-  return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-bool sameName(std::string_view a, std::string_view b) noexcept {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(),
-                                            [](char x, char y) { return lower(x) == lower(y); });
-}
-
-bool isToken(std::string_view text) noexcept {
-  const auto isTokenChar = [](char c) {
-    if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')) return true;
-    return std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos;
-  };
-  return !text.empty() && std::all_of(text.begin(), text.end(), isTokenChar);
-}
+using detail::equalsIgnoringCase;
+using detail::isToken;
 
 std::string_view trimmed(std::string_view text) noexcept {
   while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
@@ -83,7 +69,7 @@ bool isHandshakeField(std::string_view name) noexcept {
                                                            "Sec-WebSocket-Extensions",
                                                            "Sec-WebSocket-Protocol"};
   return std::any_of(kFields.begin(), kFields.end(),
-                     [&](std::string_view field) { return sameName(field, name); });
+                     [&](std::string_view field) { return equalsIgnoringCase(field, name); });
 }
 
 // The value of a Cookie field that holds `existing` and then every cookie of `cookies` whose name
@@ -741,7 +727,7 @@ Handshake SocketCore::handshakeFor(const UpgradeRequest& request) const {
   std::optional<std::string> cookieField;
   for (const auto& [name, value] : request.headerFields()) {
     if (isHandshakeField(name)) continue;
-    if (sameName(name, "Cookie")) {
+    if (equalsIgnoringCase(name, "Cookie")) {
       cookieField = value;
       continue;
     }

@@ -31,14 +31,16 @@ TEST(Reachability, NeedsAnInterfaceThatIsUpRunningNotLoopbackAndHoldsAGlobalAddr
   EXPECT_EQ(notReachable, reachabilityOf({}));
   EXPECT_EQ(notReachable, reachabilityOf({lo}));
   EXPECT_EQ(reachable, reachabilityOf({lo, interface("eth0", true, true, {"192.0.2.10"})}));
-  EXPECT_EQ(reachable, reachabilityOf({interface("wlan0", true, true, {"fe80::1", "2001:db8::5"})}));
+  EXPECT_EQ(reachable,
+            reachabilityOf({interface("wlan0", true, true, {"fe80::1", "2001:db8::5"})}));
   // No carrier, or switched off.
   EXPECT_EQ(notReachable, reachabilityOf({interface("eth0", true, false, {"192.0.2.10"})}));
   EXPECT_EQ(notReachable, reachabilityOf({interface("eth0", false, true, {"192.0.2.10"})}));
   // Addresses that reach no further than the link, or nothing at all.
   EXPECT_EQ(notReachable,
             reachabilityOf({interface("eth0", true, true, {"169.254.7.1", "fe80::1", "0.0.0.0"})}));
-  EXPECT_EQ(notReachable, reachabilityOf({interface("eth0", true, true, {"::", "not an address"})}));
+  EXPECT_EQ(notReachable,
+            reachabilityOf({interface("eth0", true, true, {"::", "not an address"})}));
   EXPECT_EQ(notReachable, reachabilityOf({interface("eth0", true, true, {})}));
   // A loopback interface never counts, whatever address it holds.
   EXPECT_EQ(notReachable, reachabilityOf({interface("lo", true, true, {"192.0.2.1"}, true)}));
