@@ -111,7 +111,10 @@ bool ResourceRouter::remove(std::string_view method, std::string_view pattern) {
 }
 
 void ResourceRouter::dispatch(ResourceRequest request, Responder responder) const {
-  auto target = parseTarget(request.path);
+  // A relative path ("capabilities") is resolved against the root, as a server resolves a
+  // relative reference.
+  auto target = parseTarget(
+      !request.path.empty() && !request.path.starts_with('/') ? "/" + request.path : request.path);
   if (!target) {
     responder.respond(Reply::message(400, "not a valid path: " + request.path));
     return;

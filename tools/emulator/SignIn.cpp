@@ -191,6 +191,13 @@ void SignIn::install(HttpRouter& http, ResourceRouter& resources) {
     return Reply::ok(own->permissions);
   });
 
+  // The library asks for "capabilities", a path relative to the server's root.
+  resources.route("GET", "/capabilities", [this](const ResourceRequest& r) {
+    auto own = account(r.userId);
+    if (!own) return Reply::message(404, "no account for " + r.userId);
+    return Reply::ok(own->capabilities);
+  });
+
   resources.route("GET", "/users", [this](const ResourceRequest& r) {
     if (r.rest.empty()) return Reply::message(400, "a user id is needed");
     auto found = account(r.rest);

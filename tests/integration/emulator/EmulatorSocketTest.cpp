@@ -127,7 +127,7 @@ TEST_F(EmulatorTest, RoutesReceivePathParametersTheRestAndTheDecodedQuery) {
   EXPECT_EQ(404, client->request("GET", "/nowhere").at("status"));
   EXPECT_EQ(405, client->request("POST", "/sessions").at("status"));
   EXPECT_EQ(500, client->request("GET", "/broken").at("status"));
-  EXPECT_EQ(400, client->request("GET", "no-leading-slash").at("status"));
+  EXPECT_EQ(404, client->request("GET", "no-leading-slash").at("status"));
 }
 
 TEST_F(EmulatorTest, AsynchronousHandlersAnswerFromAnyThreadOnceOnly) {

@@ -84,7 +84,8 @@ TEST(ResourceRouter, MissesAndFailuresAreAnsweredByTheRouter) {
   EXPECT_EQ(404, dispatch(router, "GET", "/nothing")->status);
   EXPECT_EQ(405, dispatch(router, "PUT", "/presence/1")->status);
   EXPECT_EQ(200, dispatch(router, "get", "/presence")->status) << "methods ignore case";
-  EXPECT_EQ(400, dispatch(router, "GET", "presence")->status);
+  EXPECT_EQ(200, dispatch(router, "GET", "presence")->status) << "resolved against the root";
+  EXPECT_EQ(400, dispatch(router, "GET", "/%zz")->status);
   auto failed = dispatch(router, "GET", "/throws");
   EXPECT_EQ(500, failed->status);
   EXPECT_EQ("handler failed: x", failed->body["message"]);
