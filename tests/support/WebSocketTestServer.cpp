@@ -30,6 +30,8 @@
 
 #include <openssl/ssl.h>
 
+#include "ServerClient/platform/detail/HttpText.h"
+
 namespace kel::test {
 
 namespace {
@@ -42,14 +44,7 @@ namespace websocket = beast::websocket;
 using tcp = asio::ip::tcp;
 using Executor = asio::io_context::executor_type;
 
-char lower(char c) noexcept {
-  return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-bool sameName(std::string_view a, std::string_view b) noexcept {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(),
-                                            [](char x, char y) { return lower(x) == lower(y); });
-}
+using platform::detail::equalsIgnoringCase;
 
 std::string firstOffered(std::string_view list) {
   auto first = list.substr(0, list.find(','));
@@ -482,7 +477,7 @@ std::string WebSocketTestServer::Connection::target() const {
 std::optional<std::string> WebSocketTestServer::Connection::header(std::string_view name) const {
   std::lock_guard lock(state_->mutex);
   for (const auto& [field, value] : state_->headers) {
-    if (sameName(field, name)) return value;
+    if (equalsIgnoringCase(field, name)) return value;
   }
   return std::nullopt;
 }
