@@ -5,7 +5,7 @@
 
 #include <mutex>
 
-#include "ServerClient/Client/ServerLog.h"
+#include "ServerClient/Log/ServerLog.h"
 
 namespace kel::testing {
 

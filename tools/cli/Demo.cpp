@@ -12,8 +12,8 @@
 
 #include "ServerClient/Auth/Service/AuthService.h"
 #include "ServerClient/Client/KelServer.h"
-#include "ServerClient/Client/ServerLog.h"
 #include "ServerClient/Common/SDKError.h"
+#include "ServerClient/Log/ServerLog.h"
 #include "ServerClient/Push/PushService.h"
 #include "ServerClient/User/UserService.h"
 #include "ServerClient/platform/InMemoryKeychain.h"

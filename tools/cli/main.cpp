@@ -4,7 +4,7 @@
 #include <string_view>
 #include <vector>
 
-#include "ServerClient/Client/ServerLog.h"
+#include "ServerClient/Log/ServerLog.h"
 #include "cli/CommandLine.h"
 #include "cli/Commands.h"
 

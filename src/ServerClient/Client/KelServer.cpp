@@ -3,9 +3,9 @@
 #include <utility>
 
 #include "ServerClient/Auth/Service/AuthService.h"
-#include "ServerClient/Client/ServerLog.h"
 #include "ServerClient/Common/SDKError.h"
 #include "ServerClient/KeepConnection/KeepConnectionService.h"
+#include "ServerClient/Log/ServerLog.h"
 #include "ServerClient/Push/PushService.h"
 #include "ServerClient/User/UserService.h"
 #include "ServerClient/Utils/Description.h"
@@ -206,11 +206,11 @@ std::string KelServer::storedServerURL() const {
   return std::string(url.buffer());
 }
 
-void KelServer::saveToken(const AuthenticationData& data) const {
+void KelServer::saveToken(const AuthenticationData& data, std::string_view function) const {
   try {
     tokenItem().saveToken(data.token, storedServerURL());
   } catch (...) {
-    KEL_LOG_ERROR("Error saving token: " + describeError(std::current_exception()));
+    KEL_LOG_ERROR(function, "Error saving token: " + describeError(std::current_exception()));
   }
 }
 
@@ -244,7 +244,7 @@ rx::Single<AuthenticationData> KelServer::connect(std::string token) {
   if (!client)
     return rx::Single<AuthenticationData>::error(
         std::make_exception_ptr(socketURLError(socketURL_)));
-  KEL_LOG_DEBUG("KelServer: Starting connecting...");
+  KEL_LOG_DEBUG("connect(using:)", "KelServer: Starting connecting...");
   sessionState_->emit(State::connecting);
   socketClient_.accept(client);
 
@@ -269,9 +269,9 @@ rx::Single<AuthenticationData> KelServer::connect(std::string token) {
       .map([weak](AuthenticationData data) {
         if (auto self = weak.lock()) {
           if (auto error = self->options_.userDefaults->setBool(true, keychainService())) {
-            KEL_LOG_ERROR("Error saving the restore flag: " + error.message());
+            KEL_LOG_ERROR("connect(using:)", "Error saving the restore flag: " + error.message());
           }
-          self->saveToken(data);
+          self->saveToken(data, "connect(using:)");
           self->onNewAuthenticationData(data);
         }
         return data;
@@ -279,10 +279,10 @@ rx::Single<AuthenticationData> KelServer::connect(std::string token) {
       .subscribeOn(userInitiatedScheduler())
       .observeOn(options_.mainScheduler)
       .doOnSuccess([](const AuthenticationData& data) {
-        KEL_LOG_DEBUG("User connected: " + description(data.user));
+        KEL_LOG_DEBUG("connect(using:)", "User connected: " + description(data.user));
       })
       .doOnError([weak](std::exception_ptr error) {
-        KEL_LOG_ERROR("Error connecting KEL session >> " + describeError(error));
+        KEL_LOG_ERROR("connect(using:)", "Error connecting KEL session >> " + describeError(error));
         if (auto self = weak.lock()) self->sessionState_->emit(State::error);
       });
 }
@@ -292,11 +292,11 @@ rx::Single<AuthenticationData> KelServer::restoreSession(bool shouldCheckBackgro
   try {
     stored = tokenItem().readToken();
   } catch (...) {
-    KEL_LOG_ERROR("No token to restore the session");
+    KEL_LOG_ERROR("restoreSession(shouldCheckBackgroundState:)", "No token to restore the session");
     return rx::Single<AuthenticationData>::error(std::make_exception_ptr(
         GenericError(GenericErrorType::notAllowed("No token to restore the session"), "")));
   }
-  KEL_LOG_DEBUG("KelServer: Starting restoring...");
+  KEL_LOG_DEBUG("restoreSession(shouldCheckBackgroundState:)", "KelServer: Starting restoring...");
   const auto scheduler = userInitiatedScheduler();
   std::weak_ptr<KelServer> weak = weak_from_this();
 
@@ -306,7 +306,8 @@ rx::Single<AuthenticationData> KelServer::restoreSession(bool shouldCheckBackgro
   if (client && session &&
       client->currentStatus() ==
           SocketState::disconnected(SocketStateDisconnectedReason::lostConnection)) {
-    KEL_LOG_DEBUG("User connected: " + description(session->user));
+    KEL_LOG_DEBUG("restoreSession(shouldCheckBackgroundState:)",
+                  "User connected: " + description(session->user));
     return client->socketConnectionEventChannel()
         .filter([](const SocketState& state) { return state == SocketState::authenticated(); })
         .take(1)
@@ -318,7 +319,8 @@ rx::Single<AuthenticationData> KelServer::restoreSession(bool shouldCheckBackgro
         .catchError([weak](std::exception_ptr error) {
           auto self = weak.lock();
           if (!self) return rx::Single<AuthenticationData>::error(error);
-          KEL_LOG_ERROR("Session expired. Creating new session...");
+          KEL_LOG_ERROR("restoreSession(shouldCheckBackgroundState:)",
+                        "Session expired. Creating new session...");
           self->sessionState_->setUserSession(std::nullopt);
           self->userSession_.onNext(std::nullopt);
           return self->restoreSession(true);
@@ -326,7 +328,8 @@ rx::Single<AuthenticationData> KelServer::restoreSession(bool shouldCheckBackgro
   }
 
   if (shouldCheckBackgroundState && appIsInBackground_) {
-    KEL_LOG_ERROR("Session not restored because app is in background");
+    KEL_LOG_ERROR("restoreSession(shouldCheckBackgroundState:)",
+                  "Session not restored because app is in background");
     return rx::Single<AuthenticationData>::error(std::make_exception_ptr(GenericError(
         GenericErrorType::notAllowed("Session not restored because app is in background"), "")));
   }
@@ -368,8 +371,9 @@ rx::Single<AuthenticationData> KelServer::restoreSession(bool shouldCheckBackgro
         decision = self->sessionState_->currentState().value() != State::disconnectedBackground;
       }
     }
-    KEL_LOG_ERROR(std::string("Should retry restoring KEL session >> ") +
-                  (decision ? "true" : "false"));
+    KEL_LOG_ERROR(
+        "restoreSession(shouldCheckBackgroundState:)",
+        std::string("Should retry restoring KEL session >> ") + (decision ? "true" : "false"));
     return decision;
   };
   return retry(attempt, 1, RepeatBehavior::delayed(restoreAttempts, restoreDelaySeconds),
@@ -377,17 +381,19 @@ rx::Single<AuthenticationData> KelServer::restoreSession(bool shouldCheckBackgro
       .map([weak](AuthenticationData data) {
         if (auto self = weak.lock()) {
           self->onNewAuthenticationData(data);
-          self->saveToken(data);
+          self->saveToken(data, "restoreSession(shouldCheckBackgroundState:)");
         }
         return data;
       })
       .subscribeOn(scheduler)
       .observeOn(options_.mainScheduler)
       .doOnSuccess([](const AuthenticationData& data) {
-        KEL_LOG_DEBUG("User connected: " + description(data.user));
+        KEL_LOG_DEBUG("restoreSession(shouldCheckBackgroundState:)",
+                      "User connected: " + description(data.user));
       })
       .doOnError([weak](std::exception_ptr error) {
-        KEL_LOG_ERROR("Error restoring KEL session >> " + describeError(error));
+        KEL_LOG_ERROR("restoreSession(shouldCheckBackgroundState:)",
+                      "Error restoring KEL session >> " + describeError(error));
         if (auto self = weak.lock()) self->sessionState_->emit(State::error);
       });
 }
@@ -395,14 +401,14 @@ rx::Single<AuthenticationData> KelServer::restoreSession(bool shouldCheckBackgro
 // --- Suspend, clear, logout ---------------------------------------------------------------------
 
 void KelServer::suspend() {
-  KEL_LOG_DEBUG("KelServer session disconnected");
+  KEL_LOG_DEBUG("suspend()", "KelServer session disconnected");
   if (auto client = socketClient_.value()) client->stop(platform::SocketCloseCode::goingBackground);
 }
 
 void KelServer::clearSessionInfo() {
-  KEL_LOG_DEBUG("Deleting session info...");
+  KEL_LOG_DEBUG("clearSessionInfo()", "Deleting session info...");
   if (auto error = options_.userDefaults->setBool(false, keychainService())) {
-    KEL_LOG_ERROR("Error saving the restore flag: " + error.message());
+    KEL_LOG_ERROR("clearSessionInfo()", "Error saving the restore flag: " + error.message());
   }
   try {
     KeychainTokenItem(keychainService(), std::nullopt, options_.keychain).deleteItem();

@@ -5,6 +5,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include <boost/url/url.hpp>
 
@@ -163,7 +164,7 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
   rx::Observable<rx::Unit> renewSession();
   KeychainTokenItem tokenItem() const;
   std::string storedServerURL() const;
-  void saveToken(const AuthenticationData& data) const;
+  void saveToken(const AuthenticationData& data, std::string_view function) const;
   rx::SchedulerPtr userInitiatedScheduler() const;
 
   const boost::urls::url kelURL_;

@@ -4,8 +4,8 @@
 #include <string>
 #include <utility>
 
-#include "ServerClient/Client/ServerLog.h"
 #include "ServerClient/Common/SDKError.h"
+#include "ServerClient/Log/ServerLog.h"
 
 namespace kel {
 
@@ -31,7 +31,7 @@ rx::Observable<rx::Unit> KeepConnectionService::renewSession(
       .asObservable()
       .map([](const Resource&) { return rx::Unit{}; })
       .catchError([](std::exception_ptr error) {
-        KEL_LOG_DEBUG("Session renewal failed: " + describeError(error));
+        KEL_LOG_DEBUG("renewSession(for:)", "Session renewal failed: " + describeError(error));
         return rx::Observable<rx::Unit>::just(rx::Unit{});
       });
 }

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "ServerClient/Client/ServerLog.h"
+#include "ServerClient/Log/ServerLog.h"
 #include "ServerClient/Socket/Model/AuthFrame.h"
 #include "ServerClient/Socket/SocketConnector.h"
 #include "ServerClient/rx/Schedulers.h"
@@ -24,7 +24,7 @@ rx::Single<rx::Unit> SocketAuthenticator::authenticate(std::string token) const 
   auto attempt = [socket = socket_, states = eventHandler_->stateEventPublisher(),
                   token = std::move(token), timeout = connectionTimeout_,
                   scheduler = authenticationScheduler_](rx::Observer<rx::Unit> observer) {
-    KEL_LOG_DEBUG("Trying to authenticate socket");
+    KEL_LOG_DEBUG("authenticate(token:)", "Trying to authenticate socket");
     auto wait = detail::firstState(states, SocketState::Kind::authenticated)
                     .amb(detail::timeoutFailure(timeout, scheduler))
                     .subscribe(observer);

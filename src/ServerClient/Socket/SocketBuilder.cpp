@@ -3,8 +3,8 @@
 #include <exception>
 #include <utility>
 
-#include "ServerClient/Client/ServerLog.h"
 #include "ServerClient/Common/SDKError.h"
+#include "ServerClient/Log/ServerLog.h"
 #include "ServerClient/Socket/Events/KelSocketEventHandler.h"
 #include "ServerClient/platform/HTTPCookieStorage.h"
 #include "ServerClient/platform/NetlinkNetworkManager.h"
@@ -63,11 +63,12 @@ std::shared_ptr<SocketClient> SocketBuilder::newSocket() {
     if (platform_.makeSocket)
       socket = platform_.makeSocket(socketURL_, {socketSubProtocol(socketURL_)});
   } catch (...) {
-    KEL_LOG_ERROR("Could not make the socket: " + describeError(std::current_exception()));
+    KEL_LOG_ERROR("newSocket()",
+                  "Could not make the socket: " + describeError(std::current_exception()));
     return nullptr;
   }
   if (!socket) {
-    KEL_LOG_ERROR("No socket for " + std::string(socketURL_.buffer()));
+    KEL_LOG_ERROR("newSocket()", "No socket for " + std::string(socketURL_.buffer()));
     return nullptr;
   }
 

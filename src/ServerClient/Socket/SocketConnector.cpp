@@ -5,8 +5,8 @@
 
 #include <boost/url/parse.hpp>
 
-#include "ServerClient/Client/ServerLog.h"
 #include "ServerClient/Common/SDKError.h"
+#include "ServerClient/Log/ServerLog.h"
 #include "ServerClient/rx/Schedulers.h"
 
 namespace kel {
@@ -73,7 +73,7 @@ rx::Single<rx::Unit> SocketConnector::connect() const {
         socket->setRequest(std::move(request));
       }
     }
-    KEL_LOG_DEBUG("Trying to connect socket");
+    KEL_LOG_DEBUG("connect()", "Trying to connect socket");
     auto wait = detail::firstState(states, SocketState::Kind::connected)
                     .amb(detail::timeoutFailure(timeout, scheduler))
                     .subscribe(observer);

@@ -2,8 +2,8 @@
 
 #include <utility>
 
-#include "ServerClient/Client/ServerLog.h"
 #include "ServerClient/Common/SDKError.h"
+#include "ServerClient/Log/ServerLog.h"
 #include "ServerClient/rx/Schedulers.h"
 
 namespace kel {
@@ -104,7 +104,8 @@ void SocketReconnector::authenticate(const std::string& token) {
   disposeBag_.insert(socketAuthenticator_->authenticate(token).subscribe(
       [](rx::Unit) {},
       [](std::exception_ptr error) {
-        KEL_LOG_ERROR("Authentication after reconnection failed: " + describeError(error));
+        KEL_LOG_ERROR("launchReconnection(token:)",
+                      "Authentication after reconnection failed: " + describeError(error));
       }));
 }
 

@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "ServerClient/Client/ServerLog.h"
 #include "ServerClient/Common/Json.h"
+#include "ServerClient/Log/ServerLog.h"
 
 namespace kel::detail {
 

@@ -12,8 +12,8 @@
 #include <sstream>
 #include <system_error>
 
-#include "ServerClient/Client/ServerLog.h"
 #include "ServerClient/Common/Random.h"
+#include "ServerClient/Log/ServerLog.h"
 
 namespace kel::platform {
 
@@ -109,13 +109,15 @@ std::optional<std::string> loadOrCreateIdentifier(const fs::path& directory) {
   std::error_code ec;
   fs::create_directories(directory, ec);
   if (ec) {
-    KEL_LOG_ERROR("Cannot create " + directory.string() + ": " + ec.message());
+    KEL_LOG_ERROR("identifierForVendor",
+                  "Cannot create " + directory.string() + ": " + ec.message());
     return std::nullopt;
   }
   const auto identifier = makeUUIDString();
   const auto temporary = writeTemporary(directory, identifier);
   if (!temporary) {
-    KEL_LOG_ERROR("Cannot write the device identifier in " + directory.string());
+    KEL_LOG_ERROR("identifierForVendor",
+                  "Cannot write the device identifier in " + directory.string());
     return std::nullopt;
   }
   // link() never replaces: when another process got there first, its identifier wins.

@@ -27,7 +27,7 @@
 #include <pthread.h>
 #endif
 
-#include "ServerClient/Client/ServerLog.h"
+#include "ServerClient/Log/ServerLog.h"
 #include "ServerClient/Version.h"
 #include "ServerClient/platform/detail/HttpText.h"
 
@@ -130,9 +130,10 @@ void deliver(const std::shared_ptr<Delivery>& delivery, std::exception_ptr error
   try {
     completion(std::move(error), std::move(response));
   } catch (const std::exception& e) {
-    KEL_LOG_ERROR(std::string("HTTP completion threw: ") + e.what());
+    KEL_LOG_ERROR("dataTask(with:completionHandler:)",
+                  std::string("HTTP completion threw: ") + e.what());
   } catch (...) {
-    KEL_LOG_ERROR("HTTP completion threw");
+    KEL_LOG_ERROR("dataTask(with:completionHandler:)", "HTTP completion threw");
   }
 }
 
@@ -385,7 +386,7 @@ BeastHTTPClient::BeastHTTPClient(Options options)
         runtime->ioContext.run();
         return;
       } catch (const std::exception& e) {
-        KEL_LOG_ERROR(std::string("HTTP client thread: ") + e.what());
+        KEL_LOG_ERROR("run()", std::string("HTTP client thread: ") + e.what());
       }
     }
   });

@@ -11,7 +11,7 @@
 #include <gio/gio.h>
 #include <libsecret/secret.h>
 
-#include "ServerClient/Client/ServerLog.h"
+#include "ServerClient/Log/ServerLog.h"
 
 namespace kel::platform {
 
@@ -182,8 +182,8 @@ class Operation {
   }
 
   OSStatus fail(const char* step, OSStatus status, const std::string& reason) {
-    KEL_LOG_ERROR(std::string("Keychain ") + name_ + ": " + step + " failed (" +
-                  keychainStatusName(status) + "): " + reason);
+    KEL_LOG_ERROR("call(_:)", std::string("Keychain ") + name_ + ": " + step + " failed (" +
+                                  keychainStatusName(status) + "): " + reason);
     return status;
   }
 
@@ -301,7 +301,7 @@ OSStatus SecretServiceKeychain::add(const KeychainItem& item) {
     if (!created) return operation.fail("creating the item", error.get());
     return errSecSuccess;
   } catch (const std::exception& e) {
-    KEL_LOG_ERROR(std::string("Keychain add: ") + e.what());
+    KEL_LOG_ERROR("SecItemAdd(_:)", std::string("Keychain add: ") + e.what());
     return errSecInternalComponent;
   }
 }
@@ -334,7 +334,7 @@ KeychainMatch SecretServiceKeychain::copyMatching(const KeychainQuery& query) {
     const gchar* bytes = secret_value_get(value.get(), &length);
     return {errSecSuccess, std::string(bytes, length)};
   } catch (const std::exception& e) {
-    KEL_LOG_ERROR(std::string("Keychain copyMatching: ") + e.what());
+    KEL_LOG_ERROR("SecItemCopyMatching(_:)", std::string("Keychain copyMatching: ") + e.what());
     return {errSecInternalComponent, {}};
   }
 }
@@ -372,7 +372,7 @@ OSStatus SecretServiceKeychain::deleteItems(const KeychainQuery& query) {
     }
     return errSecSuccess;
   } catch (const std::exception& e) {
-    KEL_LOG_ERROR(std::string("Keychain deleteItems: ") + e.what());
+    KEL_LOG_ERROR("SecItemDelete(_:)", std::string("Keychain deleteItems: ") + e.what());
     return errSecInternalComponent;
   }
 }

@@ -24,7 +24,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "ServerClient/Client/ServerLog.h"
+#include "ServerClient/Log/ServerLog.h"
 
 namespace kel::platform {
 
@@ -76,7 +76,8 @@ OvNetworkStatus reachabilityOf(const std::vector<NetworkInterface>& interfaces) 
 std::vector<NetworkInterface> currentNetworkInterfaces() {
   ifaddrs* list = nullptr;
   if (::getifaddrs(&list) != 0) {
-    KEL_LOG_ERROR(std::string("Network interfaces cannot be read: ") + std::strerror(errno));
+    KEL_LOG_ERROR("readStatus()",
+                  std::string("Network interfaces cannot be read: ") + std::strerror(errno));
     return {};
   }
   std::map<std::string, NetworkInterface> byName;
@@ -132,15 +133,15 @@ struct NetlinkNetworkManager::Watcher {
         changed = true;
         continue;
       }
-      KEL_LOG_ERROR(std::string("Network changes can no longer be followed: ") +
-                    (n < 0 ? std::strerror(errno) : "netlink socket closed"));
+      KEL_LOG_ERROR("listen()", std::string("Network changes can no longer be followed: ") +
+                                    (n < 0 ? std::strerror(errno) : "netlink socket closed"));
       return;
     }
     if (changed) {
       const auto now = rule(currentNetworkInterfaces());
       if (now != last) {
         last = now;
-        KEL_LOG_DEBUG(std::string("Network status: ") + std::string(name(now)));
+        KEL_LOG_DEBUG("listen()", std::string("Network status: ") + std::string(name(now)));
         status.accept(now);
       }
     }
@@ -166,8 +167,9 @@ NetlinkNetworkManager::NetlinkNetworkManager(Rule rule) : status_(OvNetworkStatu
   const auto initial = rule(currentNetworkInterfaces());
   status_.accept(initial);
   if (fd < 0) {
-    KEL_LOG_ERROR(std::string("Network changes cannot be followed (no netlink socket): ") +
-                  std::strerror(openError));
+    KEL_LOG_ERROR("start()",
+                  std::string("Network changes cannot be followed (no netlink socket): ") +
+                      std::strerror(openError));
     return;
   }
   watcher_ = std::make_shared<Watcher>(fd, std::move(rule), status_, initial);

@@ -12,8 +12,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "ServerClient/Client/ServerLog.h"
 #include "ServerClient/Common/Json.h"
+#include "ServerClient/Log/ServerLog.h"
 
 namespace kel::platform {
 
@@ -70,6 +70,7 @@ std::shared_ptr<UserDefaults> UserDefaults::standard() {
       return std::make_shared<FileUserDefaults>(*path);
     }
     KEL_LOG_ERROR(
+        "standard",
         "User defaults: neither XDG_CONFIG_HOME nor HOME is an absolute path; values are kept in "
         "memory only");
     return std::make_shared<InMemoryUserDefaults>();
@@ -166,26 +167,27 @@ void FileUserDefaults::load() {
   const auto size = fs::file_size(path_, error);
   if (error) {
     if (error != std::errc::no_such_file_or_directory) {
-      KEL_LOG_ERROR("User defaults: cannot read " + path_.string() + ": " + error.message() +
-                    "; starting empty");
+      KEL_LOG_ERROR("load()", "User defaults: cannot read " + path_.string() + ": " +
+                                  error.message() + "; starting empty");
     }
     return;
   }
   if (size > kMaxFileSize) {
-    KEL_LOG_ERROR("User defaults: " + path_.string() + " is too large (" + std::to_string(size) +
-                  " bytes); starting empty");
+    KEL_LOG_ERROR("load()", "User defaults: " + path_.string() + " is too large (" +
+                                std::to_string(size) + " bytes); starting empty");
     return;
   }
   std::ifstream in(path_, std::ios::binary);
   const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
   if (in.bad() || !in.is_open()) {
-    KEL_LOG_ERROR("User defaults: cannot read " + path_.string() + "; starting empty");
+    KEL_LOG_ERROR("load()", "User defaults: cannot read " + path_.string() + "; starting empty");
     return;
   }
   const auto json = parseJson(text);
   if (!json || !json->is_object()) {
-    KEL_LOG_ERROR("User defaults: " + path_.string() +
-                  " is not a JSON object; starting empty, the next change replaces it");
+    KEL_LOG_ERROR("load()",
+                  "User defaults: " + path_.string() +
+                      " is not a JSON object; starting empty, the next change replaces it");
     return;
   }
   for (const auto& [key, value] : json->items()) {
@@ -194,8 +196,8 @@ void FileUserDefaults::load() {
     } else if (value.is_string()) {
       values_.insert_or_assign(key, value.get<std::string>());
     } else {
-      KEL_LOG_ERROR("User defaults: ignoring \"" + key + "\" in " + path_.string() +
-                    ", neither a boolean nor a text");
+      KEL_LOG_ERROR("load()", "User defaults: ignoring \"" + key + "\" in " + path_.string() +
+                                  ", neither a boolean nor a text");
     }
   }
 }
@@ -211,10 +213,11 @@ std::error_code FileUserDefaults::persist() {
   const fs::path directory = path_.has_parent_path() ? path_.parent_path() : fs::path(".");
   std::string temporary = (directory / ("." + path_.filename().string() + ".XXXXXX")).string();
   const auto fail = [this](const char* step, std::error_code error, bool replaced = false) {
-    KEL_LOG_ERROR("User defaults: cannot write " + path_.string() + " (" + step +
-                  "): " + error.message() +
-                  (replaced ? "; the new content is in place but may not survive a crash"
-                            : "; the file keeps its previous content"));
+    KEL_LOG_ERROR("synchronize()",
+                  "User defaults: cannot write " + path_.string() + " (" + step +
+                      "): " + error.message() +
+                      (replaced ? "; the new content is in place but may not survive a crash"
+                                : "; the file keeps its previous content"));
     return error;
   };
 

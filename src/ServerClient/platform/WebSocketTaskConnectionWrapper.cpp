@@ -34,7 +34,7 @@
 #include <pthread.h>
 #endif
 
-#include "ServerClient/Client/ServerLog.h"
+#include "ServerClient/Log/ServerLog.h"
 #include "ServerClient/Version.h"
 #include "ServerClient/platform/TlsClientContext.h"
 #include "ServerClient/platform/detail/HttpText.h"
@@ -107,9 +107,9 @@ void callDelegate(const std::shared_ptr<WebSocketConnectionDelegate>& delegate, 
   try {
     call(*delegate);
   } catch (const std::exception& e) {
-    KEL_LOG_ERROR(std::string("WebSocket delegate threw: ") + e.what());
+    KEL_LOG_ERROR("notify(_:)", std::string("WebSocket delegate threw: ") + e.what());
   } catch (...) {
-    KEL_LOG_ERROR("WebSocket delegate threw");
+    KEL_LOG_ERROR("notify(_:)", "WebSocket delegate threw");
   }
 }
 
@@ -289,7 +289,8 @@ class SocketCore : public std::enable_shared_from_this<SocketCore> {
           break;
       }
     }
-    KEL_LOG_DEBUG("WebSocket " + endpoint_.text + " closing with " + name(code));
+    KEL_LOG_DEBUG("disconnect(closeCode:)",
+                  "WebSocket " + endpoint_.text + " closing with " + name(code));
     if (connection) {
       asio::post(executor_, [connection, code] { connection->close(code); });
     } else {
@@ -340,7 +341,7 @@ class SocketCore : public std::enable_shared_from_this<SocketCore> {
       state_ = State::open;
       delegate = delegate_.lock();
     }
-    KEL_LOG_DEBUG("WebSocket " + endpoint_.text + " open");
+    KEL_LOG_DEBUG("didOpen()", "WebSocket " + endpoint_.text + " open");
     callDelegate(delegate, [](auto& d) { d.socketDidConnect(); });
     return true;
   }
@@ -381,7 +382,8 @@ class SocketCore : public std::enable_shared_from_this<SocketCore> {
       ending = std::move(connection_);
       delegate = delegate_.lock();
     }
-    KEL_LOG_DEBUG("WebSocket " + endpoint_.text + " closed with " + name(code));
+    KEL_LOG_DEBUG("didClose(closeCode:)",
+                  "WebSocket " + endpoint_.text + " closed with " + name(code));
     callDelegate(delegate, [code](auto& d) { d.socketDidDisconnect(code); });
   }
 
@@ -758,7 +760,7 @@ void SocketCore::connect() {
     connection_ = connection;
     state_ = State::opening;
   }
-  KEL_LOG_DEBUG("WebSocket " + endpoint_.text + " opening");
+  KEL_LOG_DEBUG("connect()", "WebSocket " + endpoint_.text + " opening");
   asio::post(executor_, [connection] { connection->start(); });
 }
 
@@ -806,7 +808,7 @@ void WebSocketTaskConnectionWrapper::ensureRunning() {
           runtime->ioContext.run();
           return;
         } catch (const std::exception& e) {
-          KEL_LOG_ERROR(std::string("WebSocket network thread: ") + e.what());
+          KEL_LOG_ERROR("run()", std::string("WebSocket network thread: ") + e.what());
         }
       }
     });

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -15,6 +16,7 @@
 #include "ServerClient/platform/InMemoryKeychain.h"
 #include "ServerClient/platform/InMemorySocket.h"
 #include "ServerClient/rx/TestScheduler.h"
+#include "support/LogCapture.h"
 #include "support/SignInAnswer.h"
 #include "support/StreamRecorder.h"
 
@@ -281,6 +283,51 @@ TEST_F(KelServerTest, LogoutEndsWithTheServerOrWithADisconnectionWhicheverComesF
   StreamRecorder nothing(server_->logout("device-1"));
   EXPECT_EQ(1u, nothing.values().size());
   EXPECT_TRUE(requests_.empty());
+}
+
+TEST_F(KelServerTest, LogLinesNameTheOperationThatWroteThem) {
+  testing::LogCapture log;
+  signIn();
+  server_->suspend();
+  scheduler_->advanceBy(0s);
+  failuresLeft_ = 1;
+  StreamRecorder restored(server_->restoreSession(false));
+  scheduler_->advanceBy(2s);
+  ASSERT_EQ(1u, restored.values().size()) << describeError(restored.error());
+  server_->clearSessionInfo();
+
+  // The function part of a line is the documented operation, also for lines written inside the
+  // lambdas of a reactive chain, where a compiler-given name would read "operator()".
+  const std::vector<std::pair<std::string, std::string>> expected = {
+      {"KelServer", "connect(using:)]: KelServer: Starting connecting..."},
+      {"KelServer", "connect(using:)]: User connected: "},
+      {"KelServer", "suspend()]: KelServer session disconnected"},
+      {"KelServer", "restoreSession(shouldCheckBackgroundState:)]: KelServer: Starting restoring"},
+      {"KelServer",
+       "restoreSession(shouldCheckBackgroundState:)]: Should retry restoring KEL "
+       "session >> true"},
+      {"KelServer", "restoreSession(shouldCheckBackgroundState:)]: User connected: "},
+      {"KelServer", "clearSessionInfo()]: Deleting session info..."},
+      {"AuthService", "post(url:data:)]: Error code 500"},
+      {"KelSocketClient", "send(request:)]: Sending request 2{"},
+      {"KelSocketClient", "stop(reason:)]: Closing socket to: "},
+      {"SocketConnector", "connect()]: Trying to connect socket"},
+      {"SocketAuthenticator", "authenticate(token:)]: Trying to authenticate socket"},
+      {"KelSocketEventHandler", "socketDidReceiveMessage(text:)]: Socket authenticated"},
+  };
+  const auto lines = log.lines();
+  for (const auto& [file, tail] : expected) {
+    const auto prefix = "SDKLog - KEL - [" + file + "]:[";
+    EXPECT_TRUE(std::any_of(
+        lines.begin(), lines.end(),
+        [&](const std::string& line) {
+          if (!line.starts_with(prefix)) return false;
+          const auto blank = line.find(' ', prefix.size());  // after the line number
+          return blank != std::string::npos && line.compare(blank + 1, tail.size(), tail) == 0;
+        }))
+        << file << ": " << tail;
+  }
+  for (const auto& line : lines) EXPECT_EQ(std::string::npos, line.find("operator()")) << line;
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "ServerClient/Client/ServerLog.h"
+#include "ServerClient/Log/ServerLog.h"
 #include "ServerClient/Utils/UnretainedError.h"
 
 namespace kel {

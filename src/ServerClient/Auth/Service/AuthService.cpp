@@ -4,11 +4,11 @@
 
 #include <boost/url/parse.hpp>
 
-#include "ServerClient/Client/ServerLog.h"
 #include "ServerClient/Common/Decoding.h"
 #include "ServerClient/Common/Json.h"
 #include "ServerClient/Common/Random.h"
 #include "ServerClient/Common/SDKError.h"
+#include "ServerClient/Log/ServerLog.h"
 #include "ServerClient/Socket/Client/SocketClient.h"
 #include "ServerClient/Socket/Model/PathRule.h"
 #include "ServerClient/Socket/Model/Request.h"
@@ -94,7 +94,7 @@ rx::Single<AuthenticationData> AuthService::post(std::string url, std::string da
   };
   auto parsed = boost::urls::parse_absolute_uri(url);
   if (!parsed) {
-    KEL_LOG_ERROR("Invalid URL " + url);
+    KEL_LOG_ERROR("post(url:data:)", "Invalid URL " + url);
     return adapted(makeError(GenericError(GenericErrorType::invalidURL(url))));
   }
   platform::HTTPRequest request("POST", boost::urls::url(*parsed));
@@ -105,18 +105,20 @@ rx::Single<AuthenticationData> AuthService::post(std::string url, std::string da
 
   return platform::dataTask(httpClient_, std::move(request))
       .catchError([url](std::exception_ptr error) {
-        KEL_LOG_ERROR("Error for the request to " + url + " :: " + describeError(error));
+        KEL_LOG_ERROR("post(url:data:)",
+                      "Error for the request to " + url + " :: " + describeError(error));
         return rx::Single<HTTPResponse>::error(
             makeError(GenericError(GenericErrorType::underlying(error))));
       })
       .map([url](const HTTPResponse& response) {
         const auto status = response.statusCode;
         if (status >= 400 && status <= 499) {
-          KEL_LOG_ERROR("Error code " + std::to_string(status) + " for the request to " + url);
+          KEL_LOG_ERROR("post(url:data:)",
+                        "Error code " + std::to_string(status) + " for the request to " + url);
           throw ConnectionError::mapToOvError(status);
         }
         if (response.body.empty()) {
-          KEL_LOG_ERROR("Invalid response for request to " + url);
+          KEL_LOG_ERROR("post(url:data:)", "Invalid response for request to " + url);
           throw GenericError(GenericErrorType::invalidResponse(),
                              "Invalid response for request: " + url);
         }

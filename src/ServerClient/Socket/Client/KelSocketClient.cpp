@@ -5,10 +5,10 @@
 #include <optional>
 #include <utility>
 
-#include "ServerClient/Client/ServerLog.h"
 #include "ServerClient/Common/Json.h"
 #include "ServerClient/Common/Random.h"
 #include "ServerClient/Common/SDKError.h"
+#include "ServerClient/Log/ServerLog.h"
 #include "ServerClient/Socket/Model/ErrorCode.h"
 #include "ServerClient/rx/Schedulers.h"
 
@@ -63,7 +63,9 @@ std::shared_ptr<KelSocketClient> KelSocketClient::create(
   client->socketEventHandler_->setStopByUser(stopByUser);
   client->socketReconnector_->setStopByUser(std::move(stopByUser));
 
-  KEL_LOG_DEBUG("Connecting to " + std::string(client->socket_->url().buffer()));
+  KEL_LOG_DEBUG(
+      "init(socket:socketEventHandler:serverEventHandler:reconnectAuth:reconnectionAttempt:)",
+      "Connecting to " + std::string(client->socket_->url().buffer()));
   return client;
 }
 
@@ -134,8 +136,9 @@ void KelSocketClient::subscribeToSocketEvents() {
         auto self = weak.lock();
         if (!self) return;
         if (const auto* response = message.asResponse()) {
-          KEL_LOG_DEBUG("Response received " + dumpForLog(response->json) +
-                        " to socketID: " + self->socketID_);
+          KEL_LOG_DEBUG("subscribeToSocketEvents()", "Response received " +
+                                                         dumpForLog(response->json) +
+                                                         " to socketID: " + self->socketID_);
           self->returnResponse(response->json, response->id);
         } else if (const auto* event = message.asEvent()) {
           if (self->eventHandler_) self->eventHandler_->handle(event->json);
@@ -167,7 +170,8 @@ void KelSocketClient::onDisconnectedEvent(SocketStateDisconnectedReason reason) 
 void KelSocketClient::returnResponse(const nlohmann::json& response, std::int64_t forRequest) {
   auto observer = requestStore_.removeRequest(forRequest);
   if (!observer) {
-    KEL_LOG_ERROR("No request found for response:" + std::to_string(forRequest));
+    KEL_LOG_ERROR("returnResponse(_:forRequest:)",
+                  "No request found for response:" + std::to_string(forRequest));
     return;
   }
   if (auto code = errorCode(response)) {
@@ -196,8 +200,8 @@ rx::Observable<rx::Unit> KelSocketClient::connect(std::string token) {
 }
 
 void KelSocketClient::stop(SocketCloseCode reason) {
-  KEL_LOG_DEBUG("Closing socket to: " + std::string(socket_->url().buffer()) +
-                " | reason: " + platform::name(reason));
+  KEL_LOG_DEBUG("stop(reason:)", "Closing socket to: " + std::string(socket_->url().buffer()) +
+                                     " | reason: " + platform::name(reason));
   stopByUser_.store(StopByUserState{true, reason});
   switch (currentStatus().kind()) {
     case SocketState::Kind::connected:
@@ -320,7 +324,8 @@ class KelSocketClient::PendingRequest final : public rx::detail::ObserverBase<Re
       if (auto self = client->requestStore_.removeRequest(id_, registration_)) self->onCompleted();
       return;
     }
-    KEL_LOG_DEBUG("Sending request " + *frame + " from socketID: " + client->socketID_);
+    KEL_LOG_DEBUG("send(request:)",
+                  "Sending request " + *frame + " from socketID: " + client->socketID_);
     client->socket_->send(std::move(*frame));
 
     auto timer = client->socketScheduler_->scheduleAfter(

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <stdexcept>
 
-#include "ServerClient/Client/ServerLog.h"
 #include "ServerClient/Common/Json.h"
+#include "ServerClient/Log/ServerLog.h"
 
 namespace kel {
 
@@ -27,7 +27,7 @@ void KelEventHandler::handle(const nlohmann::json& event) {
   try {
     publish(event);
   } catch (const std::exception&) {
-    KEL_LOG_ERROR("Could not decode json " + textForm(event));
+    KEL_LOG_ERROR("handle(event:)", "Could not decode json " + textForm(event));
   }
 }
 
@@ -49,7 +49,7 @@ void KelEventHandler::publish(const nlohmann::json& event) {
     body = find("body");
   }
   if (!path || !path->is_string() || !method || !method->is_string() || !body) {
-    KEL_LOG_ERROR("Invalid event received: " + textForm(event));
+    KEL_LOG_ERROR("publish(event:)", "Invalid event received: " + textForm(event));
     return;
   }
   auto [domain, param] = domainAndParamFor(path->get_ref<const std::string&>());

@@ -1,8 +1,8 @@
 #include "ServerClient/Socket/Events/KelSocketEventHandler.h"
 
-#include "ServerClient/Client/ServerLog.h"
 #include "ServerClient/Common/Json.h"
 #include "ServerClient/Common/SDKError.h"
+#include "ServerClient/Log/ServerLog.h"
 
 namespace kel {
 
@@ -49,7 +49,7 @@ void KelSocketEventHandler::disconnect(SocketCloseCode reason) {
 }
 
 void KelSocketEventHandler::socketDidConnect() {
-  KEL_LOG_DEBUG("Socket connected");
+  KEL_LOG_DEBUG("socketDidConnect()", "Socket connected");
   // Asked outside the lock: the function reads the socket client's own state.
   if (auto stopByUser = this->stopByUser()) {
     if (auto state = stopByUser(); state.isStopped) {
@@ -63,16 +63,16 @@ void KelSocketEventHandler::socketDidConnect() {
 void KelSocketEventHandler::socketDidDisconnect(SocketCloseCode closeCode) {
   switch (closeCode) {
     case SocketCloseCode::goingBackground:
-      KEL_LOG_DEBUG("Socket going background");
+      KEL_LOG_DEBUG("socketDidDisconnect(closeCode:)", "Socket going background");
       publish(SocketState::disconnected(SocketStateDisconnectedReason::background));
       return;
     case SocketCloseCode::normalClosure:
     case SocketCloseCode::otherExpectedClosure:
-      KEL_LOG_DEBUG("Socket disconnected");
+      KEL_LOG_DEBUG("socketDidDisconnect(closeCode:)", "Socket disconnected");
       publish(SocketState::disconnected(SocketStateDisconnectedReason::expectedClose));
       return;
     default:
-      KEL_LOG_DEBUG("Socket disconnected with lost connection");
+      KEL_LOG_DEBUG("socketDidDisconnect(closeCode:)", "Socket disconnected with lost connection");
       publish(SocketState::disconnected(SocketStateDisconnectedReason::lostConnection));
       return;
   }
@@ -80,7 +80,7 @@ void KelSocketEventHandler::socketDidDisconnect(SocketCloseCode closeCode) {
 
 void KelSocketEventHandler::socketDidReceiveError(std::exception_ptr error) {
   // The disconnect callback that follows a transport error drives the state.
-  KEL_LOG_ERROR("KelSocket: Error " + describeError(error));
+  KEL_LOG_ERROR("socketDidReceiveError(error:)", "KelSocket: Error " + describeError(error));
 }
 
 void KelSocketEventHandler::socketDidReceiveMessage(std::string text) {
@@ -90,28 +90,30 @@ void KelSocketEventHandler::socketDidReceiveMessage(std::string text) {
       publish(std::move(message));
       return;
     case SocketMessage::Kind::event:
-      KEL_LOG_DEBUG("Event received " +
-                    dumpJson(message.asEvent()->json).value_or("<unprintable>"));
+      KEL_LOG_DEBUG(
+          "socketDidReceiveMessage(text:)",
+          "Event received " + dumpJson(message.asEvent()->json).value_or("<unprintable>"));
       publish(std::move(message));
       return;
     case SocketMessage::Kind::auth:
-      KEL_LOG_DEBUG("Socket authenticated");
+      KEL_LOG_DEBUG("socketDidReceiveMessage(text:)", "Socket authenticated");
       publish(SocketState::authenticated());
       return;
     case SocketMessage::Kind::ping:
-      KEL_LOG_VERBOSE("Ping received");
+      KEL_LOG_VERBOSE("socketDidReceiveMessage(text:)", "Ping received");
       socket_->sendPong();
       return;
     case SocketMessage::Kind::unknown:
-      KEL_LOG_DEBUG("Unknown message received: " + text);
+      KEL_LOG_DEBUG("socketDidReceiveMessage(text:)", "Unknown message received: " + text);
       return;
   }
 }
 
 void KelSocketEventHandler::socketDidReceiveData(std::string bytes) {
   // The protocol carries nothing in binary frames.
-  KEL_LOG_DEBUG("Message received " +
-                (isValidUtf8(bytes) ? "Optional(\"" + bytes + "\")" : std::string("nil")));
+  KEL_LOG_DEBUG("socketDidReceiveData(data:)",
+                "Message received " +
+                    (isValidUtf8(bytes) ? "Optional(\"" + bytes + "\")" : std::string("nil")));
 }
 
 }  // namespace kel

@@ -1,4 +1,4 @@
-#include "ServerClient/Client/ServerLog.h"
+#include "ServerClient/Log/ServerLog.h"
 
 #include <gtest/gtest.h>
 #include <spdlog/sinks/base_sink.h>
@@ -62,7 +62,7 @@ TEST_F(ServerLogTest, NothingIsWrittenBeforeAddLoggers) {
     EXPECT_FALSE(log_.admits(flag));
   }
   logOneOfEach();
-  KEL_LOG_ERROR("from macro");
+  KEL_LOG_ERROR("op(label:)", "from macro");
   log_.flush();
   EXPECT_EQ("", console_.str());
   EXPECT_EQ("", print_.str());
@@ -119,14 +119,14 @@ TEST_F(ServerLogTest, MacrosPassTheCallSiteAndSkipUnadmittedMessages) {
     ++built;
     return std::string("hello");
   };
-  KEL_LOG_VERBOSE(message());
+  KEL_LOG_VERBOSE("op(label:)", message());
   EXPECT_EQ(0, built);
 
   log_.addLoggers(LogLevel::debug, false);
-  KEL_LOG_VERBOSE(message());
+  KEL_LOG_VERBOSE("op(label:)", message());
   EXPECT_EQ(0, built);
   const unsigned line = __LINE__ + 1;
-  KEL_LOG_DEBUG(message());
+  KEL_LOG_DEBUG("op(label:)", message());
   EXPECT_EQ(1, built);
 
   log_.flush();

@@ -122,16 +122,19 @@ std::string formattedLine(std::string_view message, std::string_view file,
 
 }  // namespace kel
 
-// Call-site macros: the message expression is evaluated only when some output admits the level.
-// `msg` is anything convertible to std::string_view that outlives the statement.
-#define KEL_LOG_AT_(kelMethod_, kelFlag_, msg)                                              \
-  do {                                                                                      \
-    ::kel::ServerLog& kelServerLog_ = ::kel::ServerLog::sharedInstance();                   \
-    if (kelServerLog_.admits(::kel::LogFlag::kelFlag_)) {                                   \
-      kelServerLog_.kelMethod_((msg), __FILE__, __func__, static_cast<unsigned>(__LINE__)); \
-    }                                                                                       \
+// Call-site macros. `function` is the operation's documented name as shown in the line, in the
+// labelled form "connect(using:)", "post(url:data:)": `__func__` would read "operator()" inside
+// every lambda and a bare C++ name elsewhere. The message expression is evaluated only when some
+// output admits the level; `msg` is anything convertible to std::string_view that outlives the
+// statement.
+#define KEL_LOG_AT_(kelMethod_, kelFlag_, function, msg)                                      \
+  do {                                                                                        \
+    ::kel::ServerLog& kelServerLog_ = ::kel::ServerLog::sharedInstance();                     \
+    if (kelServerLog_.admits(::kel::LogFlag::kelFlag_)) {                                     \
+      kelServerLog_.kelMethod_((msg), __FILE__, (function), static_cast<unsigned>(__LINE__)); \
+    }                                                                                         \
   } while (false)
 
-#define KEL_LOG_ERROR(msg) KEL_LOG_AT_(error, error, msg)
-#define KEL_LOG_DEBUG(msg) KEL_LOG_AT_(debug, debug, msg)
-#define KEL_LOG_VERBOSE(msg) KEL_LOG_AT_(verbose, verbose, msg)
+#define KEL_LOG_ERROR(function, msg) KEL_LOG_AT_(error, error, function, msg)
+#define KEL_LOG_DEBUG(function, msg) KEL_LOG_AT_(debug, debug, function, msg)
+#define KEL_LOG_VERBOSE(function, msg) KEL_LOG_AT_(verbose, verbose, function, msg)

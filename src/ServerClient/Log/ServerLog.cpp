@@ -1,4 +1,4 @@
-#include "ServerClient/Client/ServerLog.h"
+#include "ServerClient/Log/ServerLog.h"
 
 #include <spdlog/async_logger.h>
 #include <spdlog/details/log_msg.h>
