@@ -22,6 +22,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char* kIdentifierFileName = "device-id";
+constexpr const char* kTemporaryPattern = "device-id.XXXXXX";  // for mkstemp
 
 // The value of KEY=value in an os-release file, unquoted; empty when absent.
 std::string osReleaseValue(const fs::path& file, std::string_view key) {
@@ -81,7 +82,7 @@ std::optional<std::string> readIdentifier(const fs::path& file) {
 
 // Writes `text` to a fresh temporary file in `directory`, synced; its path, or nothing.
 std::optional<fs::path> writeTemporary(const fs::path& directory, const std::string& text) {
-  auto pattern = (directory / (std::string(kIdentifierFileName) + ".XXXXXX")).string();
+  auto pattern = (directory / kTemporaryPattern).string();
   const int fd = mkstemp(pattern.data());
   if (fd < 0) return std::nullopt;
   const std::string line = text + "\n";

@@ -308,7 +308,6 @@ TEST_F(KelServerTest, LogLinesNameTheOperationThatWroteThem) {
        "session >> true"},
       {"KelServer", "restoreSession(shouldCheckBackgroundState:)]: User connected: "},
       {"KelServer", "clearSessionInfo()]: Deleting session info..."},
-      {"AuthService", "post(url:data:)]: Error code 500"},
       {"KelSocketClient", "send(request:)]: Sending request 2{"},
       {"KelSocketClient", "stop(reason:)]: Closing socket to: "},
       {"SocketConnector", "connect()]: Trying to connect socket"},

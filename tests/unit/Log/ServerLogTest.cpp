@@ -131,7 +131,7 @@ TEST_F(ServerLogTest, MacrosPassTheCallSiteAndSkipUnadmittedMessages) {
 
   log_.flush();
   EXPECT_EQ(std::vector<std::string>{"SDKLog - KEL - [ServerLogTest]:[" + std::to_string(line) +
-                                     " TestBody]: hello"},
+                                     " op(label:)]: hello"},
             linesOf(console_));
 }
 
