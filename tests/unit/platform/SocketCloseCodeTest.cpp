@@ -3,38 +3,23 @@
 
 #include <gtest/gtest.h>
 
-#include <set>
 #include <stdexcept>
 #include <string>
 
 namespace kel::platform {
 namespace {
 
-TEST(SocketCloseCode, ListedCodesRoundTripThroughTheWireAndHaveDistinctNames) {
-  EXPECT_EQ(1000, wireCode(SocketCloseCode::normalClosure));
+TEST(SocketCloseCode, CodesRoundTripThroughTheWireAndUnlistedOnesAreKeptExactly) {
   EXPECT_EQ(1006, wireCode(SocketCloseCode::abnormalClosure));
-  EXPECT_EQ(1015, wireCode(SocketCloseCode::tlsHandshakeFailure));
-  EXPECT_EQ(4000, wireCode(SocketCloseCode::otherExpectedClosure));
   EXPECT_EQ(4001, wireCode(SocketCloseCode::goingBackground));
-  EXPECT_EQ(SocketCloseCode::invalid, allSocketCloseCodes().front());
-  std::set<std::string> names;
   for (auto code : allSocketCloseCodes()) {
     EXPECT_EQ(code, socketCloseCodeFrom(wireCode(code)));
     EXPECT_TRUE(isListed(code));
-    EXPECT_FALSE(name(code).starts_with("closeCode")) << name(code);
-    names.insert(name(code));
   }
-  EXPECT_EQ(15u, names.size());
-  EXPECT_EQ("goingBackground", name(SocketCloseCode::goingBackground));
-}
-
-TEST(SocketCloseCode, UnlistedWireCodesAreKeptExactly) {
   const auto code = socketCloseCodeFrom(4321);
   EXPECT_FALSE(isListed(code));
   EXPECT_EQ(4321, wireCode(code));
   EXPECT_EQ("closeCode(4321)", name(code));
-  EXPECT_NE(SocketCloseCode::normalClosure, code);
-  EXPECT_EQ("closeCode(65535)", name(socketCloseCodeFrom(65535)));
 }
 
 TEST(SocketCloseCode, OnlyCodesAllowedInACloseFrameCanBeSent) {
