@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <spdlog/sinks/ostream_sink.h>
 
+#include <algorithm>
 #include <sstream>
 
 #include "ServerClient/Log/ServerLog.h"
@@ -18,9 +19,9 @@ void from_json(const nlohmann::json& json, Contact& contact) {
   json.at("id").get_to(contact.id);
   json.at("age").get_to(contact.age);
 }
-static_assert(ModelType<std::vector<Contact>>);
 
-TEST(Model, DecodesOrFailsWithTheDataAndLogsTheDecodersText) {
+// Decoding itself is Common's; Model adds the log line naming the decoder's complaint.
+TEST(Model, AFailureCarriesTheDataAndLogsTheDecodersText) {
   auto& log = ServerLog::sharedInstance();
   log.resetForTesting();
   std::ostringstream console;
@@ -28,39 +29,23 @@ TEST(Model, DecodesOrFailsWithTheDataAndLogsTheDecodersText) {
   sink->set_pattern("%v");
   log.setConsoleSink(sink);
   log.addLoggers(LogLevel::error, false);
-  const auto logged = [&] {
-    log.flush();
-    return std::exchange(console, std::ostringstream()).str();
-  };
 
-  const auto list = Model::from<std::vector<Contact>>(R"([{"id":"a","age":3},{"id":"b","age":4}])");
-  ASSERT_EQ(2u, list.size());
-  EXPECT_EQ(4, list[1].age);
-  EXPECT_EQ("", logged());
-
-  const struct {
-    std::string data;
-    std::string carried;
-    std::string logged;
-  } cases[] = {
-      {R"({"id":"a","age":"old"})", R"({"id":"a","age":"old"})",
-       " from(data:)]: Decode error: [json.exception.type_error"},
-      {"{\"id\":", "{\"id\":", "Decode error: "},
-      {"\xFF\xFE", "", "Decode error: "},
-  };
-  for (const auto& c : cases) {
-    try {
-      Model::from<Contact>(c.data);
-      ADD_FAILURE() << c.data;
-    } catch (const GenericError& error) {
-      EXPECT_EQ(GenericErrorType::decoding(c.carried), error.type());
-      EXPECT_EQ("", error.description());
-    }
-    const auto line = logged();
-    EXPECT_NE(std::string::npos, line.find(c.logged)) << line;
-    EXPECT_TRUE(line.starts_with("SDKLog - KEL - [Model]:[")) << line;
+  EXPECT_EQ(4, Model::from<std::vector<Contact>>(R"([{"id":"b","age":4}])").at(0).age);
+  const std::string data = R"({"id":"a","age":"old"})";
+  try {
+    Model::from<Contact>(data);
+    ADD_FAILURE() << "decoded";
+  } catch (const GenericError& error) {
+    EXPECT_EQ(GenericErrorType::decoding(data), error.type());
+    EXPECT_EQ("", error.description());
   }
+  log.flush();
+  const auto line = console.str();
   log.resetForTesting();
+  EXPECT_TRUE(line.starts_with("SDKLog - KEL - [Model]:[")) << line;
+  EXPECT_NE(std::string::npos, line.find(" from(data:)]: Decode error: [json.exception.type_error"))
+      << line;
+  EXPECT_EQ(1, std::count(line.begin(), line.end(), '\n')) << "one line, for the failure only";
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
-#include <thread>
 
 #include "support/RecordingSocketDelegate.h"
 
@@ -70,22 +69,6 @@ TEST_F(InMemorySocketTest, RecordsWhatIsWrittenWhileOpenAndReportsEachDisconnect
   EXPECT_EQ(Strings{"before"}, socket->droppedTexts());
 }
 
-TEST_F(InMemorySocketTest, WaitsForTheTestToOpenOrFailTheConnection) {
-  make({.openOnConnect = false});
-  socket->connect();
-  EXPECT_EQ(InMemorySocket::State::opening, socket->state());
-  EXPECT_TRUE(delegate->events().empty());
-  socket->receiveError(std::make_exception_ptr(std::runtime_error("refused")));
-  socket->close(SocketCloseCode::abnormalClosure);  // the upgrade failed
-  socket->connect();
-  socket->open();
-  socket->close(socketCloseCodeFrom(4321));  // the peer closes with a code of its own
-  EXPECT_EQ((Strings{"error refused", "disconnect abnormalClosure", "connect",
-                     "disconnect closeCode(4321)"}),
-            callsOf(*delegate));
-  EXPECT_THROW(socket->open(), std::logic_error);  // no connection attempt to open
-}
-
 TEST_F(InMemorySocketTest, ALingeringCloseReportsTheClientsCodeOnceWhateverEndsIt) {
   make({.closeOnDisconnect = false});
   socket->connect();
@@ -114,28 +97,6 @@ TEST_F(InMemorySocketTest, CallsCausedInsideACallbackRunAfterItAndNeverNest) {
   socket->connect();
   // The message was about a connection the client had already closed: dropped.
   EXPECT_EQ((Strings{"connect", "disconnect goingBackground"}), callsOf(*delegate));
-}
-
-TEST_F(InMemorySocketTest, ConcurrentDriversDeliverEveryCallOneAtATimeInEachDriversOrder) {
-  socket->connect();
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([this, t] {
-      for (int i = 0; i < 200; ++i) {
-        socket->receiveMessage(std::to_string(t) + ":" + std::to_string(i));
-        socket->send("frame");
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  const auto messages = delegate->messages();
-  ASSERT_EQ(800u, messages.size());
-  EXPECT_EQ(800u, socket->sentTexts().size());
-  std::vector<int> next(4, 0);
-  for (const auto& text : messages) {
-    const int t = std::stoi(text.substr(0, text.find(':')));
-    EXPECT_EQ(next[t]++, std::stoi(text.substr(text.find(':') + 1)));
-  }
 }
 
 }  // namespace
