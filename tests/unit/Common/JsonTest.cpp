@@ -23,30 +23,24 @@ TEST(ParseJson, RefusesDocumentsDeeperThanTheLimitBeforeBuildingThem) {
   EXPECT_TRUE(parseJson(deepText));
 }
 
-TEST(ParseJson, RejectsMalformedTextWithoutThrowing) {
+TEST(ParseJson, RejectsMalformedTextAndDumpRefusesInvalidUtf8WithoutThrowing) {
   for (std::string text : {"", "{", "{\"a\":}", "[1,]", "\"\xff\"", "nul", "{} x"}) {
     EXPECT_FALSE(parseJson(text)) << text;
   }
-  EXPECT_EQ(5, parseJson("5")->get<int>());
   EXPECT_FALSE(parseJson(std::string_view("{\"a\":1}\0junk", 13)));
-}
-
-TEST(DumpJson, RefusesInvalidUtf8InsteadOfThrowing) {
-  nlohmann::json bad = std::string("\xc3\x28");
-  EXPECT_FALSE(dumpJson(bad));
+  EXPECT_EQ(5, parseJson("5")->get<int>());
+  EXPECT_FALSE(dumpJson(nlohmann::json(std::string("\xc3\x28"))));
   EXPECT_EQ("{\"a\":[1,2]}", dumpJson(nlohmann::json{{"a", {1, 2}}}));
 }
 
 TEST(Utf8, AcceptsWellFormedAndRejectsEveryMalformedShape) {
   EXPECT_TRUE(isValidUtf8(""));
-  EXPECT_TRUE(isValidUtf8("plain ascii"));
   EXPECT_TRUE(isValidUtf8("\xc3\xa9t\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80"));
   EXPECT_TRUE(isValidUtf8("\xf4\x8f\xbf\xbf"));  // U+10FFFF
   for (std::string bad : {"\x80", "\xc0\xaf", "\xe0\x80\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80",
                           "\xf5\x80\x80\x80", "\xc3", "\xe2\x82", "\xe2\x28\xa1"}) {
     EXPECT_FALSE(isValidUtf8(bad));
   }
-  EXPECT_EQ("", utf8TextOrEmpty("\xff"));
 }
 
 struct Point {
@@ -60,26 +54,19 @@ void from_json(const nlohmann::json& j, Point& p) {
 
 TEST(Decoding, DecodesRecordsAndListsAndReportsTheDataOnFailure) {
   EXPECT_EQ(2, from<Point>(R"({"x":1,"y":2})").y);
-  auto list = fromArray<Point>(R"([{"x":1,"y":2},{"x":3,"y":4}])");
-  ASSERT_EQ(2u, list.size());
-  EXPECT_EQ(3, list[1].x);
-
-  for (std::string data :
-       std::vector<std::string>{R"({"x":1})", R"({"x":"1","y":2})", "oops", nested(200)}) {
+  EXPECT_EQ(3, fromArray<Point>(R"([{"x":1,"y":2},{"x":3,"y":4}])").at(1).x);
+  const std::pair<std::string, std::string> failing[] = {
+      {R"({"x":1})", R"({"x":1})"}, {"oops", "oops"}, {nested(200), nested(200)}, {"\xff", ""}};
+  for (const auto& [data, carried] : failing) {
     try {
       from<Point>(data);
       ADD_FAILURE() << data;
     } catch (const GenericError& e) {
       EXPECT_EQ(GenericErrorType::Kind::decoding, e.type().kind());
-      EXPECT_EQ(data, e.type().text());
+      EXPECT_EQ(carried, e.type().text());
     }
   }
   EXPECT_THROW(fromArray<Point>(R"({"x":1,"y":2})"), GenericError);
-  try {
-    from<Point>("\xff");
-  } catch (const GenericError& e) {
-    EXPECT_EQ("", e.type().text());  // invalid UTF-8 is carried as empty text
-  }
 }
 
 }  // namespace

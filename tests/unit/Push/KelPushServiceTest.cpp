@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
+#include <functional>
 
 #include <nlohmann/json.hpp>
 
@@ -24,41 +24,43 @@ class KelPushServiceTest : public ::testing::Test {
   KelPushService service_{slot_};
 };
 
-TEST_F(KelPushServiceTest, RegistersAndRemovesTheTokenOnOnePath) {
-  client_->queueReply(FakeSocketClient::Reply::withBody({{"ignored", 1}}));
-  StreamRecorder registered(service_.sendPushToken("tok", false, "device-1"));
-  auto request = client_->lastRequest();
-  EXPECT_EQ("/pushNotifications", request.at("path"));
-  EXPECT_EQ("POST", request.at("method"));
-  EXPECT_EQ((json{{"deviceId", "device-1"},
-                  {"tokenType", "apn"},
-                  {"token", "tok"},
-                  {"options", {{"isProduction", false}}}}),
-            request.at("body"));
-  EXPECT_EQ(1u, registered.values().size());
-  EXPECT_TRUE(registered.completed());
+TEST_F(KelPushServiceTest, RegistersAndRemovesTheTokenOnOnePathAndPassesServerErrorsOn) {
+  const struct {
+    std::function<rx::Single<rx::Unit>()> call;
+    std::string method;
+    json body;
+  } operations[] = {
+      {[&] { return service_.sendPushToken("tok", false, "device-1"); },
+       "POST",
+       {{"deviceId", "device-1"},
+        {"tokenType", "apn"},
+        {"token", "tok"},
+        {"options", {{"isProduction", false}}}}},
+      {[&] { return service_.sendPushToken("tok", true, "device-1"); },
+       "POST",
+       {{"deviceId", "device-1"},
+        {"tokenType", "apn"},
+        {"token", "tok"},
+        {"options", {{"isProduction", true}}}}},
+      {[&] { return service_.deletePushToken("device-1"); }, "DELETE", {{"deviceId", "device-1"}}},
+  };
+  for (const auto& operation : operations) {
+    client_->queueReply(FakeSocketClient::Reply::withBody({{"ignored", 1}}));
+    StreamRecorder done(operation.call());
+    const auto request = client_->lastRequest();
+    EXPECT_EQ("/pushNotifications", request.at("path"));
+    EXPECT_EQ(operation.method, request.at("method"));
+    EXPECT_EQ(operation.body, request.at("body"));
+    EXPECT_EQ(1u, done.values().size());
+    EXPECT_TRUE(done.completed());
 
-  client_->queueReply(FakeSocketClient::Reply::withBody(json::array()));
-  StreamRecorder production(service_.sendPushToken("tok", true, "device-1"));
-  EXPECT_EQ(true, client_->lastRequest().at("body").at("options").at("isProduction"));
-
-  client_->queueReply(FakeSocketClient::Reply::withBody(json::object()));
-  StreamRecorder removed(service_.deletePushToken("device-1"));
-  request = client_->lastRequest();
-  EXPECT_EQ("/pushNotifications", request.at("path"));
-  EXPECT_EQ("DELETE", request.at("method"));
-  EXPECT_EQ((json{{"deviceId", "device-1"}}), request.at("body"));
-  EXPECT_EQ(1u, removed.values().size());
-}
-
-TEST_F(KelPushServiceTest, ServerErrorsPassThrough) {
-  client_->queueReply(
-      FakeSocketClient::Reply::failure(makeError(ConnectionError::mapToOvError(403))));
-  StreamRecorder result(service_.deletePushToken("device-1"));
-  const auto* error = errorAs<ConnectionError>(result.error());
-  ASSERT_NE(nullptr, error);
-  EXPECT_EQ(ConnectionErrorType::forbidden, error->type());
-  EXPECT_TRUE(result.values().empty());
+    client_->queueReply(
+        FakeSocketClient::Reply::failure(makeError(ConnectionError::mapToOvError(403))));
+    StreamRecorder failed(operation.call());
+    const auto* error = errorAs<ConnectionError>(failed.error());
+    ASSERT_NE(nullptr, error);
+    EXPECT_EQ(ConnectionErrorType::forbidden, error->type());
+  }
 }
 
 }  // namespace

@@ -41,11 +41,6 @@ TEST_F(DeviceInfoTest, TheIdentifierIsCreatedOnceAndKeptForTheInstallation) {
   for (auto& thread : threads) thread.join();
   ASSERT_TRUE(seen[0].has_value());
   EXPECT_TRUE(isUUIDText(*seen[0]));
-  EXPECT_EQ(*seen[0], [&] {
-    std::string text = *seen[0];
-    for (auto& c : text) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    return text;
-  }());
   for (const auto& other : seen) EXPECT_EQ(seen[0], other);
   EXPECT_EQ(seen[0], LinuxDeviceInfo(directory).identifierForVendor());
   // Only the identifier file is left behind.
@@ -56,11 +51,9 @@ TEST_F(DeviceInfoTest, TheIdentifierIsCreatedOnceAndKeptForTheInstallation) {
   ASSERT_TRUE(replaced.has_value());
   EXPECT_NE(seen[0], replaced);
   EXPECT_EQ(replaced, LinuxDeviceInfo(directory).identifierForVendor());
-}
-
-TEST_F(DeviceInfoTest, NoIdentifierWhereNothingCanBeWritten) {
-  const auto blocker = write("not-a-directory", "x");
-  EXPECT_EQ(std::nullopt, LinuxDeviceInfo(blocker / "ServerClient").identifierForVendor());
+  // Nowhere to write: no identifier.
+  EXPECT_EQ(std::nullopt,
+            LinuxDeviceInfo(write("blocker", "x") / "ServerClient").identifierForVendor());
 }
 
 TEST_F(DeviceInfoTest, SystemNameAndVersionComeFromOsRelease) {
@@ -70,8 +63,6 @@ TEST_F(DeviceInfoTest, SystemNameAndVersionComeFromOsRelease) {
   LinuxDeviceInfo info(root_, osRelease);
   EXPECT_EQ("Debian GNU/Linux", info.systemName());
   EXPECT_EQ("12", info.systemVersion());
-  EXPECT_FALSE(info.modelName().empty());
-  EXPECT_EQ(std::string::npos, info.modelName().find(';'));
 
   // Without the keys, uname answers.
   LinuxDeviceInfo bare(root_, write("empty-os-release", "ID=x\n"));

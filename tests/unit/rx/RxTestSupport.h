@@ -57,17 +57,12 @@ bool isError(const std::exception_ptr& e) {
 template <class T>
 struct Recorder {
   std::vector<T> values;
-  std::exception_ptr error;
   int completed = 0;
   int errors = 0;
 
   Disposable subscribe(const Observable<T>& o) {
     return o.subscribe([this](const T& v) { values.push_back(v); },
-                       [this](std::exception_ptr e) {
-                         ++errors;
-                         error = e;
-                       },
-                       [this] { ++completed; });
+                       [this](std::exception_ptr) { ++errors; }, [this] { ++completed; });
   }
   int terminals() const { return completed + errors; }
 };

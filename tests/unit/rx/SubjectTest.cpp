@@ -11,8 +11,9 @@ TEST(PublishSubject, MulticastsAndLateSubscribersGetOnlyTheTerminalEvent) {
   a.subscribe(subject.asObservable());
   subject.onNext(1);
   b.subscribe(subject.asObservable());
-  subject.onNext(2);
-  subject.onError(testError());
+  Observable<int>::from({2})
+      .concat(Observable<int>::error(testError()))
+      .subscribe(subject.asObserver());
   subject.onNext(3);
   late.subscribe(subject.asObservable());
   EXPECT_EQ((Ints{1, 2}), a.values);
@@ -21,22 +22,6 @@ TEST(PublishSubject, MulticastsAndLateSubscribersGetOnlyTheTerminalEvent) {
   EXPECT_EQ(1, a.errors);
   EXPECT_EQ(1, late.errors);
   EXPECT_FALSE(subject.hasObservers());
-}
-
-TEST(PublishSubject, FanOutDoesNotCopyTheElementPerObserver) {
-  struct Counted {
-    explicit Counted(int* c) : copies(c) {}
-    Counted(const Counted& o) : copies(o.copies) { ++*copies; }
-    Counted& operator=(const Counted&) = default;
-    int* copies;
-  };
-  int copies = 0;
-  PublishSubject<Counted> subject;
-  std::vector<Disposable> subscriptions;
-  for (int i = 0; i < 8; ++i)
-    subscriptions.push_back(subject.asObservable().subscribe([](const Counted&) {}));
-  subject.onNext(Counted(&copies));
-  EXPECT_EQ(0, copies);
 }
 
 TEST(PublishSubject, ObserverDisposingAnotherDuringFanOutStopsDeliveryToIt) {
@@ -49,16 +34,7 @@ TEST(PublishSubject, ObserverDisposingAnotherDuringFanOutStopsDeliveryToIt) {
   EXPECT_TRUE(r.values.empty());
 }
 
-TEST(PublishSubject, AsObserverFeedsTheSubject) {
-  PublishSubject<int> subject;
-  Recorder<int> r;
-  r.subscribe(subject.asObservable());
-  Observable<int>::from({1, 2}).subscribe(subject.asObserver());
-  EXPECT_EQ((Ints{1, 2}), r.values);
-  EXPECT_EQ(1, r.completed);
-}
-
-TEST(BehaviorSubject, ReplaysTheLatestValueToEachNewSubscriber) {
+TEST(BehaviorSubject, ReplaysTheLatestValueFirstAndTheErrorOnceFailed) {
   BehaviorSubject<int> subject(0);
   Recorder<int> a, b;
   a.subscribe(subject.asObservable());
@@ -69,20 +45,15 @@ TEST(BehaviorSubject, ReplaysTheLatestValueToEachNewSubscriber) {
   EXPECT_EQ((Ints{0, 1, 2, 3}), a.values);
   EXPECT_EQ((Ints{2, 3}), b.values);
   EXPECT_EQ(3, subject.value());
-}
 
-TEST(BehaviorSubject, ReentrantEmissionDuringReplayArrivesAfterTheReplay) {
-  BehaviorSubject<int> subject(0);
+  // An emission made during the replay arrives after it.
   std::vector<int> seen;
   subject.asObservable().subscribe([&](const int& v) {
     seen.push_back(v);
-    if (v == 0) subject.onNext(1);
+    if (v == 3) subject.onNext(4);
   });
-  EXPECT_EQ((Ints{0, 1}), seen);
-}
+  EXPECT_EQ((Ints{3, 4}), seen);
 
-TEST(BehaviorSubject, AfterAnErrorValueThrowsAndSubscribersGetTheError) {
-  BehaviorSubject<int> subject(1);
   subject.onError(testError("failed"));
   EXPECT_THROW(subject.value(), std::runtime_error);
   Recorder<int> late;
@@ -92,16 +63,14 @@ TEST(BehaviorSubject, AfterAnErrorValueThrowsAndSubscribersGetTheError) {
 }
 
 TEST(BehaviorRelay, NeverTerminatesAndKeepsTheLatestValue) {
-  Recorder<Event<int>> r;
+  Recorder<int> r;
   {
     BehaviorRelay<int> relay(1);
-    r.subscribe(relay.asObservable().materialize());
+    r.subscribe(relay.asObservable());
     for (int i = 2; i <= 5; ++i) relay.accept(i);
     EXPECT_EQ(5, relay.value());
-    EXPECT_TRUE(relay.hasObservers());
   }
-  ASSERT_EQ(5u, r.values.size());
-  for (const auto& e : r.values) EXPECT_TRUE(e.isNext());
+  EXPECT_EQ((Ints{1, 2, 3, 4, 5}), r.values);
   EXPECT_EQ(0, r.terminals()) << "not even when the relay goes away";
 }
 
