@@ -48,7 +48,7 @@ TEST(KelServerSessionStoreTest, OneTeamsLogoutLeavesAnotherTeamsStoredSessionAlo
   const std::string teamA = "APPA" + suffix;
   const std::string teamB = "APPB" + suffix;
 
-  emulator::Emulator emulator({});
+  emulator::Emulator emulator(emulator::Options{});
   emulator.addAccount(emulator::defaultAccount("ann", "outside-a"));
   emulator.addAccount(emulator::defaultAccount("bob", "outside-b"));
   const auto urls = emulator.start();
