@@ -201,8 +201,8 @@ std::string usage(std::string_view program) {
          "  --help                this text\n"
          "\n"
          "Sessions are kept in the Secret Service keychain, the restore flag in\n"
-         "$XDG_CONFIG_HOME/ServerClient/defaults.json. Exit status: 0 on success, 1 when the\n"
-         "command failed, 2 for a bad command line.\n";
+         "$XDG_CONFIG_HOME/ServerClient/defaults-<team id>.json, both per team. Exit status:\n"
+         "0 on success, 1 when the command failed, 2 for a bad command line.\n";
 }
 
 }  // namespace kel::cli

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include <boost/url/scheme.hpp>
+
 #include "ServerClient/Auth/Service/AuthService.h"
 #include "ServerClient/Common/SDKError.h"
 #include "ServerClient/KeepConnection/KeepConnectionService.h"
@@ -58,16 +60,31 @@ KelServer::KelServer(Passkey, boost::urls::url kelURL, boost::urls::url socketUR
         std::make_shared<rx::SerialDispatchQueueScheduler>("rx.global_dispatch_queue.serial");
   }
   if (!options_.keychain) options_.keychain = platform::SecretServiceKeychain::shared();
-  if (!options_.userDefaults) options_.userDefaults = platform::UserDefaults::standard();
+  if (!options_.userDefaults) {
+    options_.userDefaults = platform::UserDefaults::forApplication(teamId_);
+  }
   if (!options_.applicationLifecycle) {
     options_.applicationLifecycle = platform::ApplicationLifecycle::shared();
   }
   if (!options_.deviceInfo) options_.deviceInfo = AuthService::systemDeviceInfo();
   if (!options_.httpClient) options_.httpClient = AuthService::sharedHTTPClient();
-  socketBuilder_ = SocketBuilder::create(
-      kelURL_, socketURL_, kelEventHandler_, SocketBuilder::tokenOf(userSession_),
-      options_.socketPlatform.value_or(SocketBuilder::Platform::system()),
-      options_.reconnectionAttempt);
+  auto socketPlatform = options_.socketPlatform.value_or(SocketBuilder::Platform::system());
+  if (!socketPlatform.clientOptions.applicationLifecycle) {
+    socketPlatform.clientOptions.applicationLifecycle = options_.applicationLifecycle;
+  }
+  // Reads the subject in the slot at each call: an application's replacement is the one read.
+  auto token = [slot = std::weak_ptr<UserSessionSlot>(slot_)]() -> std::optional<std::string> {
+    auto held = slot.lock();
+    if (!held) return std::nullopt;
+    UserSession subject{std::nullopt};
+    {
+      std::lock_guard lock(held->mutex);
+      subject = held->subject;
+    }
+    return SocketBuilder::tokenOf(subject)();
+  };
+  socketBuilder_ = SocketBuilder::create(kelURL_, socketURL_, kelEventHandler_, std::move(token),
+                                         std::move(socketPlatform), options_.reconnectionAttempt);
   serviceProvider_ = makeServiceProvider();
 }
 
@@ -148,7 +165,7 @@ void KelServer::performActionsOnStateChange() {
 void KelServer::onNewAuthenticationData(const AuthenticationData& data) {
   capabilityValidator_->setCapabilities(data.capabilities);
   sessionState_->setUserSession(data);
-  userSession_.onNext(data);
+  userSession().onNext(data);
 }
 
 rx::Observable<rx::Unit> KelServer::renewSession() {
@@ -168,7 +185,7 @@ rx::Observable<rx::Unit> KelServer::renewSession() {
                           } catch (...) {
                             return rx::Observable<rx::Unit>::error(std::current_exception());
                           }
-                          return keepConnection->renewSession(self->userSession_).retry();
+                          return keepConnection->renewSession(self->userSession()).retry();
                         })
                         .takeUntil(ended);
   });
@@ -235,9 +252,25 @@ rx::SchedulerPtr KelServer::userInitiatedScheduler() const {
   return options_.makeUserInitiatedScheduler();
 }
 
+std::optional<GenericError> KelServer::cleartextSocketError() const {
+  if (options_.allowsCleartextSocket || kelURL_.scheme_id() != boost::urls::scheme::https ||
+      socketURL_.scheme_id() != boost::urls::scheme::ws) {
+    return std::nullopt;
+  }
+  return GenericError(
+      GenericErrorType::invalidURL(std::string(socketURL_.buffer())),
+      "Refusing a clear-text socket (ws://) beside a TLS sign-in (https://): the session token "
+      "would travel unencrypted. Use a wss:// socket URL, or allow it with "
+      "KelServerOptions::allowsCleartextSocket.");
+}
+
 // --- Sign-in and restore ------------------------------------------------------------------------
 
 rx::Single<AuthenticationData> KelServer::connect(std::string token) {
+  if (auto refused = cleartextSocketError()) {
+    KEL_LOG_ERROR("connect(using:)", refused->description());
+    return rx::Single<AuthenticationData>::error(std::make_exception_ptr(*refused));
+  }
   if (auto previous = socketClient_.value())
     previous->stop(platform::SocketCloseCode::normalClosure);
   auto client = socketBuilder_->newSocket();
@@ -322,7 +355,7 @@ rx::Single<AuthenticationData> KelServer::restoreSession(bool shouldCheckBackgro
           KEL_LOG_ERROR("restoreSession(shouldCheckBackgroundState:)",
                         "Session expired. Creating new session...");
           self->sessionState_->setUserSession(std::nullopt);
-          self->userSession_.onNext(std::nullopt);
+          self->userSession().onNext(std::nullopt);
           return self->restoreSession(true);
         });
   }
@@ -334,6 +367,10 @@ rx::Single<AuthenticationData> KelServer::restoreSession(bool shouldCheckBackgro
         GenericErrorType::notAllowed("Session not restored because app is in background"), "")));
   }
 
+  if (auto refused = cleartextSocketError()) {
+    KEL_LOG_ERROR("restoreSession(shouldCheckBackgroundState:)", refused->description());
+    return rx::Single<AuthenticationData>::error(std::make_exception_ptr(*refused));
+  }
   auto newClient = socketBuilder_->newSocket();
   if (!newClient) {
     return rx::Single<AuthenticationData>::error(
@@ -411,11 +448,11 @@ void KelServer::clearSessionInfo() {
     KEL_LOG_ERROR("clearSessionInfo()", "Error saving the restore flag: " + error.message());
   }
   try {
-    KeychainTokenItem(keychainService(), std::nullopt, options_.keychain).deleteItem();
+    tokenItem().deleteItem();
   } catch (...) {
   }
   sessionState_->setUserSession(std::nullopt);
-  userSession_.onNext(std::nullopt);
+  userSession().onNext(std::nullopt);
   kelEventHandler_->stopListeningForEvents();
   if (auto client = socketClient_.value()) client->stop(platform::SocketCloseCode::normalClosure);
 }
@@ -423,7 +460,7 @@ void KelServer::clearSessionInfo() {
 rx::Single<rx::Unit> KelServer::logout(std::string deviceId) {
   std::optional<AuthenticationData> user;
   try {
-    user = userSession_.value();
+    user = userSession().value();
   } catch (...) {
   }
   if (!user) return rx::Single<rx::Unit>::just(rx::Unit{});
@@ -462,7 +499,26 @@ rx::Observable<KelServer::State> KelServer::states() const {
 }
 
 rx::Observable<rx::Unit> KelServer::needsNewSession() const {
+  {
+    std::lock_guard lock(slot_->mutex);
+    if (slot_->needsNewSession) return *slot_->needsNewSession;
+  }
   return sessionState_->needsNewSession();
+}
+
+void KelServer::setNeedsNewSession(rx::Observable<rx::Unit> needsNewSession) {
+  std::lock_guard lock(slot_->mutex);
+  slot_->needsNewSession = std::move(needsNewSession);
+}
+
+KelServer::UserSession KelServer::userSession() const {
+  std::lock_guard lock(slot_->mutex);
+  return slot_->subject;
+}
+
+void KelServer::setUserSession(UserSession userSession) {
+  std::lock_guard lock(slot_->mutex);
+  slot_->subject = std::move(userSession);
 }
 
 }  // namespace kel

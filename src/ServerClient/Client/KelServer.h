@@ -14,6 +14,7 @@
 #include "ServerClient/Client/KelServerState.h"
 #include "ServerClient/Client/ServerState.h"
 #include "ServerClient/Client/ServiceProvider.h"
+#include "ServerClient/Common/SDKError.h"
 #include "ServerClient/Socket/Client/SocketClient.h"
 #include "ServerClient/Socket/Events/KelEventHandler.h"
 #include "ServerClient/Socket/SocketBuilder.h"
@@ -46,9 +47,12 @@ struct KelServerOptions {
   rx::SchedulerPtr renewalScheduler{};
   /// The keychain of the token store: the Secret Service.
   std::shared_ptr<platform::Keychain> keychain{};
-  /// Holds the "session can be restored" flag: UserDefaults::standard().
+  /// Holds the "session can be restored" flag: UserDefaults::forApplication(teamId), a file of
+  /// the application's own, so that applications of other teams on the same account never see
+  /// or reset it.
   std::shared_ptr<platform::UserDefaults> userDefaults{};
-  /// Foreground and background notifications: ApplicationLifecycle::shared().
+  /// Foreground and background notifications, for the facade and for every socket client it
+  /// makes (unless socketPlatform names another): ApplicationLifecycle::shared().
   std::shared_ptr<platform::ApplicationLifecycle> applicationLifecycle{};
   /// Sign-in over HTTP: the Beast client with the shared cookie storage.
   std::shared_ptr<platform::HTTPClient> httpClient{};
@@ -58,6 +62,11 @@ struct KelServerOptions {
   std::optional<SocketBuilder::Platform> socketPlatform{};
   /// The period of reconnection attempts after a lost connection.
   rx::Duration reconnectionAttempt = kReconnectionAttempt;
+  /// Allows a clear-text socket (ws://) beside a TLS sign-in (https://). Off: such a pair of URLs
+  /// is refused at sign-in and restore, since the session token that the TLS sign-in protected
+  /// would then travel in the clear. Plain http with ws, and https or http with wss, are always
+  /// allowed.
+  bool allowsCleartextSocket = false;
 };
 
 /// The one object through which an application uses the server: sign-in, restore, suspend,
@@ -74,6 +83,23 @@ struct KelServerOptions {
 /// An expected close (the server ended the session, or the client was stopped with the normal
 /// code) while no logout is under way raises needsNewSession once; the facade then clears the
 /// session.
+///
+/// Where the session is kept: the token item of KeychainTokenItem in the access group
+/// keychainAccessGroup(teamId) (every read, write and delete names it, so that one team's
+/// clearSessionInfo() or logout leaves another team's session alone; an empty team id is the
+/// default group only), and the restore flag in the application's own user defaults (see
+/// KelServerOptions::userDefaults).
+///
+/// The application may replace userSession and needsNewSession:
+/// - setUserSession(subject) makes `subject` the one the library works with from then on: sign-in,
+///   restore and clearSessionInfo() publish on it, logout and renewal read it, and the socket
+///   builder reads the token for a reconnection from it (it reads through the facade at each
+///   reconnection, never a copy taken earlier, so a replacement during a reconnection is seen by
+///   the next one). The previous subject gets nothing more. The subject's current value is taken
+///   as it is: replacing it does not sign in, restore or change the facade's state.
+/// - setNeedsNewSession(stream) changes what needsNewSession() hands out; the facade's own
+///   reaction to the server ending the session (clearSessionInfo()) follows ServerState and does
+///   not depend on it.
 ///
 /// Threads: operations may be called from any thread. Sign-in and restore run on a concurrent
 /// scheduler and deliver on the main scheduler; their side effects (flag, keychain,
@@ -113,11 +139,14 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
 
   /// The facade's states without consecutive repeats.
   rx::Observable<State> states() const;
-  /// Emits when the server closed the session and a new sign-in is needed.
+  using UserSession = rx::BehaviorSubject<std::optional<AuthenticationData>>;
+  /// Emits when the server closed the session and a new sign-in is needed (or what the
+  /// application set in its place).
   rx::Observable<rx::Unit> needsNewSession() const;
-  const rx::BehaviorSubject<std::optional<AuthenticationData>>& userSession() const noexcept {
-    return userSession_;
-  }
+  void setNeedsNewSession(rx::Observable<rx::Unit> needsNewSession);
+  /// The signed-in user's data, or empty; see the top for replacing it.
+  UserSession userSession() const;
+  void setUserSession(UserSession userSession);
   /// A stored token can be read and the flag says the session may be restored.
   bool canRestoreSession() const;
   /// The server URL text stored with the token; empty when none can be read.
@@ -166,6 +195,7 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
   std::string storedServerURL() const;
   void saveToken(const AuthenticationData& data, std::string_view function) const;
   rx::SchedulerPtr userInitiatedScheduler() const;
+  std::optional<GenericError> cleartextSocketError() const;
 
   const boost::urls::url kelURL_;
   const boost::urls::url socketURL_;
@@ -173,7 +203,13 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
   const std::string teamId_;
   Options options_;
 
-  rx::BehaviorSubject<std::optional<AuthenticationData>> userSession_{std::nullopt};
+  // Shared with the socket builder's token reader, so that a replaced subject is the one read.
+  struct UserSessionSlot {
+    mutable std::mutex mutex;  // guards both members
+    UserSession subject{std::nullopt};
+    std::optional<rx::Observable<rx::Unit>> needsNewSession;
+  };
+  const std::shared_ptr<UserSessionSlot> slot_ = std::make_shared<UserSessionSlot>();
   rx::BehaviorRelay<std::shared_ptr<SocketClient>> socketClient_{nullptr};
   std::shared_ptr<CapabilityValidator> capabilityValidator_;
   std::shared_ptr<ServerState> sessionState_;

@@ -9,6 +9,7 @@
 #include "ServerClient/platform/HTTPCookieStorage.h"
 #include "ServerClient/platform/NetlinkNetworkManager.h"
 #include "ServerClient/platform/WebSocketTaskConnectionWrapper.h"
+#include "ServerClient/platform/detail/HttpText.h"
 
 namespace kel {
 
@@ -29,12 +30,24 @@ SocketBuilderPlatform SocketBuilderPlatform::system() {
   return platform;
 }
 
-std::string socketSubProtocol(const boost::urls::url& socketURL) {
+std::vector<std::string> socketSubProtocols(const boost::urls::url& socketURL) {
   std::string last;
   for (auto segment : boost::urls::url_view(socketURL).segments()) {
     if (!segment.empty()) last = segment;
   }
-  return last;
+  // The header carries tokens only; offering none lets the server pick its default rather than
+  // failing the whole sign-in on a URL the application cannot change.
+  if (last.empty()) {
+    KEL_LOG_DEBUG("newSocket()", "No sub-protocol offered: " + std::string(socketURL.buffer()) +
+                                     " has no last path segment");
+    return {};
+  }
+  if (!platform::detail::isToken(last)) {
+    KEL_LOG_DEBUG("newSocket()", "No sub-protocol offered: the last path segment of " +
+                                     std::string(socketURL.buffer()) + " is not an HTTP token");
+    return {};
+  }
+  return {last};
 }
 
 std::shared_ptr<SocketBuilder> SocketBuilder::create(
@@ -61,7 +74,7 @@ std::shared_ptr<SocketClient> SocketBuilder::newSocket() {
   std::shared_ptr<platform::Socket> socket;
   try {
     if (platform_.makeSocket)
-      socket = platform_.makeSocket(socketURL_, {socketSubProtocol(socketURL_)});
+      socket = platform_.makeSocket(socketURL_, socketSubProtocols(socketURL_));
   } catch (...) {
     KEL_LOG_ERROR("newSocket()",
                   "Could not make the socket: " + describeError(std::current_exception()));

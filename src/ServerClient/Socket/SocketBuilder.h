@@ -45,8 +45,7 @@ struct SocketBuilderPlatform {
 /// Makes the socket client of each new session for the server's WebSocket URL.
 ///
 /// newSocket():
-///  1. makes the socket for `socketURL` with one sub-protocol, the URL's last non-empty path
-///     segment ("wss://host/ws/kel" -> "kel"; none -> "");
+///  1. makes the socket for `socketURL` with the sub-protocols of socketSubProtocols();
 ///  2. lets the platform's cookie storage take part in its upgrade request;
 ///  3. makes its KelSocketEventHandler;
 ///  4. makes the KelSocketClient with that socket and handler, `kelEventHandler` for server
@@ -107,7 +106,10 @@ class SocketBuilder : public std::enable_shared_from_this<SocketBuilder> {
   rx::Duration reconnectionAttempt_;
 };
 
-/// The sub-protocol the builder asks for on `socketURL`: its last non-empty path segment.
-std::string socketSubProtocol(const boost::urls::url& socketURL);
+/// The sub-protocols the builder offers on `socketURL`: its last non-empty path segment, decoded
+/// ("wss://host/ws/kel" and "wss://host/ws/kel/" -> {"kel"}). None when there is no such segment
+/// ("wss://host", "wss://host/") or it is not an HTTP token ("k%40l" is "k@l"): the upgrade then
+/// goes without the header, and a debug line says why.
+std::vector<std::string> socketSubProtocols(const boost::urls::url& socketURL);
 
 }  // namespace kel

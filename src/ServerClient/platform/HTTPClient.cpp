@@ -345,17 +345,37 @@ std::optional<std::string> HTTPResponse::value(std::string_view field) const {
 }
 
 rx::Single<HTTPResponse> dataTask(std::shared_ptr<HTTPClient> client, HTTPRequest request) {
+  // The subscriber, until the exchange delivers or the subscription is disposed, whichever
+  // comes first; the other then finds nothing.
+  struct Subscriber {
+    std::mutex mutex;  // guards observer
+    std::optional<rx::SingleObserver<HTTPResponse>> observer;
+
+    std::optional<rx::SingleObserver<HTTPResponse>> take() {
+      std::lock_guard lock(mutex);
+      return std::exchange(observer, std::nullopt);
+    }
+  };
   return rx::Single<HTTPResponse>::create(
       [client = std::move(client),
        request = std::move(request)](rx::SingleObserver<HTTPResponse> observer) {
-        return client->send(request,
-                            [observer, client](std::exception_ptr error, HTTPResponse response) {
-                              if (error) {
-                                observer.onError(std::move(error));
-                              } else {
-                                observer.onSuccess(response);
-                              }
-                            });
+        auto subscriber = std::make_shared<Subscriber>();
+        subscriber->observer = std::move(observer);
+        // The exchange's own Disposable is left alone: disposing the subscription does not
+        // cancel it, since the server may already be acting on the request (a sign-in makes a
+        // session). It runs to its end, bounded by its time-out, and its result is dropped.
+        // The completion holds no reference to the client, so the client is never released on
+        // its own I/O thread.
+        client->send(request, [subscriber](std::exception_ptr error, HTTPResponse response) {
+          auto taken = subscriber->take();
+          if (!taken) return;
+          if (error) {
+            taken->onError(std::move(error));
+          } else {
+            taken->onSuccess(response);
+          }
+        });
+        return rx::Disposable::create([subscriber] { subscriber->take(); });
       });
 }
 
@@ -392,16 +412,52 @@ BeastHTTPClient::BeastHTTPClient(Options options)
   });
 }
 
+namespace {
+
+// Joins the I/O threads of clients destroyed from their own completions, at the latest when the
+// process exits. Such a thread ends right after that completion returns, freeing its io_context
+// and with it every exchange still queued (TLS streams included); a detached thread could still
+// be doing so while exit runs OpenSSL's clean-up and the leak checks, which would then find
+// those objects alive and unowned.
+class ThreadReaper {
+ public:
+  static ThreadReaper& shared() {
+    static ThreadReaper instance;
+    return instance;
+  }
+  ThreadReaper() = default;
+  ThreadReaper(const ThreadReaper&) = delete;
+  ThreadReaper& operator=(const ThreadReaper&) = delete;
+  ~ThreadReaper() {
+    std::lock_guard lock(mutex_);
+    for (auto& thread : threads_) thread.join();
+  }
+
+  void adopt(std::thread thread) {
+    std::lock_guard lock(mutex_);
+    threads_.push_back(std::move(thread));
+  }
+
+ private:
+  std::mutex mutex_;  // guards threads_
+  std::vector<std::thread> threads_;
+};
+
+}  // namespace
+
 BeastHTTPClient::~BeastHTTPClient() {
   // Handlers still queued are destroyed with the io_context, taking their exchanges with them
   // without a completion.
   runtime_->ioContext.stop();
   if (std::this_thread::get_id() == thread_.get_id()) {
-    // Destroyed from a completion: the thread ends right after it and holds the runtime until then.
-    thread_.detach();
+    // Destroyed from a completion: this thread cannot join itself. It ends right after the
+    // completion returns, holding the runtime until then.
+    ThreadReaper::shared().adopt(std::move(thread_));
   } else {
     thread_.join();
   }
+  // The io_context goes now, on this thread, with whatever it still holds.
+  runtime_.reset();
 }
 
 rx::Disposable BeastHTTPClient::send(HTTPRequest request, Completion completion) {

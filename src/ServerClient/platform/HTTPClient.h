@@ -12,7 +12,8 @@
 // - Any status is a response, 4xx and 5xx included; redirects are not followed (a 3xx is
 //   returned as it is), since the sign-in server never redirects and a silent redirect would
 //   post a token to a place nobody chose.
-// - dataTask() wraps send() as an rx::Single; disposing the subscription cancels the exchange.
+// - dataTask() wraps send() as an rx::Single; disposing the subscription drops the result but
+//   lets the exchange run to its end (the server may already be acting on it).
 
 #include <atomic>
 #include <chrono>
@@ -118,7 +119,10 @@ class HTTPClient {
 };
 
 /// The exchange as a Single: it starts on subscription, once per subscription, and emits on the
-/// client's completion thread. The client is kept alive until the exchange ends.
+/// client's completion thread. Disposing the subscription releases the subscriber at once and
+/// never delivers to it; the exchange itself goes on to its response, failure or time-out, and
+/// its result is dropped. The caller keeps the client alive: destroying it drops what is under
+/// way (see BeastHTTPClient).
 rx::Single<HTTPResponse> dataTask(std::shared_ptr<HTTPClient> client, HTTPRequest request);
 
 // ------------------------------------------------------------------------------------------------
@@ -129,7 +133,10 @@ rx::Single<HTTPResponse> dataTask(std::shared_ptr<HTTPClient> client, HTTPReques
 /// Threads: the client owns one I/O thread ("kel-http"), started at construction, that runs every
 /// exchange and every completion; completions are therefore serialised and must not block. Any
 /// number of exchanges run on it at once. Destroying the client drops the exchanges under way
-/// without completing them; on any thread but the I/O thread it waits for that thread to end.
+/// without completing them and frees them (their sockets and TLS streams) before it returns; on
+/// any thread but the I/O thread it waits for that thread to end. Destroyed from one of its own
+/// completions, it leaves the freeing to the I/O thread, which ends right after that completion
+/// and is joined at the latest when the process exits.
 ///
 /// https: TLS 1.2 or later; the certificate must chain to a trusted authority (Options::trust)
 /// and name the URL's host (DNS name, or the IP address for an address URL); SNI is sent for host

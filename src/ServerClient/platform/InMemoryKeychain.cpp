@@ -24,14 +24,9 @@ KeychainMatch InMemoryKeychain::copyMatching(const KeychainQuery& query) {
   ++calls_[Call::copyMatching];
   if (!validKey(query.service, query.accessGroup)) return {errSecParam, {}};
   if (const auto status = injected(Call::copyMatching, query.service)) return {*status, {}};
-  // Keys order an absent group first, matching the Secret Service keychain's preference.
-  for (auto it = items_.lower_bound(Key{query.service, std::nullopt});
-       it != items_.end() && it->first.first == query.service; ++it) {
-    if (!query.accessGroup || it->first.second == query.accessGroup) {
-      return {errSecSuccess, it->second.data};
-    }
-  }
-  return {errSecItemNotFound, {}};
+  const auto it = items_.find(Key{query.service, query.accessGroup});
+  if (it == items_.end()) return {errSecItemNotFound, {}};
+  return {errSecSuccess, it->second.data};
 }
 
 OSStatus InMemoryKeychain::deleteItems(const KeychainQuery& query) {
@@ -39,11 +34,8 @@ OSStatus InMemoryKeychain::deleteItems(const KeychainQuery& query) {
   ++calls_[Call::deleteItems];
   if (!validKey(query.service, query.accessGroup)) return errSecParam;
   if (const auto status = injected(Call::deleteItems, query.service)) return *status;
-  const auto erased = std::erase_if(items_, [&](const auto& entry) {
-    return entry.first.first == query.service &&
-           (!query.accessGroup || entry.first.second == query.accessGroup);
-  });
-  return erased > 0 ? errSecSuccess : errSecItemNotFound;
+  return items_.erase(Key{query.service, query.accessGroup}) > 0 ? errSecSuccess
+                                                                 : errSecItemNotFound;
 }
 
 void InMemoryKeychain::injectFailure(Call call, std::string service, OSStatus status) {

@@ -315,10 +315,9 @@ KeychainMatch SecretServiceKeychain::copyMatching(const KeychainQuery& query) {
     const ObjectPtr<SecretService> service = operation.connect(status);
     if (!service) return {status, {}};
 
-    const auto found =
-        operation.search(service.get(), query.service, query.accessGroup, true, status);
+    const auto found = operation.search(service.get(), query.service,
+                                        query.accessGroup.value_or(kDefaultGroup), true, status);
     if (!found) return {status, {}};
-    // Sorted by group, so the default group's item comes first.
     if (found->empty()) return {errSecItemNotFound, {}};
     SecretItem* item = found->front().item.get();
     if (secret_item_get_locked(item)) {
@@ -348,8 +347,8 @@ OSStatus SecretServiceKeychain::deleteItems(const KeychainQuery& query) {
     const ObjectPtr<SecretService> service = operation.connect(status);
     if (!service) return status;
 
-    const auto found =
-        operation.search(service.get(), query.service, query.accessGroup, false, status);
+    const auto found = operation.search(service.get(), query.service,
+                                        query.accessGroup.value_or(kDefaultGroup), false, status);
     if (!found) return status;
     if (found->empty()) return errSecItemNotFound;
     // All or nothing where we can tell beforehand: a locked item keeps every match in place.

@@ -5,11 +5,12 @@
 // matching item, each answering with a numeric status.
 //
 // An item is keyed by its service name and its access group. Items added without an access group
-// go to the default group. A query that names a group matches only that group; a query without
-// one matches every group (and copyMatching then prefers the default group's item, else the
-// item of the alphabetically first group). Adding an item whose service and group are both taken
-// fails with errSecDuplicateItem and changes nothing. Empty service names and empty (as opposed
-// to absent) access groups are refused with errSecParam.
+// go to the default group. A query matches exactly one group: the one it names, or the default
+// group when it names none. There is deliberately no query that spans groups: with one service
+// name shared by every application of the library, such a delete would remove the sessions of
+// every other team's application on the same account. Adding an item whose service and group are
+// both taken fails with errSecDuplicateItem and changes nothing. Empty service names and empty (as
+// opposed to absent) access groups are refused with errSecParam.
 //
 // Implementations:
 // - SecretServiceKeychain: the desktop's Secret Service (gnome-keyring, KWallet, ...) over the
@@ -54,7 +55,7 @@ enum class KeychainAccessible { afterFirstUnlockThisDeviceOnly };
 /// Which items a call is about.
 struct KeychainQuery {
   std::string service;
-  /// Absent: every group for a lookup or delete.
+  /// Absent: the default group (only).
   std::optional<std::string> accessGroup;
 };
 

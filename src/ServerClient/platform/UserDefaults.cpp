@@ -65,16 +65,25 @@ std::optional<std::string> stringIn(const Map& values, std::string_view key) {
 }  // namespace
 
 std::shared_ptr<UserDefaults> UserDefaults::standard() {
-  static const std::shared_ptr<UserDefaults> instance = []() -> std::shared_ptr<UserDefaults> {
-    if (const auto path = FileUserDefaults::defaultPath()) {
-      return std::make_shared<FileUserDefaults>(*path);
-    }
+  return forApplication({});
+}
+
+std::shared_ptr<UserDefaults> UserDefaults::forApplication(std::string_view applicationId) {
+  static std::mutex mutex;  // guards instances
+  static std::map<std::string, std::shared_ptr<UserDefaults>, std::less<>> instances;
+  std::lock_guard lock(mutex);
+  if (const auto it = instances.find(applicationId); it != instances.end()) return it->second;
+  std::shared_ptr<UserDefaults> instance;
+  if (const auto path = FileUserDefaults::defaultPath(applicationId)) {
+    instance = std::make_shared<FileUserDefaults>(*path);
+  } else {
     KEL_LOG_ERROR(
         "standard",
         "User defaults: neither XDG_CONFIG_HOME nor HOME is an absolute path; values are kept in "
         "memory only");
-    return std::make_shared<InMemoryUserDefaults>();
-  }();
+    instance = std::make_shared<InMemoryUserDefaults>();
+  }
+  instances.emplace(std::string(applicationId), instance);
   return instance;
 }
 
@@ -115,7 +124,7 @@ FileUserDefaults::FileUserDefaults(fs::path path, WriteAll writeAll)
   load();
 }
 
-std::optional<fs::path> FileUserDefaults::defaultPath() {
+std::optional<fs::path> FileUserDefaults::defaultPath(std::string_view applicationId) {
   fs::path base;
   if (const char* config = std::getenv("XDG_CONFIG_HOME");
       config != nullptr && fs::path(config).is_absolute()) {
@@ -126,7 +135,21 @@ std::optional<fs::path> FileUserDefaults::defaultPath() {
   } else {
     return std::nullopt;
   }
-  return base / "ServerClient" / "defaults.json";
+  if (applicationId.empty()) return base / "ServerClient" / "defaults.json";
+  std::string name = "defaults-";
+  for (const char c : applicationId) {
+    const auto byte = static_cast<unsigned char>(c);
+    if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+        c == '_') {
+      name += c;
+    } else {
+      static constexpr char kHex[] = "0123456789ABCDEF";
+      name += '%';
+      name += kHex[byte >> 4];
+      name += kHex[byte & 0xF];
+    }
+  }
+  return base / "ServerClient" / (name + ".json");
 }
 
 bool FileUserDefaults::boolForKey(std::string_view key) const {

@@ -13,7 +13,12 @@
 // the log, and is replaced by the next write.
 //
 // Several processes may share one file; each writes its whole view, so the last writer wins.
-// All members of every implementation are thread-safe.
+// That is why each application keeps a file of its own (forApplication(), named after its team
+// identifier) rather than a key of its own in one shared file: two applications running at once
+// would otherwise overwrite each other's flags with their stale views, and one application's
+// logout could reset another's "session can be restored" flag. Within one process every user of
+// an application's file shares one instance. All members of every implementation are
+// thread-safe.
 
 #include <filesystem>
 #include <functional>
@@ -45,6 +50,10 @@ class UserDefaults {
 
   /// The process-wide store in the default file, see FileUserDefaults::defaultPath().
   static std::shared_ptr<UserDefaults> standard();
+  /// The process-wide store of the application `applicationId` (its team identifier): the file
+  /// FileUserDefaults::defaultPath(applicationId), one instance per identifier; standard() for
+  /// the empty identifier. In memory only, with a logged error, when there is no such path.
+  static std::shared_ptr<UserDefaults> forApplication(std::string_view applicationId);
 };
 
 /// Values kept in memory only, for tests of code that uses user defaults.
@@ -73,8 +82,10 @@ class FileUserDefaults final : public UserDefaults {
 
   /// "$XDG_CONFIG_HOME/ServerClient/defaults.json", or "~/.config/ServerClient/defaults.json"
   /// when XDG_CONFIG_HOME is unset or not an absolute path; nothing when neither it nor HOME
-  /// give an absolute directory.
-  static std::optional<std::filesystem::path> defaultPath();
+  /// give an absolute directory. With an application identifier the file is
+  /// "defaults-<identifier>.json" in the same directory, every byte of the identifier outside
+  /// A-Z, a-z, 0-9, "-" and "_" written as "%XX", so no identifier can name another directory.
+  static std::optional<std::filesystem::path> defaultPath(std::string_view applicationId = {});
 
   const std::filesystem::path& path() const noexcept { return path_; }
 

@@ -141,7 +141,11 @@ class KeychainTest : public ::testing::Test {
  protected:
   void TearDown() override {
     for (const std::string& each : {service_, service_ + ".serverURL"}) {
-      keychain_.deleteItems({each, std::nullopt});
+      for (const auto& group :
+           {std::optional<std::string>(), std::optional<std::string>("TEAM.a"),
+            std::optional<std::string>("TEAM.b"), keychainAccessGroup("TEAM")}) {
+        keychain_.deleteItems({each, group});
+      }
     }
   }
 
@@ -168,23 +172,23 @@ TEST_F(KeychainTest, ItemKeepsArbitraryBytesAndRefusesADuplicate) {
   EXPECT_EQ(keychain_.copyMatching({service_, ""}).status, errSecParam);
 }
 
-TEST_F(KeychainTest, AccessGroupsAreSeparateAndAnUngroupedQuerySpansThem) {
+TEST_F(KeychainTest, EachQueryMatchesOneAccessGroupOnly) {
   ASSERT_EQ(keychain_.add({service_, "TEAM.a", "in a"}), errSecSuccess);
   ASSERT_EQ(keychain_.add({service_, "TEAM.b", "in b"}), errSecSuccess);
   EXPECT_EQ(keychain_.add({service_, "TEAM.a", "again"}), errSecDuplicateItem);
 
   EXPECT_EQ(keychain_.copyMatching({service_, "TEAM.b"}).data, "in b");
   EXPECT_EQ(keychain_.copyMatching({service_, "TEAM"}).status, errSecItemNotFound);
-  EXPECT_EQ(keychain_.copyMatching({service_, std::nullopt}).data, "in a");
+  // No group named: the default group, never the others.
+  EXPECT_EQ(keychain_.copyMatching({service_, std::nullopt}).status, errSecItemNotFound);
+  EXPECT_EQ(keychain_.deleteItems({service_, std::nullopt}), errSecItemNotFound);
   ASSERT_EQ(keychain_.add({service_, std::nullopt, "default"}), errSecSuccess);
   EXPECT_EQ(keychain_.copyMatching({service_, std::nullopt}).data, "default");
 
   EXPECT_EQ(keychain_.deleteItems({service_, "TEAM.a"}), errSecSuccess);
   EXPECT_EQ(keychain_.copyMatching({service_, "TEAM.a"}).status, errSecItemNotFound);
-  EXPECT_EQ(keychain_.copyMatching({service_, "TEAM.b"}).data, "in b");
-
   EXPECT_EQ(keychain_.deleteItems({service_, std::nullopt}), errSecSuccess);
-  EXPECT_EQ(keychain_.copyMatching({service_, "TEAM.b"}).status, errSecItemNotFound);
+  EXPECT_EQ(keychain_.copyMatching({service_, "TEAM.b"}).data, "in b");
 }
 
 TEST_F(KeychainTest, TokenPairSavedTwiceReadsTheLatestAndSurvivesTheProcess) {
@@ -202,7 +206,7 @@ TEST_F(KeychainTest, TokenPairSavedTwiceReadsTheLatestAndSurvivesTheProcess) {
   EXPECT_EQ(child.exitCode, 0) << child.output;
 
   item.deleteItem();
-  EXPECT_EQ(keychain_.copyMatching({service_ + ".serverURL", std::nullopt}).status,
+  EXPECT_EQ(keychain_.copyMatching({service_ + ".serverURL", keychainAccessGroup("TEAM")}).status,
             errSecItemNotFound);
   item.deleteItem();
 }

@@ -106,6 +106,49 @@ TEST_F(AuthServiceTest, HttpFailuresAreAdaptedAndTransportErrorsWrapped) {
   ASSERT_NE(nullptr, errorAs<GenericError>(invalid));
   EXPECT_EQ(GenericErrorType::invalidURL("not a url"), errorAs<GenericError>(invalid)->type());
   EXPECT_EQ(1u, http_->requests().size());
+
+  // The server refuses the token: "Wrong credentials", with the status and what the body says,
+  // but never a secret and never a page of text.
+  struct Refusal {
+    int status;
+    std::string body;
+    std::string description;
+  };
+  const std::vector<Refusal> refusals = {
+      {401, R"({"message":"unknown x-secret-1","access_token":"T9","Set-Cookie":"c=1"})",
+       R"(HTTP 401: {"Set-Cookie":"<redacted>","access_token":"<redacted>",)"
+       R"("message":"unknown <redacted>"})"},
+      {403, std::string(500, 'a'), "HTTP 403: " + std::string(200, 'a') + "..."},
+  };
+  for (const auto& [status, body, description] : refusals) {
+    http_->setResponder(
+        [&](const platform::HTTPRequest&) { return Outcome::respond(status, body); });
+    const auto refused = outcome(service->login("x-secret-1", base(), "1")).second;
+    const auto* wrong = errorAs<AuthError>(refused);
+    ASSERT_NE(nullptr, wrong) << describeError(refused);
+    EXPECT_EQ(AuthErrorType::wrongCredentials, wrong->type());
+    EXPECT_EQ(description, wrong->description());
+  }
+  http_->setResponder([](const platform::HTTPRequest&) { return Outcome::respond(404, "{}"); });
+  const auto missing = outcome(service->login("x", base(), "1")).second;
+  const auto* notFound = errorAs<ConnectionError>(missing);
+  ASSERT_NE(nullptr, notFound);
+  EXPECT_EQ(ConnectionErrorType::notFound, notFound->type());
+}
+
+TEST_F(AuthServiceTest, DisposingASignInLetsTheExchangeFinishAndDropsItsResult) {
+  http_->setResponder([](const platform::HTTPRequest&) { return std::nullopt; });
+  auto service = makeService(std::make_shared<testing::FakeSocketClient>());
+  auto subscriber = std::make_shared<int>(0);
+  std::weak_ptr<int> watched = subscriber;
+  auto subscription = service->registerUser("outside", base(), "1")
+                          .subscribe([subscriber](const AuthenticationData&) { ++*subscriber; },
+                                     [subscriber](std::exception_ptr) { ++*subscriber; });
+  subscriber.reset();
+  subscription.dispose();
+  EXPECT_TRUE(watched.expired()) << "the subscriber is released at once";
+  EXPECT_EQ(1u, http_->pendingCount()) << "the server may already have made the session";
+  EXPECT_TRUE(http_->completePending(Outcome::respond(200, kAnswer)));
 }
 
 TEST_F(AuthServiceTest, UnregisterDeletesTheSession) {

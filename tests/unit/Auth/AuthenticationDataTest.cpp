@@ -152,6 +152,9 @@ TEST(UserTest, GatewayUsernameIsReadButNeverWritten) {
   const auto encoded = toCollection(user);
   EXPECT_FALSE(encoded.contains("gatewayUsername"));
   EXPECT_EQ(userJson(), encoded);
+  EXPECT_EQ(R"({"id":"u1","alias":"Ann","domain":"example.org","email":"ann@example.org",)"
+            R"("username":"ann","mobilePhone":["+100","+200"],"role":"admin"})",
+            nlohmann::ordered_json(user).dump());
 }
 
 TEST(CapabilitiesTest, ActiveCombinesDomainDefaultsAndUserAdjustments) {

@@ -12,6 +12,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "ServerClient/Auth/Service/AuthService.h"
 #include "ServerClient/Common/Json.h"
 #include "ServerClient/platform/InMemoryKeychain.h"
 #include "ServerClient/platform/InMemorySocket.h"
@@ -61,23 +62,34 @@ class KelServerTest : public ::testing::Test {
       sockets_.push_back(socket);
       return socket;
     };
+    // Unreachable at first: the client pongs when reachability changes to reachable, which a
+    // return to the foreground counts as.
     platform.makeNetworkManager = [] {
-      return std::make_shared<platform::InMemoryNetworkManager>();
+      return std::make_shared<platform::InMemoryNetworkManager>(
+          platform::OvNetworkStatus::notReachable);
     };
     platform.clientOptions.socketScheduler = scheduler_;
     platform.clientOptions.connectionScheduler = scheduler_;
     platform.clientOptions.authenticationScheduler = scheduler_;
     platform.clientOptions.reconnectionScheduler = scheduler_;
-    platform.clientOptions.applicationLifecycle = lifecycle_;
     options.socketPlatform = platform;
-    server_ =
-        KelServer::create(boost::urls::url("https://kel.example/api/v1"),
-                          boost::urls::url("wss://kel.example/ws/kel"), "4.2.0", "TEAM", options);
+    options_ = options;
+    server_ = makeServer("wss://kel.example/ws/kel");
+  }
+
+  std::shared_ptr<KelServer> makeServer(const std::string& socketURL,
+                                        const std::string& kelURL = "https://kel.example/api/v1",
+                                        bool allowsCleartextSocket = false) {
+    auto options = options_;
+    options.allowsCleartextSocket = allowsCleartextSocket;
+    return KelServer::create(boost::urls::url(kelURL), boost::urls::url(socketURL), "4.2.0", "TEAM",
+                             options);
   }
 
   // The server side of the socket: acknowledges "AUTH ", answers every request with 200.
   void answer(platform::InMemorySocket& socket, const std::string& text) {
     if (text.starts_with("AUTH ")) {
+      auths_.push_back(text.substr(5));
       socket.receiveMessage(R"({"kapiId":"k-1"})");
       return;
     }
@@ -86,6 +98,10 @@ class KelServerTest : public ::testing::Test {
     if (!request) return;
     requests_.push_back((*request)["method"].get<std::string>() + " " +
                         (*request)["path"].get<std::string>());
+    if (closeOn_ == (*request)["path"]) {
+      socket.close(platform::SocketCloseCode::normalClosure);
+      return;
+    }
     if (!answerRequests_) return;
     nlohmann::json body = nlohmann::json::object();
     if ((*request)["path"] == "/permissions") {
@@ -116,11 +132,14 @@ class KelServerTest : public ::testing::Test {
       std::make_shared<platform::ApplicationLifecycle>();
   std::vector<std::shared_ptr<platform::InMemorySocket>> sockets_;
   std::vector<std::string> requests_;
+  std::vector<std::string> auths_;  // the tokens of the "AUTH " frames
   bool answerRequests_ = true;
+  std::string closeOn_;  // the path of a request that the server answers with a normal close
   int signIns_ = 0;
   int failuresLeft_ = 0;
   int failureStatus_ = 500;
   std::string failureBody_ = "{}";
+  KelServer::Options options_;
   std::shared_ptr<KelServer> server_;
 };
 
@@ -135,6 +154,10 @@ TEST_F(KelServerTest, SignInStoresTheSessionAndPublishesTheUser) {
   EXPECT_EQ("https://kel.example/api/", server_->lastUrlServer());
   EXPECT_TRUE(server_->capabilityValidator()->hasPermission(ServiceDomain::presence));
   EXPECT_EQ(1u, count("GET /permissions"));
+  // The lifecycle given to the facade is the one its socket clients listen to.
+  lifecycle_->postWillEnterForeground();
+  scheduler_->advanceBy(0s);
+  EXPECT_EQ(1u, sockets_.back()->pongCount());
 
   // Forgetting the session leaves nothing to restore.
   server_->clearSessionInfo();
@@ -196,12 +219,26 @@ TEST_F(KelServerTest, RestoreStopsAtWrongCredentialsAndInTheBackground) {
   scheduler_->advanceBy(0s);
   signIns_ = 0;
 
-  failuresLeft_ = 100;
-  failureBody_ = R"({"type": "Wrong credentials", "message": "no"})";
-  StreamRecorder wrong(server_->restoreSession(false));
-  scheduler_->advanceBy(60s);
-  EXPECT_EQ(1, signIns_);
-  EXPECT_TRUE(wrong.error());
+  // A server that no longer knows the stored token: one attempt, not thirty over a minute.
+  const std::vector<std::pair<int, std::string>> refusals = {
+      {500, R"({"type": "Wrong credentials", "message": "no"})"},
+      {401, R"({"error": "unknown session"})"},
+      {403, "<html>forbidden</html>"},
+  };
+  for (const auto& [status, body] : refusals) {
+    SCOPED_TRACE(status);
+    signIns_ = 0;
+    failuresLeft_ = 100;
+    failureStatus_ = status;
+    failureBody_ = body;
+    StreamRecorder wrong(server_->restoreSession(false));
+    scheduler_->advanceBy(60s);
+    EXPECT_EQ(1, signIns_);
+    const auto* error = errorAs<AuthError>(wrong.error());
+    ASSERT_NE(nullptr, error) << describeError(wrong.error());
+    EXPECT_EQ(AuthErrorType::wrongCredentials, error->type());
+  }
+  failureStatus_ = 500;
 
   // Suspended again while retrying: the background state stops the retries.
   failureBody_ = "{}";
@@ -285,12 +322,71 @@ TEST_F(KelServerTest, LogoutEndsWithTheServerOrWithADisconnectionWhicheverComesF
   EXPECT_TRUE(requests_.empty());
 }
 
+TEST_F(KelServerTest, AReplacedUserSessionIsTheOneTheLibraryPublishesOnAndReconnectsWith) {
+  signIn();
+  auto replaced = server_->userSession().value();
+  replaced->token = "T-replaced";
+  const KelServer::UserSession mine{replaced};
+  const auto previous = server_->userSession();
+  server_->setUserSession(mine);
+  server_->setNeedsNewSession(rx::Observable<rx::Unit>::just(rx::Unit{}));
+  EXPECT_EQ(1u, StreamRecorder(server_->needsNewSession()).values().size());
+
+  // The socket builder reads the replacement: a reconnection authenticates with its token.
+  sockets_.back()->close(platform::SocketCloseCode::abnormalClosure);
+  scheduler_->advanceBy(3s);
+  EXPECT_EQ("T-replaced", auths_.back());
+
+  server_->clearSessionInfo();
+  EXPECT_FALSE(mine.value());
+  EXPECT_TRUE(previous.value()) << "the replaced subject gets nothing more";
+}
+
+TEST_F(KelServerTest, SignInRefusesAClearTextSocketBesideATlsSignInUnlessAllowed) {
+  struct Case {
+    std::string kelURL, socketURL;
+    bool allowed;
+    bool refused;
+  };
+  for (const auto& [kelURL, socketURL, allowed, refused] : std::vector<Case>{
+           {"https://kel.example/api", "ws://kel.example/ws/kel", false, true},
+           {"https://kel.example/api", "ws://kel.example/ws/kel", true, false},
+           {"http://kel.example/api", "ws://kel.example/ws/kel", false, false},
+       }) {
+    SCOPED_TRACE(kelURL + " " + socketURL);
+    auto server = makeServer(socketURL, kelURL, allowed);
+    StreamRecorder signedIn(server->connect("outside-token"));
+    scheduler_->advanceBy(0s);
+    const auto* error = errorAs<GenericError>(signedIn.error());
+    EXPECT_EQ(refused, error != nullptr) << describeError(signedIn.error());
+    if (!refused) continue;
+    EXPECT_EQ(GenericErrorType::invalidURL(socketURL), error->type());
+    EXPECT_NE(std::string::npos, error->description().find("unencrypted"));
+    EXPECT_EQ(State::newState, server->sessionState()->currentState().value());
+    // A restore of the session that the first server stored is refused alike.
+    signIn();
+    StreamRecorder restored(server->restoreSession(false));
+    EXPECT_NE(nullptr, errorAs<GenericError>(restored.error()));
+  }
+}
+
+TEST_F(KelServerTest, ASocketClosedNormallyDuringSignInIsAConnectionErrorThatSaysSo) {
+  closeOn_ = "/permissions";
+  StreamRecorder result(server_->connect("outside-token"));
+  scheduler_->advanceBy(0s);
+  const auto* error = errorAs<ConnectionError>(result.error());
+  ASSERT_NE(nullptr, error) << describeError(result.error());
+  EXPECT_EQ(ConnectionErrorType::noSocketClient, error->type());
+  EXPECT_EQ(kClosedDuringSignIn, error->description());
+}
+
 TEST_F(KelServerTest, LogLinesNameTheOperationThatWroteThem) {
   testing::LogCapture log;
   signIn();
   server_->suspend();
   scheduler_->advanceBy(0s);
   failuresLeft_ = 1;
+  failureStatus_ = 404;
   StreamRecorder restored(server_->restoreSession(false));
   scheduler_->advanceBy(2s);
   ASSERT_EQ(1u, restored.values().size()) << describeError(restored.error());
@@ -308,6 +404,7 @@ TEST_F(KelServerTest, LogLinesNameTheOperationThatWroteThem) {
        "session >> true"},
       {"KelServer", "restoreSession(shouldCheckBackgroundState:)]: User connected: "},
       {"KelServer", "clearSessionInfo()]: Deleting session info..."},
+      {"AuthService", "post(url:data:)]: Error code 404"},
       {"KelSocketClient", "send(request:)]: Sending request 2{"},
       {"KelSocketClient", "stop(reason:)]: Closing socket to: "},
       {"SocketConnector", "connect()]: Trying to connect socket"},

@@ -4,7 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "ServerClient/platform/InMemoryKeychain.h"
 
@@ -84,41 +87,53 @@ TEST_F(KeychainTokenItemTest, ReadRejectsNonUTF8TokenAndReportsOtherFailuresWith
   EXPECT_EQ(error.status(), platform::errSecNotAvailable);
 }
 
-TEST_F(KeychainTokenItemTest, FailedURLAddIsReportedAndTheTokenIsStillAdded) {
-  keychain_->injectFailure(Call::add, kURLService, platform::errSecInteractionNotAllowed);
-
-  EXPECT_EQ(thrownBy([&] { item_.saveToken("token", "https://a.example/"); }),
-            KeychainError::unhandledError(platform::errSecInteractionNotAllowed));
-  EXPECT_EQ(item_.readToken(), (KeychainTokenItem::StoredToken{"token", ""}));
-}
-
-TEST_F(KeychainTokenItemTest, FailedTokenAddLeavesTheNewURLItemInPlace) {
-  item_.saveToken("old", "https://old.example/");
-  keychain_->injectFailure(Call::add, kService, platform::errSecNotAvailable);
-
-  EXPECT_EQ(thrownBy([&] { item_.saveToken("new", "https://new.example/"); }),
-            KeychainError::unhandledError(platform::errSecNotAvailable));
-  EXPECT_EQ(thrownBy([&] { item_.readToken(); }), KeychainError::noToken());
-  EXPECT_EQ(keychain_->copyMatching({kURLService, std::nullopt}).data, "https://new.example/");
-}
-
-TEST_F(KeychainTokenItemTest, WhenBothAddsFailTheURLStatusWins) {
-  keychain_->injectFailure(Call::add, kURLService, platform::errSecInteractionNotAllowed);
-  keychain_->injectFailure(Call::add, kService, platform::errSecNotAvailable);
-
-  EXPECT_EQ(thrownBy([&] { item_.saveToken("token", "url"); }),
-            KeychainError::unhandledError(platform::errSecInteractionNotAllowed));
-  EXPECT_EQ(keychain_->callCount(Call::add), 2);
-}
-
-TEST_F(KeychainTokenItemTest, SaveSwallowsAFailedDeleteAndReportsTheAddThatItCaused) {
-  item_.saveToken("old", "url");
-  keychain_->injectFailure(Call::deleteItems, kService, platform::errSecNotAvailable);
-
-  // The old token item could not be removed, so adding the new one collides with it.
-  EXPECT_EQ(thrownBy([&] { item_.saveToken("new", "url"); }),
-            KeychainError::unhandledError(platform::errSecDuplicateItem));
-  EXPECT_EQ(item_.readToken().token, "old");
+TEST_F(KeychainTokenItemTest, AFailedSaveReportsTheFirstFailedAddAndRollsNothingBack) {
+  using Stored = KeychainTokenItem::StoredToken;
+  struct Case {
+    std::vector<std::pair<Call, const char*>> failing;  // with the status below
+    platform::OSStatus failure;
+    platform::OSStatus reported;
+    std::optional<Stored> afterwards;  // nothing: no token to read
+  };
+  const std::vector<Case> cases = {
+      // The token is added all the same; the URL reads as empty.
+      {{{Call::add, kURLService}},
+       platform::errSecNotAvailable,
+       platform::errSecNotAvailable,
+       Stored{"new", ""}},
+      // The new URL item stays without a token.
+      {{{Call::add, kService}},
+       platform::errSecNotAvailable,
+       platform::errSecNotAvailable,
+       std::nullopt},
+      // Both adds run; the URL's status wins.
+      {{{Call::add, kURLService}, {Call::add, kService}},
+       platform::errSecNotAvailable,
+       platform::errSecNotAvailable,
+       std::nullopt},
+      // The old token could not be removed, so adding the new one collides with it.
+      {{{Call::deleteItems, kService}},
+       platform::errSecNotAvailable,
+       platform::errSecDuplicateItem,
+       Stored{"old", "https://new.example/"}},
+  };
+  for (const auto& [failing, failure, reported, afterwards] : cases) {
+    SCOPED_TRACE(failing.size() * 10 + static_cast<std::size_t>(failing.front().first));
+    keychain_->clearFailures();
+    item_.deleteItem();
+    item_.saveToken("old", "https://old.example/");
+    for (const auto& [call, service] : failing) keychain_->injectFailure(call, service, failure);
+    const int adds = keychain_->callCount(Call::add);
+    EXPECT_EQ(thrownBy([&] { item_.saveToken("new", "https://new.example/"); }),
+              KeychainError::unhandledError(reported));
+    EXPECT_EQ(keychain_->callCount(Call::add), adds + 2);
+    keychain_->clearFailures();
+    if (afterwards) {
+      EXPECT_EQ(item_.readToken(), *afterwards);
+    } else {
+      EXPECT_EQ(thrownBy([&] { item_.readToken(); }), KeychainError::noToken());
+    }
+  }
 }
 
 TEST_F(KeychainTokenItemTest, DeleteSucceedsOnEmptyKeychainIgnoresURLFailureReportsTokenFailure) {
@@ -136,19 +151,20 @@ TEST_F(KeychainTokenItemTest, DeleteSucceedsOnEmptyKeychainIgnoresURLFailureRepo
             KeychainError::unhandledError(platform::errSecInteractionNotAllowed));
 }
 
-TEST_F(KeychainTokenItemTest, GroupedPairIsSeparateButAnUngroupedDeleteRemovesEveryGroup) {
+TEST_F(KeychainTokenItemTest, EachGroupsPairIsItsOwnForReadingSavingAndDeleting) {
   item_.saveToken("default", "https://default.example/");
-  const KeychainTokenItem shared(kService, keychainAccessGroup("TEAM"), keychain_);
-  shared.saveToken("shared", "https://shared.example/");
+  const KeychainTokenItem team(kService, keychainAccessGroup("TEAM"), keychain_);
+  const KeychainTokenItem other(kService, keychainAccessGroup("OTHER"), keychain_);
+  team.saveToken("team", "https://team.example/");
+  other.saveToken("other", "https://other.example/");
 
-  EXPECT_EQ(shared.readToken().token, "shared");
+  EXPECT_EQ(team.readToken().token, "team");
   EXPECT_EQ(item_.readToken().token, "default");
-  EXPECT_EQ(thrownBy([&] { KeychainTokenItem(kService, "OTHER.group", keychain_).readToken(); }),
-            KeychainError::noToken());
-
-  item_.deleteItem();
-  EXPECT_EQ(thrownBy([&] { shared.readToken(); }), KeychainError::noToken());
-  EXPECT_TRUE(keychain_->items().empty());
+  team.deleteItem();
+  EXPECT_EQ(thrownBy([&] { team.readToken(); }), KeychainError::noToken());
+  item_.deleteItem();  // the default group only
+  EXPECT_EQ(other.readToken(), (KeychainTokenItem::StoredToken{"other", "https://other.example/"}));
+  EXPECT_EQ(keychain_->items().size(), 2u);
 }
 
 }  // namespace

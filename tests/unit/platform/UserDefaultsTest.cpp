@@ -148,6 +148,11 @@ TEST(UserDefaultsPathTest, FollowsXdgConfigHomeThenHome) {
   ::setenv("XDG_CONFIG_HOME", "/cfg", 1);
   ::setenv("HOME", "/home/u", 1);
   EXPECT_EQ(FileUserDefaults::defaultPath(), fs::path("/cfg/ServerClient/defaults.json"));
+  // Each application a file of its own, whatever its identifier holds.
+  EXPECT_EQ(FileUserDefaults::defaultPath("AB12_x-9"),
+            fs::path("/cfg/ServerClient/defaults-AB12_x-9.json"));
+  EXPECT_EQ(FileUserDefaults::defaultPath("../a b"),
+            fs::path("/cfg/ServerClient/defaults-%2E%2E%2Fa%20b.json"));
   ::setenv("XDG_CONFIG_HOME", "relative", 1);
   EXPECT_EQ(FileUserDefaults::defaultPath(),
             fs::path("/home/u/.config/ServerClient/defaults.json"));

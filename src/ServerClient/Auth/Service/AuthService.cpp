@@ -13,6 +13,7 @@
 #include "ServerClient/Socket/Model/PathRule.h"
 #include "ServerClient/Socket/Model/Request.h"
 #include "ServerClient/Utils/UnretainedError.h"
+#include "ServerClient/rx/Errors.h"
 
 namespace kel {
 
@@ -22,6 +23,68 @@ using platform::HTTPResponse;
 
 rx::Single<AuthenticationData> failure(std::exception_ptr error) {
   return rx::Single<AuthenticationData>::error(std::move(error));
+}
+
+bool isSecretKey(std::string key) {
+  for (auto& c : key) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
+  for (const std::string_view word :
+       {"token", "password", "secret", "cookie", "authorization", "credential", "session"}) {
+    if (key.find(word) != std::string::npos) return true;
+  }
+  return false;
+}
+
+void redactSecretMembers(nlohmann::json& json) {
+  if (json.is_object()) {
+    for (auto& [key, value] : json.items()) {
+      if (isSecretKey(key)) {
+        value = "<redacted>";
+      } else {
+        redactSecretMembers(value);
+      }
+    }
+  } else if (json.is_array()) {
+    for (auto& value : json) redactSecretMembers(value);
+  }
+}
+
+// What a refused sign-in's body says, fit for an error description and a log line: members whose
+// names suggest a secret are masked, the token that was sent is cut out wherever it appears, the
+// text is one line of valid UTF-8 and at most kMaxRefusalText bytes.
+constexpr std::size_t kMaxRefusalText = 200;
+
+std::string refusalText(std::string_view body, std::string_view sentToken) {
+  std::string text;
+  if (auto json = parseJson(body)) {
+    redactSecretMembers(*json);
+    text = dumpJson(*json).value_or("");
+  } else {
+    text = isValidUtf8(body) ? std::string(body) : "<" + std::to_string(body.size()) + " bytes>";
+  }
+  if (!sentToken.empty()) {
+    for (auto at = text.find(sentToken); at != std::string::npos; at = text.find(sentToken, at)) {
+      text.replace(at, sentToken.size(), "<redacted>");
+    }
+  }
+  for (auto& c : text) {
+    if (static_cast<unsigned char>(c) < 0x20) c = ' ';
+  }
+  if (text.size() > kMaxRefusalText) {
+    std::size_t cut = kMaxRefusalText;
+    while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) --cut;
+    text.resize(cut);
+    text += "...";
+  }
+  return text;
+}
+
+// The error of a socket stream that ended without its element: the connection closed (a normal
+// close included) before the socket was authenticated or the permissions arrived.
+bool endedWithoutElement(const std::exception_ptr& error) {
+  if (errorAs<rx::NoElementsError>(error)) return true;
+  const auto* generic = errorAs<GenericError>(error);
+  return generic != nullptr && generic->type().kind() == GenericErrorType::Kind::underlying &&
+         errorAs<rx::NoElementsError>(generic->type().underlyingError()) != nullptr;
 }
 
 }  // namespace
@@ -92,6 +155,13 @@ rx::Single<AuthenticationData> AuthService::post(std::string url, std::string da
   auto adapted = [](std::exception_ptr error) {
     return failure(adaptSDKError<AuthErrorType>(std::move(error), ""));
   };
+  // The token sent, so that a refusal that echoes it never carries it further.
+  std::string sentToken;
+  if (const auto body = parseJson(data); body && body->is_object()) {
+    if (const auto token = body->find("token"); token != body->end() && token->is_string()) {
+      sentToken = token->get<std::string>();
+    }
+  }
   auto parsed = boost::urls::parse_absolute_uri(url);
   if (!parsed) {
     KEL_LOG_ERROR("post(url:data:)", "Invalid URL " + url);
@@ -110,11 +180,18 @@ rx::Single<AuthenticationData> AuthService::post(std::string url, std::string da
         return rx::Single<HTTPResponse>::error(
             makeError(GenericError(GenericErrorType::underlying(error))));
       })
-      .map([url](const HTTPResponse& response) {
+      .map([url, sentToken](const HTTPResponse& response) {
         const auto status = response.statusCode;
         if (status >= 400 && status <= 499) {
           KEL_LOG_ERROR("post(url:data:)",
                         "Error code " + std::to_string(status) + " for the request to " + url);
+          // The server does not know the token: signing in with it again cannot succeed, so
+          // this is the error that stops the facade's restore retries.
+          if (status == 401 || status == 403) {
+            throw AuthError(
+                AuthErrorType::wrongCredentials,
+                "HTTP " + std::to_string(status) + ": " + refusalText(response.body, sentToken));
+          }
           throw ConnectionError::mapToOvError(status);
         }
         if (response.body.empty()) {
@@ -142,6 +219,13 @@ rx::Single<AuthenticationData> AuthService::connectSocket(const AuthenticationDa
 
 rx::Single<AuthenticationData> AuthService::signInChain(rx::Single<AuthenticationData> httpSignIn) {
   std::weak_ptr<AuthService> weak = weak_from_this();
+  const auto closedDuringSignIn = [](std::exception_ptr error) {
+    if (endedWithoutElement(error)) {
+      return failure(makeError(ConnectionError(ConnectionErrorType::noSocketClient, -1,
+                                               std::string(kClosedDuringSignIn))));
+    }
+    return failure(std::move(error));
+  };
   return httpSignIn
       .flatMap([weak](const AuthenticationData& authData) {
         auto self = weak.lock();
@@ -152,7 +236,8 @@ rx::Single<AuthenticationData> AuthService::signInChain(rx::Single<Authenticatio
         auto self = weak.lock();
         if (!self) return failure(makeError(UnretainedError::failedRetaining()));
         return self->getPermissions(authData);
-      });
+      })
+      .catchError(closedDuringSignIn);
 }
 
 rx::Single<AuthenticationData> AuthService::registerUser(std::string token, boost::urls::url url,

@@ -11,12 +11,26 @@
 //
 // Errors of the HTTP exchange reach the caller through adaptSDKError<AuthErrorType>:
 //   transport failure       GenericError underlying (the HTTPClientError)
-//   status 400-499          ConnectionError::mapToOvError(status); the body is not read
+//   status 401, 403         AuthError wrongCredentials, description "HTTP <status>: <body>": the
+//                           server does not accept the token, so trying it again is pointless
+//                           (the facade's restore stops at this error). The body is shown for
+//                           diagnosis only: members named like secrets (token, password, cookie,
+//                           session, ...) are masked, the token sent is cut out wherever it
+//                           appears, and the text is cut to 200 bytes.
+//   other status 400-499    ConnectionError::mapToOvError(status); the body is not read
 //   empty body              GenericError invalidResponse, "Invalid response for request: <url>"
 //   undecodable body        the decoding error (a {"type": "Wrong credentials", ...} document
 //                           becomes that AuthError)
 // Any other status, 5xx included, is decoded like a 200. A body that cannot be serialised fails
 // with GenericError decoding, unadapted; a target that is not a URL with GenericError invalidURL.
+//
+// A socket that closes during the sign-in chain (a normal close 1000 from the server included)
+// before it is authenticated or before the permissions arrive ends the chain with
+// ConnectionError noSocketClient, code -1, kClosedDuringSignIn: the socket is not usable, and a
+// new sign-in or restore is what the user can do about it.
+//
+// Disposing a sign-in does not cancel its HTTP exchange (the server may already have made the
+// session): the exchange runs to its end and its result is dropped.
 //
 // The service keeps no state. Create it with std::make_shared: the sign-in chains hold it weakly
 // and fail with UnretainedError::failedRetaining once it is gone. The HTTP answer arrives on the
@@ -25,6 +39,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include <boost/url/url.hpp>
 #include <nlohmann/json.hpp>
@@ -37,6 +52,10 @@
 #include "ServerClient/rx/Observable.h"
 
 namespace kel {
+
+/// The description of the error of a sign-in whose socket closed before it was complete.
+inline constexpr std::string_view kClosedDuringSignIn =
+    "The server closed the connection during sign-in";
 
 class AuthService : public SocketService, public std::enable_shared_from_this<AuthService> {
  public:

@@ -27,14 +27,17 @@ void from_json(const nlohmann::json& json, User& user) {
   user = std::move(decoded);
 }
 
-void to_json(nlohmann::json& json, const User& user) {
-  // nlohmann::json sorts its keys; the server reads them by name, so order is only cosmetic here
-  // and the encoded object is an ordinary one that toCollection accepts.
-  json = nlohmann::json{
+void to_json(nlohmann::ordered_json& json, const User& user) {
+  json = nlohmann::ordered_json{
       {"id", user.userId},   {"alias", user.alias},       {"domain", user.domain},
       {"email", user.email}, {"username", user.username}, {"mobilePhone", user.mobilePhones},
       {"role", user.role},
   };
+}
+
+void to_json(nlohmann::json& json, const User& user) {
+  // The same members; an ordinary object sorts them, which the server does not mind.
+  json = nlohmann::json(nlohmann::ordered_json(user));
 }
 
 }  // namespace kel

@@ -5,10 +5,11 @@
 //   {"id": "u1", "domain": "example.org", "email": "ann@example.org", "username": "ann",
 //    "alias": "Ann", "mobilePhone": ["+100"], "role": "user", "gatewayUsername": "ann.gw"}
 //
-// Every key but "gatewayUsername" is required when decoding. Encoding writes "id", "alias",
-// "domain", "email", "username", "mobilePhone" and "role" (keys sorted, as nlohmann writes them)
-// and never
-// "gatewayUsername": that name is local to the device and is not sent back to the server.
+// Every key but "gatewayUsername" is required when decoding. Encoding (to nlohmann::ordered_json)
+// writes "id", "alias", "domain", "email", "username", "mobilePhone" and "role", in that order,
+// and never "gatewayUsername": that name is local to the device and is not sent back to the
+// server. Encoding to a plain nlohmann::json gives the same members, sorted by key as that type
+// always keeps them.
 
 #include <optional>
 #include <string>
@@ -45,6 +46,7 @@ BOOST_DESCRIBE_STRUCT(User, (),
 /// decoding error. A null "gatewayUsername" reads as absent.
 void from_json(const nlohmann::json& json, User& user);
 /// "gatewayUsername" is left out (see the top of this header).
+void to_json(nlohmann::ordered_json& json, const User& user);
 void to_json(nlohmann::json& json, const User& user);
 
 }  // namespace kel

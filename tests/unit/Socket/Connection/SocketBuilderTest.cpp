@@ -42,11 +42,28 @@ class SocketBuilderTest : public ::testing::Test {
   std::vector<std::shared_ptr<InMemorySocket>> sockets_;
 };
 
-TEST_F(SocketBuilderTest, TheSubProtocolIsTheLastPathSegment) {
-  EXPECT_EQ("kel", socketSubProtocol(boost::urls::url("wss://kel.test/ws/kel")));
-  EXPECT_EQ("kel", socketSubProtocol(boost::urls::url("wss://kel.test/ws/kel/")));
-  EXPECT_EQ("a b", socketSubProtocol(boost::urls::url("wss://kel.test/a%20b?x=/y")));
-  EXPECT_EQ("", socketSubProtocol(boost::urls::url("wss://kel.test")));
+TEST_F(SocketBuilderTest, TheSubProtocolIsTheLastPathSegmentWhenItIsAToken) {
+  using Protocols = std::vector<std::string>;
+  const std::vector<std::pair<std::string, Protocols>> table = {
+      {"wss://kel.test/ws/kel", {"kel"}},
+      {"wss://kel.test/ws/kel/", {"kel"}},
+      {"wss://kel.test", {}},
+      {"wss://kel.test/", {}},
+      {"wss://kel.test/k%40l", {}},  // "k@l"
+      {"wss://kel.test/a%20b?x=/y", {}},
+  };
+  auto system = SocketBuilder::Platform::system();
+  for (const auto& [url, protocols] : table) {
+    SCOPED_TRACE(url);
+    EXPECT_EQ(protocols, socketSubProtocols(boost::urls::url(url)));
+    // The real WebSocket refuses an invalid sub-protocol; none at all must still give a client.
+    SocketBuilder::Platform platform;
+    platform.makeSocket = system.makeSocket;
+    EXPECT_NE(nullptr,
+              SocketBuilder::create(boost::urls::url("https://kel.test"), boost::urls::url(url),
+                                    events_, SocketBuilder::tokenOf(userSession_), platform)
+                  ->newSocket());
+  }
 }
 
 TEST_F(SocketBuilderTest, EachNewSocketIsAFreshClientOnAFreshSocket) {

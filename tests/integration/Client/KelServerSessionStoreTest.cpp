@@ -1,0 +1,83 @@
+// Two applications of different teams on one desktop account, each with its own facade, over the
+// real Secret Service keychain and real defaults files, signed in against the emulator. Run
+// under scripts/with-session-bus.
+
+#include "ServerClient/Client/KelServer.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <future>
+#include <memory>
+#include <random>
+#include <string>
+
+#include <boost/url/parse.hpp>
+
+#include "ServerClient/Common/SDKError.h"
+#include "emulator/Emulator.h"
+
+namespace kel {
+namespace {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+template <class T>
+std::exception_ptr wait(const rx::Single<T>& single) {
+  auto promise = std::make_shared<std::promise<std::exception_ptr>>();
+  auto future = promise->get_future();
+  auto subscription = single.subscribe([promise](const T&) { promise->set_value(nullptr); },
+                                       [promise](std::exception_ptr e) { promise->set_value(e); });
+  if (future.wait_for(20s) != std::future_status::ready) {
+    subscription.dispose();
+    return std::make_exception_ptr(std::runtime_error("no answer"));
+  }
+  return future.get();
+}
+
+TEST(KelServerSessionStoreTest, OneTeamsLogoutLeavesAnotherTeamsStoredSessionAlone) {
+  // The defaults files go to a directory of this test's own, read when each team's store is
+  // first made; the teams are new on every run, so the process has no store of theirs yet.
+  const fs::path config = fs::temp_directory_path() / ("kel-store-" + std::to_string(::getpid()));
+  ::setenv("XDG_CONFIG_HOME", config.c_str(), 1);
+  std::random_device random;
+  const std::string suffix = std::to_string(random());
+  const std::string teamA = "APPA" + suffix;
+  const std::string teamB = "APPB" + suffix;
+
+  emulator::Emulator emulator(emulator::Options{});
+  emulator.addAccount(emulator::defaultAccount("ann", "outside-a"));
+  emulator.addAccount(emulator::defaultAccount("bob", "outside-b"));
+  const auto urls = emulator.start();
+  const auto facade = [&](const std::string& team) {
+    return KelServer::create(boost::urls::parse_absolute_uri(urls.kelURL).value(),
+                             boost::urls::parse_absolute_uri(urls.socketURL).value(), "1.0.0",
+                             team);
+  };
+
+  auto a = facade(teamA);
+  ASSERT_EQ(nullptr, wait(a->connect("outside-a")));
+  a->suspend();
+  auto b = facade(teamB);
+  ASSERT_EQ(nullptr, wait(b->connect("outside-b")));
+  EXPECT_EQ(nullptr, wait(b->logout("device-b")));
+  EXPECT_FALSE(b->canRestoreSession());
+
+  // Another run of A's application still finds its session and resumes it.
+  a.reset();
+  auto again = facade(teamA);
+  EXPECT_TRUE(again->canRestoreSession());
+  EXPECT_EQ(urls.kelURL, again->lastUrlServer());
+  EXPECT_EQ(nullptr, wait(again->restoreSession(false)));
+  EXPECT_TRUE(fs::exists(config / "ServerClient" / ("defaults-" + teamA + ".json")));
+
+  again->clearSessionInfo();
+  EXPECT_FALSE(again->canRestoreSession());
+  fs::remove_all(config);
+}
+
+}  // namespace
+}  // namespace kel
