@@ -121,12 +121,12 @@ KelRun runKel(const std::vector<std::string>& arguments, const fs::path& configH
   return run;
 }
 
-class KelCliTest : public testing::Test {
+class KelCliTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    configHome_ =
-        fs::temp_directory_path() / ("kel-cli-test-" + std::to_string(getpid()) + "-" +
-                                     testing::UnitTest::GetInstance()->current_test_info()->name());
+    configHome_ = fs::temp_directory_path() /
+                  ("kel-cli-test-" + std::to_string(getpid()) + "-" +
+                   ::testing::UnitTest::GetInstance()->current_test_info()->name());
     fs::remove_all(configHome_);
     fs::create_directories(configHome_);
   }
@@ -135,8 +135,8 @@ class KelCliTest : public testing::Test {
   /// A command against the server at `urls`, in a keychain group of this test's own (tests run
   /// in parallel against one keychain daemon). Options in `arguments` win over these defaults.
   KelRun kel(const emulator::Urls& urls, std::vector<std::string> arguments, bool json = true) {
-    const std::string team =
-        std::string("KELCLITEST.") + testing::UnitTest::GetInstance()->current_test_info()->name();
+    const std::string team = std::string("KELCLITEST.") +
+                             ::testing::UnitTest::GetInstance()->current_test_info()->name();
     arguments.insert(arguments.begin(), {"--kel-url", urls.kelURL, "--socket-url", urls.socketURL,
                                          "--team-id", team, "--timeout", "10"});
     if (json) arguments.push_back("--json");
@@ -276,7 +276,7 @@ TEST_F(KelCliTest, ARefusedSocketIsNamedAtOnceNotAsATimeOut) {
   emulator::Emulator emulator;
   // A well-formed answer whose session token the socket does not know: AUTH is closed with 4401.
   emulator.addAccount(emulator::defaultAccount("dora", "x"));
-  emulator.signIn().setAnswer({.rawBody = testing::signInAnswer()});
+  emulator.signIn().setAnswer({.rawBody = kel::testing::signInAnswer()});
   const auto urls = emulator.start();
   const auto started = std::chrono::steady_clock::now();
   const auto run = kel(urls, {"login", "--token", "x"});
@@ -314,7 +314,9 @@ TEST_F(KelCliTest, RenewTellsWhetherTheServerAcceptedTheRenewal) {
   };
   for (const auto& [fault, kind, message] : cases) {
     emulator.clearFaults();
-    if (fault) emulator.faultAllRequests(*fault, {.method = "PUT", .pathPrefix = "/sessions"});
+    if (fault)
+      emulator.faultAllRequests(
+          *fault, {.socket = std::nullopt, .method = "PUT", .pathPrefix = "/sessions"});
     const auto run = kel(urls, {"renew"}, false);
     EXPECT_EQ(kind.empty() ? 0 : 1, run.exitCode) << kind << run.out << run.err;
     if (kind.empty()) {

@@ -151,7 +151,7 @@ TEST_F(KelSocketClientTest, ARequestTimesOutAndItsLateResponseIsLoggedWithoutSec
   LogCapture log;
   authenticate();
   auto request = testRequest(7);
-  request.body = {{"password", "MARK"}};
+  request.body = nlohmann::json::object({{"password", "MARK"}});
   auto record = send(request);
   scheduler_->advanceBy(19'999ms);
   EXPECT_FALSE(record->terminated());

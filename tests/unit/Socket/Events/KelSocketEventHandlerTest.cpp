@@ -106,9 +106,13 @@ TEST_F(KelSocketEventHandlerTest, PingsArePongedAndOnlyResponsesAndEventsArePubl
 TEST_F(KelSocketEventHandlerTest, RecordsTheLastFailureUntilTheSocketOpensAgain) {
   EXPECT_EQ(std::nullopt, handler_->lastFailure());
   socket_->connect();
+  // As the WebSocket reports a close frame with its reason.
   handler_->socketDidClose(platform::socketCloseCodeFrom(4401), "invalid session token");
   ASSERT_TRUE(handler_->lastFailure());
   EXPECT_EQ("the socket was closed with 4401 (invalid session token)",
+            handler_->lastFailure()->description());
+  socket_->close(SocketCloseCode::protocolError);
+  EXPECT_EQ("the socket was closed with 1002 (protocolError)",
             handler_->lastFailure()->description());
 
   socket_->connect();
@@ -116,16 +120,13 @@ TEST_F(KelSocketEventHandlerTest, RecordsTheLastFailureUntilTheSocketOpensAgain)
   // The error says more than the close code that follows it.
   socket_->receiveError(std::make_exception_ptr(std::runtime_error("certificate verify failed")));
   socket_->close(SocketCloseCode::tlsHandshakeFailure);
-  EXPECT_EQ((SocketFailure{std::nullopt, "certificate verify failed"}), handler_->lastFailure());
+  const SocketFailure certificate{std::nullopt, "certificate verify failed"};
+  EXPECT_EQ(certificate, handler_->lastFailure());
 
-  socket_->connect();
-  socket_->close(SocketCloseCode::protocolError);
-  EXPECT_EQ("the socket was closed with 1002 (protocolError)",
-            handler_->lastFailure()->description());
   // The user's own close is no failure; a server's reason shows no secret.
   handler_->setStopByUser([] { return StopByUserState{true, SocketCloseCode::normalClosure}; });
   handler_->disconnect(SocketCloseCode::normalClosure);
-  EXPECT_EQ(SocketCloseCode::protocolError, handler_->lastFailure()->closeCode);
+  EXPECT_EQ(certificate, handler_->lastFailure());
   handler_->setStopByUser({});
   handler_->socketDidClose(SocketCloseCode::policyViolation, "token=MARK");
   EXPECT_EQ("the socket was closed with 1008 (token=<redacted>)",
