@@ -5,6 +5,8 @@
 
 #include <boost/url/parse.hpp>
 
+#include "ServerClient/Common/SafeText.h"
+
 namespace kel::cli {
 
 namespace {
@@ -44,13 +46,13 @@ void requireURL(const std::string& value, std::string_view flag,
                 std::initializer_list<std::string_view> schemes) {
   if (value.empty()) throw Failure{std::string(flag) + " is required for this command"};
   const auto parsed = boost::urls::parse_absolute_uri(value);
-  if (!parsed) throw Failure{std::string(flag) + ": not an absolute URL: " + value};
+  if (!parsed) throw Failure{std::string(flag) + ": not an absolute URL: " + redactSecrets(value)};
   for (const auto scheme : schemes) {
     if (parsed->scheme() == scheme) return;
   }
   std::string names;
   for (const auto scheme : schemes) names += (names.empty() ? "" : " or ") + std::string(scheme);
-  throw Failure{std::string(flag) + ": expected a " + names + " URL: " + value};
+  throw Failure{std::string(flag) + ": expected a " + names + " URL: " + redactSecrets(value)};
 }
 
 void requireValue(const std::string& value, std::string_view flag) {

@@ -12,6 +12,7 @@
 #include "ServerClient/Common/SDKError.h"
 #include "ServerClient/KeepConnection/KeepConnectionService.h"
 #include "ServerClient/Push/PushService.h"
+#include "ServerClient/Socket/Client/SocketClient.h"
 #include "cli/MainLoop.h"
 #include "cli/Output.h"
 
@@ -27,6 +28,24 @@ struct CommandError {
   std::string kind;
   std::string message;
 };
+
+/// What else ends a wait before the command's time bound.
+enum class Watch {
+  /// The server refused the socket (see refusal()).
+  refusal,
+  /// That, or the server closed the session's socket as the end of the session.
+  sessionEnd,
+};
+
+/// A close that no waiting mends: the server's own refusals (private codes 4400-4499, as HTTP's
+/// 4xx) and policy violations. The library keeps waiting (and a restore keeps retrying) until
+/// its time-outs; the command can stop at once.
+bool isRefusal(const SocketFailure& failure) {
+  if (!failure.closeCode) return false;
+  const auto code = platform::wireCode(*failure.closeCode);
+  return (code >= 4400 && code <= 4499) ||
+         *failure.closeCode == platform::SocketCloseCode::policyViolation;
+}
 
 std::string commandName(Command command) {
   switch (command) {
@@ -73,15 +92,50 @@ class Runner {
     loop_.runFor(50ms);
   }
 
+  /// The value of `single`, or a CommandError: the library's error (a time-out of its own names
+  /// the socket's last failure), the socket's refusal or end as soon as it is known, or this
+  /// command's time bound with the socket's last failure.
   template <class T>
-  T await(const std::string& what, const rx::Single<T>& single) {
-    auto outcome = loop_.await(single, line_.timeout);
-    if (outcome.error) throw CommandError{errorKind(outcome.error), describeError(outcome.error)};
-    if (!outcome.value) {
-      throw CommandError{
-          "timeout", what + ": no answer within " + std::to_string(line_.timeout.count()) + " s"};
+  T await(const std::string& what, const rx::Single<T>& single, Watch watch = Watch::refusal) {
+    std::optional<CommandError> ended;
+    auto outcome = loop_.await(single, line_.timeout, [&] {
+      ended = socketEnded(what, watch);
+      return ended.has_value();
+    });
+    if (outcome.error) {
+      throw CommandError{errorKind(outcome.error),
+                         describeErrorWithSocketFailure(outcome.error, client())};
     }
-    return std::move(*outcome.value);
+    if (outcome.value) return std::move(*outcome.value);
+    if (ended) throw std::move(*ended);
+    std::string message =
+        what + ": no answer within " + std::to_string(line_.timeout.count()) + " s";
+    if (auto failure = lastFailure()) message += "; " + failure->description();
+    throw CommandError{"timeout", std::move(message)};
+  }
+
+  std::shared_ptr<SocketClient> client() const { return server_->socketClient().value(); }
+
+  std::optional<SocketFailure> lastFailure() const {
+    auto socket = client();
+    return socket ? socket->lastFailure() : std::nullopt;
+  }
+
+  std::optional<CommandError> socketEnded(const std::string& what, Watch watch) const {
+    auto socket = client();
+    if (!socket) return std::nullopt;
+    auto failure = socket->lastFailure();
+    if (failure && isRefusal(*failure)) {
+      return CommandError{"connection/refused", what + ": " + failure->description()};
+    }
+    if (watch == Watch::sessionEnd &&
+        socket->currentStatus() ==
+            SocketState::disconnected(SocketStateDisconnectedReason::expectedClose)) {
+      return CommandError{"session/ended",
+                          what + ": the server ended the session" +
+                              (failure ? " (" + failure->description() + ")" : std::string())};
+    }
+    return std::nullopt;
   }
 
   AuthenticationData restore() {
@@ -89,7 +143,7 @@ class Runner {
       return await("restore", server_->restoreSession(false));
     } catch (CommandError& error) {
       // The library keeps retrying a stored session that the server refuses.
-      if (error.kind == "timeout") {
+      if (error.kind == "timeout" || error.kind == "connection/refused") {
         error.message +=
             " (a stored session that the server refuses is retried until then; "
             "kel login signs in anew)";
@@ -114,9 +168,21 @@ class Runner {
       }
       case Command::renew: {
         const auto data = restore();
+        // The facade's loop renews without looking at the answer; a command has to tell it.
         KeepConnectionService keepConnection(server_->socketClient());
-        await("renewal", keepConnection.renewSession(server_->userSession()).take(1).asSingle());
-        human("renewal of session " + data.session.sessionID + " sent");
+        const auto what = "renewal of session " + data.session.sessionID;
+        try {
+          await(what, keepConnection.renewSessionOrError(server_->userSession()).take(1).asSingle(),
+                Watch::sessionEnd);
+        } catch (CommandError& error) {
+          // A request completed without an answer: the socket went away under it.
+          if (auto ended = socketEnded(what, Watch::sessionEnd)) throw std::move(*ended);
+          if (error.kind.starts_with("connection/") && error.kind != "connection/refused") {
+            error.message = what + " refused: " + error.message;
+          }
+          throw;
+        }
+        human(what + " accepted");
         return {{"session", {{"id", data.session.sessionID}}}};
       }
       case Command::pushRegister: {
@@ -148,7 +214,7 @@ class Runner {
 
  private:
   void human(const std::string& text) const {
-    if (!line_.json) std::cout << text << std::endl;
+    if (!line_.json) std::cout << printable(text) << std::endl;
   }
 
   const CommandLine& line_;
@@ -166,29 +232,28 @@ int runCommand(const CommandLine& line) {
     result = runner.run();
   } catch (const CommandError& error) {
     if (line.json) {
-      std::cout << nlohmann::json{{"command", name},
-                                  {"ok", false},
-                                  {"error", {{"kind", error.kind}, {"message", error.message}}}}
-                       .dump()
+      std::cout << jsonLine({{"command", name},
+                             {"ok", false},
+                             {"error", {{"kind", error.kind}, {"message", error.message}}}})
                 << std::endl;
     }
-    std::cerr << "kel " << name << ": " << error.kind << ": " << error.message << std::endl;
+    std::cerr << "kel " << name << ": " << printable(error.kind) << ": " << printable(error.message)
+              << std::endl;
     return 1;
   } catch (const std::exception& error) {
     const auto pointer = std::current_exception();
     if (line.json) {
-      std::cout
-          << nlohmann::json{{"command", name}, {"ok", false}, {"error", errorJson(pointer)}}.dump()
-          << std::endl;
+      std::cout << jsonLine({{"command", name}, {"ok", false}, {"error", errorJson(pointer)}})
+                << std::endl;
     }
-    std::cerr << "kel " << name << ": " << errorKind(pointer) << ": " << describeError(pointer)
-              << std::endl;
+    std::cerr << "kel " << name << ": " << printable(errorKind(pointer)) << ": "
+              << printable(describeError(pointer)) << std::endl;
     return 1;
   }
   if (line.json) {
     result["command"] = name;
     result["ok"] = true;
-    std::cout << result.dump() << std::endl;
+    std::cout << jsonLine(result) << std::endl;
   }
   return 0;
 }

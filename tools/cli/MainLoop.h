@@ -38,16 +38,18 @@ class MainLoop {
   /// Runs main-thread work for `duration`, e.g. to let late deliveries drain before exit.
   void runFor(std::chrono::milliseconds duration);
 
-  /// Subscribes and runs the loop until `single` answers or `timeout` passes; a late answer is
-  /// dropped by disposing of the subscription.
+  /// Subscribes and runs the loop until `single` answers, `timeout` passes or `giveUp` holds
+  /// (checked as the condition of runUntil); a late answer is dropped by disposing of the
+  /// subscription.
   template <class T>
-  Outcome<T> await(const rx::Single<T>& single, std::chrono::milliseconds timeout) {
+  Outcome<T> await(const rx::Single<T>& single, std::chrono::milliseconds timeout,
+                   const std::function<bool()>& giveUp = {}) {
     auto outcome = std::make_shared<Outcome<T>>();
     auto subscription =
         single.observeOn(rx::MainScheduler::instance())
             .subscribe([outcome](const T& value) { outcome->value = value; },
                        [outcome](std::exception_ptr error) { outcome->error = std::move(error); });
-    runUntil([&] { return !outcome->timedOut(); }, timeout);
+    runUntil([&] { return !outcome->timedOut() || (giveUp && giveUp()); }, timeout);
     subscription.dispose();
     return std::move(*outcome);
   }

@@ -5,9 +5,62 @@
 #include <ctime>
 #include <mutex>
 
+#include <spdlog/details/log_msg.h>
+#include <spdlog/sinks/base_sink.h>
+
 #include "ServerClient/Common/SDKError.h"
+#include "ServerClient/Common/SafeText.h"
+#include "ServerClient/Log/ServerLog.h"
 
 namespace kel::cli {
+
+std::string printable(std::string_view text) {
+  return escapeControlCharacters(text);
+}
+
+std::string jsonLine(const nlohmann::json& value) {
+  return value.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace);
+}
+
+namespace {
+
+// The library's lines, one per log call; the library redacts what it dumps, this guards the
+// terminal and catches whatever a line still carries (a URL given on the command line...).
+class PrintableSink final : public spdlog::sinks::base_sink<std::mutex> {
+ protected:
+  void sink_it_(const spdlog::details::log_msg& message) override {
+    std::string_view level = "error";
+    switch (message.level) {
+      case spdlog::level::trace:
+        level = "verbose";
+        break;
+      case spdlog::level::debug:
+        level = "debug";
+        break;
+      case spdlog::level::info:
+        level = "info";
+        break;
+      case spdlog::level::warn:
+        level = "warning";
+        break;
+      default:
+        break;
+    }
+    const std::string_view payload(message.payload.data(), message.payload.size());
+    const auto line =
+        timestamp() + " [" + std::string(level) + "] " + printable(redactSecrets(payload)) + "\n";
+    std::fwrite(line.data(), 1, line.size(), stderr);
+  }
+  void flush_() override { std::fflush(stderr); }
+};
+
+}  // namespace
+
+void installVerboseLog() {
+  auto& log = ServerLog::sharedInstance();
+  log.setConsoleSink(std::make_shared<PrintableSink>());
+  log.addLoggers(LogLevel::verbose, false);
+}
 
 std::string timestamp() {
   using namespace std::chrono;
@@ -33,7 +86,7 @@ void narrateTo(std::FILE* stream) {
 }
 
 void say(std::string_view text) {
-  const auto line = timestamp() + "  " + std::string(text) + "\n";
+  const auto line = timestamp() + "  " + printable(text) + "\n";
   std::lock_guard lock(narrationMutex);
   std::FILE* stream = narration != nullptr ? narration : stdout;
   std::fwrite(line.data(), 1, line.size(), stream);
@@ -54,7 +107,7 @@ std::string errorKind(const std::exception_ptr& error) {
 }
 
 nlohmann::json errorJson(const std::exception_ptr& error) {
-  return {{"kind", errorKind(error)}, {"message", describeError(error)}};
+  return {{"kind", errorKind(error)}, {"message", describeError(error)}};  // without secrets
 }
 
 nlohmann::json userJson(const User& user) {

@@ -14,6 +14,18 @@
 
 namespace kel::cli {
 
+/// Everything kel prints passes through here: server-controlled text may hold secrets (removed
+/// where errors and records are described) and terminal controls (escape sequences, bell,
+/// carriage return), which this escapes ("\n" -> \n, other controls -> \xNN).
+std::string printable(std::string_view text);
+
+/// One JSON object as a line of output: ASCII only, so no control character of any kind reaches
+/// the terminal, and invalid UTF-8 replaced rather than thrown on.
+std::string jsonLine(const nlohmann::json& value);
+
+/// Sends the library's log lines (--verbose) to stderr through printable(), redacted once more.
+void installVerboseLog();
+
 /// "12:00:01.234": the local time of day to the millisecond.
 std::string timestamp();
 /// Where say() writes: stdout unless told (the demo's --json keeps stdout for its result).

@@ -7,17 +7,18 @@
 #include "ServerClient/Log/ServerLog.h"
 #include "cli/CommandLine.h"
 #include "cli/Commands.h"
+#include "cli/Output.h"
 
 int main(int argc, char** argv) {
   std::vector<std::string_view> arguments(argv + 1, argv + argc);
   const auto parsed = kel::cli::parseCommandLine(arguments);
   if (!parsed.commandLine) {
-    std::cerr << "kel: " << parsed.error << "\n(kel --help lists commands and options)"
-              << std::endl;
+    std::cerr << "kel: " << kel::cli::printable(parsed.error)
+              << "\n(kel --help lists commands and options)" << std::endl;
     return 2;
   }
   const auto& line = *parsed.commandLine;
-  if (line.verbose) kel::ServerLog::sharedInstance().addLoggers(kel::LogLevel::verbose, false);
+  if (line.verbose) kel::cli::installVerboseLog();
   switch (line.command) {
     case kel::cli::Command::help:
       std::cout << kel::cli::usage("kel");

@@ -315,8 +315,12 @@ rx::Single<AuthenticationData> KelServer::connect(std::string token) {
         KEL_LOG_DEBUG("connect(using:)", "User connected: " + description(data.user));
       })
       .doOnError([weak](std::exception_ptr error) {
-        KEL_LOG_ERROR("connect(using:)", "Error connecting KEL session >> " + describeError(error));
-        if (auto self = weak.lock()) self->sessionState_->emit(State::error);
+        auto self = weak.lock();
+        KEL_LOG_ERROR("connect(using:)",
+                      "Error connecting KEL session >> " +
+                          describeErrorWithSocketFailure(
+                              error, self ? self->socketClient_.value() : nullptr));
+        if (self) self->sessionState_->emit(State::error);
       });
 }
 
@@ -429,9 +433,12 @@ rx::Single<AuthenticationData> KelServer::restoreSession(bool shouldCheckBackgro
                       "User connected: " + description(data.user));
       })
       .doOnError([weak](std::exception_ptr error) {
+        auto self = weak.lock();
         KEL_LOG_ERROR("restoreSession(shouldCheckBackgroundState:)",
-                      "Error restoring KEL session >> " + describeError(error));
-        if (auto self = weak.lock()) self->sessionState_->emit(State::error);
+                      "Error restoring KEL session >> " +
+                          describeErrorWithSocketFailure(
+                              error, self ? self->socketClient_.value() : nullptr));
+        if (self) self->sessionState_->emit(State::error);
       });
 }
 

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "ServerClient/Common/Json.h"
+#include "ServerClient/Common/SafeText.h"
 
 namespace kel {
 
@@ -23,12 +24,14 @@ constexpr std::array<std::string_view, 4> kAuthTypeNames{"Wrong credentials", "I
 std::string genericWhat(const GenericErrorType& type, const std::string& description) {
   std::string what = "GenericError.";
   what += type.rawValue();
+  // The payload may be a whole server answer: the text keeps it for the application, the
+  // message shows it without secrets and cut to a readable length.
   if (!type.text().empty()) {
-    what += "(\"" + type.text() + "\")";
+    what += "(\"" + displayText(type.text()) + "\")";
   } else if (type.underlyingError()) {
     what += "(" + describeError(type.underlyingError()) + ")";
   }
-  if (!description.empty()) what += ": " + description;
+  if (!description.empty()) what += ": " + displayText(description);
   return what;
 }
 
@@ -60,7 +63,7 @@ std::optional<ConnectionErrorType> connectionErrorTypeFrom(std::string_view raw)
 
 ConnectionError::ConnectionError(ConnectionErrorType type, int code, std::string description)
     : SDKError("ConnectionError." + std::string(rawValue(type)) + " (code " + std::to_string(code) +
-               ")" + (description.empty() ? "" : ": " + description)),
+               ")" + (description.empty() ? "" : ": " + displayText(description))),
       type_(type),
       code_(code),
       description_(std::move(description)) {}
@@ -101,7 +104,7 @@ std::optional<AuthErrorType> authErrorTypeFrom(std::string_view raw) noexcept {
 
 AuthError::AuthError(AuthErrorType type, std::string description)
     : SDKError("AuthError(\"" + std::string(rawValue(type)) + "\")" +
-               (description.empty() ? "" : ": " + description)),
+               (description.empty() ? "" : ": " + displayText(description))),
       type_(type),
       description_(std::move(description)) {}
 
@@ -141,8 +144,10 @@ std::string describeError(const std::exception_ptr& error) {
   if (!error) return "no error";
   try {
     std::rethrow_exception(error);
+  } catch (const SDKError& e) {
+    return e.what();  // made safe when the error was made
   } catch (const std::exception& e) {
-    return e.what();
+    return displayText(e.what());
   } catch (...) {
     return "unknown error";
   }

@@ -28,7 +28,9 @@
 
 namespace kel {
 
-/// Base of every error the library hands to the application.
+/// Base of every error the library hands to the application. what() never shows a secret, and
+/// shows outside texts cut to a readable length (SafeText.h); the accessors of the subclasses
+/// keep the texts whole for the application.
 class SDKError : public std::exception {
  public:
   const char* what() const noexcept override { return what_.c_str(); }
@@ -199,7 +201,7 @@ const E* errorAs(const std::exception_ptr& error) noexcept {
 template <class E>
 const E* errorAs(std::exception_ptr&& error) noexcept = delete;
 
-/// A readable one-line text of any error, for log lines.
+/// A readable text of any error, for log lines and messages, without secrets (SafeText.h).
 std::string describeError(const std::exception_ptr& error);
 
 template <class E>

@@ -14,6 +14,14 @@ KeepConnectionService::KeepConnectionService(SocketClientSlot socketClient)
 
 rx::Observable<rx::Unit> KeepConnectionService::renewSession(
     const rx::BehaviorSubject<std::optional<AuthenticationData>>& userSession) {
+  return renewSessionOrError(userSession).catchError([](std::exception_ptr error) {
+    KEL_LOG_DEBUG("renewSession(for:)", "Session renewal failed: " + describeError(error));
+    return rx::Observable<rx::Unit>::just(rx::Unit{});
+  });
+}
+
+rx::Observable<rx::Unit> KeepConnectionService::renewSessionOrError(
+    const rx::BehaviorSubject<std::optional<AuthenticationData>>& userSession) {
   std::optional<AuthenticationData> data;
   try {
     data = userSession.value();
@@ -29,11 +37,7 @@ rx::Observable<rx::Unit> KeepConnectionService::renewSession(
   };
   return firstResource(sendRequestOrError(std::move(request)))
       .asObservable()
-      .map([](const Resource&) { return rx::Unit{}; })
-      .catchError([](std::exception_ptr error) {
-        KEL_LOG_DEBUG("renewSession(for:)", "Session renewal failed: " + describeError(error));
-        return rx::Observable<rx::Unit>::just(rx::Unit{});
-      });
+      .map([](const Resource&) { return rx::Unit{}; });
 }
 
 }  // namespace kel

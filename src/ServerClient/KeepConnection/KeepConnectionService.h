@@ -25,6 +25,13 @@ class KeepConnectionService : public SocketService {
   /// nothing, when there is no session (or the subject has failed).
   rx::Observable<rx::Unit> renewSession(
       const rx::BehaviorSubject<std::optional<AuthenticationData>>& userSession);
+
+  /// The same renewal for a caller that needs the server's answer (a command that renews once):
+  /// one element when the server accepted it; otherwise the request's failure (the mapped server
+  /// error, a time-out, no socket client, or a failure when the socket was closed before the
+  /// answer). Completes at once, sending nothing, when there is no session.
+  rx::Observable<rx::Unit> renewSessionOrError(
+      const rx::BehaviorSubject<std::optional<AuthenticationData>>& userSession);
 };
 
 }  // namespace kel

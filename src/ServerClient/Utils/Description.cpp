@@ -85,11 +85,12 @@ void appendTime(std::string& out, std::chrono::system_clock::time_point time) {
 }
 
 void appendJson(std::string& out, const nlohmann::json& value) {
-  out += value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+  out += redactSecrets(value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
 }
 
 void appendJson(std::string& out, const nlohmann::ordered_json& value) {
-  out += value.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+  out +=
+      redactSecrets(value.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
 }
 
 void appendQuoted(std::string& out, std::string_view text) {

@@ -35,6 +35,9 @@
 //   system_clock times   ISO 8601 in UTC with milliseconds, "2024-05-06T10:11:12.345Z"
 //   JSON values          compact JSON (invalid UTF-8 replaced by U+FFFD)
 //   anything else        its operator<< when it has one; otherwise a compile-time error
+//
+// Secrets never show: the value of a field, a map entry or a JSON member whose name is a
+// secret's (isSecretName in Common/SafeText.h: token, password, cookie...) reads "<redacted>".
 
 #include <boost/describe/enum_to_string.hpp>
 #include <boost/describe/enumerators.hpp>
@@ -57,6 +60,8 @@
 #include <type_traits>
 #include <typeinfo>
 #include <variant>
+
+#include "ServerClient/Common/SafeText.h"
 
 namespace kel {
 
@@ -139,7 +144,11 @@ void appendInlineRecord(std::string& out, const T& value) {
     first = false;
     out += member.name;
     out += ": ";
-    appendValue(out, value.*member.pointer, true);
+    if (isSecretName(member.name)) {
+      out += kRedacted;
+    } else {
+      appendValue(out, value.*member.pointer, true);
+    }
   });
   out += ')';
 }
@@ -212,6 +221,12 @@ void appendValue(std::string& out, const T& value, bool nested) {
       first = false;
       appendValue(out, key, true);
       out += ": ";
+      if constexpr (TextLike<typename T::key_type>) {
+        if (isSecretName(std::string_view(key))) {
+          out += kRedacted;
+          continue;
+        }
+      }
       appendValue(out, mapped, true);
     }
     out += ']';
@@ -251,7 +266,11 @@ std::string description(const T& value) {
   boost::mp11::mp_for_each<detail::DescribedMembers<T>>([&](auto member) {
     out += member.name;
     out += ": ";
-    detail::appendValue(out, value.*member.pointer, false);
+    if (isSecretName(member.name)) {
+      out += kRedacted;
+    } else {
+      detail::appendValue(out, value.*member.pointer, false);
+    }
     out += '\n';
   });
   return out;

@@ -18,6 +18,13 @@ class WebSocketConnectionDelegate {
   /// The connection has ended, with the code the library asked for in disconnect() or else the
   /// peer's code, noStatusReceived, abnormalClosure or tlsHandshakeFailure.
   virtual void socketDidDisconnect(SocketCloseCode closeCode) = 0;
+  /// What a Socket calls when the connection has ended: socketDidDisconnect with the close
+  /// frame's reason text (empty when the peer gave none or no close frame came). By default the
+  /// reason is dropped.
+  virtual void socketDidClose(SocketCloseCode closeCode, std::string reason) {
+    (void)reason;
+    socketDidDisconnect(closeCode);
+  }
   /// Something failed (opening, reading or writing). Informational: when the failure ends the
   /// connection, socketDidDisconnect follows.
   virtual void socketDidReceiveError(std::exception_ptr error) = 0;

@@ -371,7 +371,7 @@ class SocketCore : public std::enable_shared_from_this<SocketCore> {
     }
   }
 
-  void ended(const Connection* connection, SocketCloseCode code) {
+  void ended(const Connection* connection, SocketCloseCode code, std::string reason) {
     std::shared_ptr<WebSocketConnectionDelegate> delegate;
     std::shared_ptr<Connection> ending;  // released once the lock is gone
     {
@@ -384,7 +384,7 @@ class SocketCore : public std::enable_shared_from_this<SocketCore> {
     }
     KEL_LOG_DEBUG("didClose(closeCode:)",
                   "WebSocket " + endpoint_.text + " closed with " + name(code));
-    callDelegate(delegate, [code](auto& d) { d.socketDidDisconnect(code); });
+    callDelegate(delegate, [code, &reason](auto& d) { d.socketDidClose(code, std::move(reason)); });
   }
 
  private:
@@ -615,7 +615,8 @@ class ConnectionOver final : public Connection {
     if (ec == websocket::error::closed) {
       const auto code = stream_.reason().code;
       return end(code == websocket::close_code::none ? SocketCloseCode::noStatusReceived
-                                                     : socketCloseCodeFrom(code));
+                                                     : socketCloseCodeFrom(code),
+                 std::string(stream_.reason().reason.data(), stream_.reason().reason.size()));
     }
     auto code = SocketCloseCode::abnormalClosure;
     if (ec == websocket::error::message_too_big) {
@@ -683,7 +684,7 @@ class ConnectionOver final : public Connection {
     end(code);
   }
 
-  void end(SocketCloseCode code) {
+  void end(SocketCloseCode code, std::string reason = {}) {
     if (phase_ == Phase::ended) return;
     phase_ = Phase::ended;
     {
@@ -695,7 +696,7 @@ class ConnectionOver final : public Connection {
     resolver_.cancel();
     beast::error_code ignored;
     socket().close(ignored);
-    core_->ended(this, code);
+    core_->ended(this, code, std::move(reason));
   }
 
   const std::shared_ptr<SocketCore> core_;

@@ -20,6 +20,7 @@
 #include <nlohmann/json.hpp>
 
 #include "emulator/Emulator.h"
+#include "support/SignInAnswer.h"
 
 extern char** environ;
 
@@ -120,12 +121,12 @@ KelRun runKel(const std::vector<std::string>& arguments, const fs::path& configH
   return run;
 }
 
-class KelCliTest : public testing::Test {
+class KelCliTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    configHome_ =
-        fs::temp_directory_path() / ("kel-cli-test-" + std::to_string(getpid()) + "-" +
-                                     testing::UnitTest::GetInstance()->current_test_info()->name());
+    configHome_ = fs::temp_directory_path() /
+                  ("kel-cli-test-" + std::to_string(getpid()) + "-" +
+                   ::testing::UnitTest::GetInstance()->current_test_info()->name());
     fs::remove_all(configHome_);
     fs::create_directories(configHome_);
   }
@@ -133,11 +134,12 @@ class KelCliTest : public testing::Test {
 
   /// A command against the server at `urls`, in a keychain group of this test's own (tests run
   /// in parallel against one keychain daemon). Options in `arguments` win over these defaults.
-  KelRun kel(const emulator::Urls& urls, std::vector<std::string> arguments) {
-    const std::string team =
-        std::string("KELCLITEST.") + testing::UnitTest::GetInstance()->current_test_info()->name();
+  KelRun kel(const emulator::Urls& urls, std::vector<std::string> arguments, bool json = true) {
+    const std::string team = std::string("KELCLITEST.") +
+                             ::testing::UnitTest::GetInstance()->current_test_info()->name();
     arguments.insert(arguments.begin(), {"--kel-url", urls.kelURL, "--socket-url", urls.socketURL,
-                                         "--team-id", team, "--timeout", "10", "--json"});
+                                         "--team-id", team, "--timeout", "10"});
+    if (json) arguments.push_back("--json");
     return runKel(arguments, configHome_);
   }
 
@@ -228,6 +230,104 @@ TEST_F(KelCliTest, RefusedSignInAndBadArgumentsFailClearly) {
   run = runKel({"login", "--kel-url", urls.kelURL}, configHome_);
   EXPECT_EQ(2, run.exitCode) << run.err;
   EXPECT_NE(std::string::npos, run.err.find("kel: --socket-url is required")) << run.err;
+}
+
+/// What no output of kel may hold: the marker secrets and raw terminal controls.
+void expectClean(const KelRun& run, const std::string& what) {
+  for (const auto* output : {&run.out, &run.err}) {
+    EXPECT_EQ(std::string::npos, output->find("MARK")) << what << ":\n" << *output;
+    EXPECT_EQ(std::string::npos, output->find_first_of("\x1b\x07\r")) << what << ":\n" << *output;
+    EXPECT_EQ(std::string::npos, output->find('\0')) << what;
+  }
+}
+
+TEST_F(KelCliTest, NoSecretAndNoTerminalControlReachesAnyOutput) {
+  emulator::Emulator emulator;
+  // An answer that fails to decode (retyped and missing fields, raw controls, a trailing NUL),
+  // carrying secrets that a decoding error would otherwise quote whole.
+  const std::string body = R"({"access_token":"MARK-T","token":7,"password":"MARK-P",)"
+                           "\"note\":\"\x1b]0;x\x07\r\x1b[2J\","
+                           R"("session":{"secret":{"a":"MARK-S"}}})";
+  emulator.addAccount(emulator::defaultAccount("dora", "MARK-SIGN-IN"));
+  emulator.signIn().setAnswer({.rawBody = body + std::string(1, '\0')});
+  auto urls = emulator.start();
+  // Credentials written into the socket URL are not echoed either.
+  urls.socketURL.insert(urls.socketURL.find("//") + 2, "ann:MARK-U@");
+  for (const auto& [json, extra] :
+       {std::pair{true, std::vector<std::string>{}}, std::pair{false, std::vector<std::string>{}},
+        std::pair{true, std::vector<std::string>{"--verbose"}},
+        std::pair{false, std::vector<std::string>{"--verbose"}}}) {
+    auto arguments = extra;
+    arguments.insert(arguments.begin(), {"login", "--token", "MARK-SIGN-IN"});
+    const auto run = kel(urls, arguments, json);
+    EXPECT_EQ(1, run.exitCode) << run.out << run.err;
+    EXPECT_NE(std::string::npos, run.err.find("generic/decoding")) << run.err;
+    EXPECT_NE(std::string::npos, run.err.find("<redacted>")) << run.err;
+    expectClean(run, json ? "json" : "plain");
+  }
+  const auto bad =
+      runKel({"login", "--kel-url", "http://ann:MARK@h", "--socket-url", "ftp://h"}, configHome_);
+  EXPECT_EQ(2, bad.exitCode);
+  EXPECT_NE(std::string::npos, bad.err.find("ftp://h")) << bad.err;
+  expectClean(bad, "command line");
+}
+
+TEST_F(KelCliTest, ARefusedSocketIsNamedAtOnceNotAsATimeOut) {
+  emulator::Emulator emulator;
+  // A well-formed answer whose session token the socket does not know: AUTH is closed with 4401.
+  emulator.addAccount(emulator::defaultAccount("dora", "x"));
+  emulator.signIn().setAnswer({.rawBody = kel::testing::signInAnswer()});
+  const auto urls = emulator.start();
+  const auto started = std::chrono::steady_clock::now();
+  const auto run = kel(urls, {"login", "--token", "x"});
+  EXPECT_LT(std::chrono::steady_clock::now() - started, 8s) << "the --timeout is 10 s";
+  EXPECT_EQ(1, run.exitCode) << run.out << run.err;
+  EXPECT_EQ("connection/refused", run.json()["error"]["kind"]) << run.out;
+  EXPECT_EQ("sign-in: the socket was closed with 4401 (invalid session token)",
+            run.json()["error"]["message"])
+      << run.out;
+}
+
+TEST_F(KelCliTest, RenewTellsWhetherTheServerAcceptedTheRenewal) {
+  emulator::Emulator emulator;
+  emulator.addAccount(emulator::defaultAccount("dora", "dora-sign-in"));
+  const auto urls = emulator.start();
+  ASSERT_EQ(0, kel(urls, {"login", "--token", "dora-sign-in"}).exitCode);
+
+  struct Case {
+    std::optional<emulator::Fault> fault;
+    std::string kind;     // empty: accepted
+    std::string message;  // a part of the message
+  };
+  const Case cases[] = {
+      {std::nullopt, "", ""},
+      {emulator::Fault::status(401), "connection/unauthorized",
+       " refused: ConnectionError.unauthorized"},
+      {emulator::Fault::status(403), "connection/forbidden", " refused: "},
+      {emulator::Fault::status(404), "connection/notFound", " refused: "},
+      {emulator::Fault::status(500), "connection/serverError", " refused: "},
+      {emulator::Fault::closeSocket(4403, "denied\x1b[2J"), "connection/refused",
+       "the socket was closed with 4403 (denied\\x1b[2J)"},
+      // Last: the server ends the session, which forgets the stored one.
+      {emulator::Fault::closeSocket(1000), "session/ended",
+       ": the server ended the session (the socket was closed with 1000 (normalClosure))"},
+  };
+  for (const auto& [fault, kind, message] : cases) {
+    emulator.clearFaults();
+    if (fault)
+      emulator.faultAllRequests(
+          *fault, {.socket = std::nullopt, .method = "PUT", .pathPrefix = "/sessions"});
+    const auto run = kel(urls, {"renew"}, false);
+    EXPECT_EQ(kind.empty() ? 0 : 1, run.exitCode) << kind << run.out << run.err;
+    if (kind.empty()) {
+      EXPECT_NE(std::string::npos, run.out.find(" accepted")) << run.out;
+      continue;
+    }
+    EXPECT_NE(std::string::npos, run.err.find("kel renew: " + kind + ": renewal of session "))
+        << run.err;
+    EXPECT_NE(std::string::npos, run.err.find(message)) << run.err;
+    expectClean(run, kind);
+  }
 }
 
 }  // namespace

@@ -87,5 +87,24 @@ TEST_F(KeepConnectionServiceTest, EveryFailureBecomesOneElement) {
   }
 }
 
+TEST_F(KeepConnectionServiceTest, TheOrErrorFormReportsWhatTheRenewalSwallows) {
+  client_->queueReply(FakeSocketClient::Reply::withBody(json::object()));
+  StreamRecorder accepted(service_.renewSessionOrError(session_));
+  EXPECT_EQ(1u, accepted.values().size());
+  EXPECT_TRUE(accepted.completed());
+
+  client_->queueReply(
+      FakeSocketClient::Reply::failure(makeError(ConnectionError::mapToOvError(401))));
+  StreamRecorder refused(service_.renewSessionOrError(session_));
+  const auto* error = errorAs<ConnectionError>(refused.error());
+  ASSERT_NE(nullptr, error);
+  EXPECT_EQ(ConnectionErrorType::unauthorized, error->type());
+
+  client_->queueReply(FakeSocketClient::Reply::empty());  // the socket closed under the request
+  StreamRecorder closed(service_.renewSessionOrError(session_));
+  EXPECT_TRUE(closed.values().empty());
+  EXPECT_TRUE(closed.error());
+}
+
 }  // namespace
 }  // namespace kel

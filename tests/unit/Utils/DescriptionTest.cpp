@@ -69,21 +69,21 @@ class Account : public Base {
   BOOST_DESCRIBE_CLASS(Account, (Base), (), (), (login_))
 };
 
-TEST(Description, ListsEveryFieldInOrderWithItsTextForm) {
+TEST(Description, ListsEveryFieldInOrderWithItsTextFormAndNoSecret) {
   Session session;
   session.id = "s-1";
   session.title = "Weekly sync";
   session.count = -3;
   session.active = true;
   session.tags = {"a", "b \"c\""};
-  session.limits = {{"calls", 2}, {"rooms", 10}};
+  session.limits = {{"calls", 2}, {"rooms", 10}, {"apiKey", 9}};
   session.host = {"Ann", 4};
   session.guests = std::vector<Participant>{{"Bob", std::nullopt}};
   session.presence = Presence::away;
   session.started =
       std::chrono::system_clock::time_point(std::chrono::milliseconds(1'700'000'000'123));
-  session.extra = {{"k", {1, 2}}};
-  session.token = std::string("t");
+  session.extra = {{"k", {1, 2}}, {"password", "MARK"}};
+  session.token = std::string("MARK");
 
   EXPECT_EQ(
       "***** ServerClient.Session *****\n"
@@ -92,14 +92,14 @@ TEST(Description, ListsEveryFieldInOrderWithItsTextForm) {
       "count: -3\n"
       "active: true\n"
       "tags: [\"a\", \"b \\\"c\\\"\"]\n"
-      "limits: [\"calls\": 2, \"rooms\": 10]\n"
+      "limits: [\"apiKey\": <redacted>, \"calls\": 2, \"rooms\": 10]\n"
       "host: Participant(name: \"Ann\", seat: 4)\n"
       "guests: [Participant(name: \"Bob\", seat: nil)]\n"
       "presence: away\n"
       "lastError: notFound\n"
       "started: 2023-11-14T22:13:20.123Z\n"
-      "extra: {\"k\":[1,2]}\n"
-      "token: t\n"
+      "extra: {\"k\":[1,2],\"password\":\"<redacted>\"}\n"
+      "token: <redacted>\n"
       "owner: nil\n",
       description(session));
   const std::string empty = description(Session{});

@@ -8,6 +8,7 @@
 #include "ServerClient/Common/Json.h"
 #include "ServerClient/Common/Random.h"
 #include "ServerClient/Common/SDKError.h"
+#include "ServerClient/Common/SafeText.h"
 #include "ServerClient/Log/ServerLog.h"
 #include "ServerClient/Socket/Model/ErrorCode.h"
 #include "ServerClient/rx/Schedulers.h"
@@ -29,11 +30,30 @@ const std::exception_ptr& requestTimeoutError() {
   return error;
 }
 
+// Frames carry tokens and whatever the server sends: logged without secrets, cut short.
 std::string dumpForLog(const nlohmann::json& json) {
-  return dumpJson(json).value_or("<unprintable>");
+  return displayText(dumpJson(json).value_or("<unprintable>"));
 }
 
 }  // namespace
+
+std::string SocketFailure::description() const {
+  if (!closeCode) return text;
+  return "the socket was closed with " + std::to_string(platform::wireCode(*closeCode)) + " (" +
+         (text.empty() ? platform::name(*closeCode) : text) + ")";
+}
+
+std::string describeErrorWithSocketFailure(const std::exception_ptr& error,
+                                           const std::shared_ptr<SocketClient>& client) {
+  auto text = describeError(error);
+  const auto* connection = errorAs<ConnectionError>(error);
+  if (!client || !connection || connection->type() != ConnectionErrorType::timeout ||
+      connection->code() != -1) {
+    return text;
+  }
+  if (auto failure = client->lastFailure()) text += "; " + failure->description();
+  return text;
+}
 
 std::string AnyRequest::describe() const {
   try {
@@ -65,7 +85,7 @@ std::shared_ptr<KelSocketClient> KelSocketClient::create(
 
   KEL_LOG_DEBUG(
       "init(socket:socketEventHandler:serverEventHandler:reconnectAuth:reconnectionAttempt:)",
-      "Connecting to " + std::string(client->socket_->url().buffer()));
+      "Connecting to " + redactSecrets(client->socket_->url().buffer()));
   return client;
 }
 
@@ -200,7 +220,7 @@ rx::Observable<rx::Unit> KelSocketClient::connect(std::string token) {
 }
 
 void KelSocketClient::stop(SocketCloseCode reason) {
-  KEL_LOG_DEBUG("stop(reason:)", "Closing socket to: " + std::string(socket_->url().buffer()) +
+  KEL_LOG_DEBUG("stop(reason:)", "Closing socket to: " + redactSecrets(socket_->url().buffer()) +
                                      " | reason: " + platform::name(reason));
   stopByUser_.store(StopByUserState{true, reason});
   switch (currentStatus().kind()) {
@@ -324,8 +344,8 @@ class KelSocketClient::PendingRequest final : public rx::detail::ObserverBase<Re
       if (auto self = client->requestStore_.removeRequest(id_, registration_)) self->onCompleted();
       return;
     }
-    KEL_LOG_DEBUG("send(request:)",
-                  "Sending request " + *frame + " from socketID: " + client->socketID_);
+    KEL_LOG_DEBUG("send(request:)", "Sending request " + displayText(*frame) +
+                                        " from socketID: " + client->socketID_);
     client->socket_->send(std::move(*frame));
 
     auto timer = client->socketScheduler_->scheduleAfter(

@@ -98,6 +98,9 @@ class KelSocketClient final : public SocketClient,
   rx::Observable<rx::Unit> connect(std::string token) override;
   void stop(platform::SocketCloseCode reason) override;
   rx::Observable<Resource> send(AnyRequest request) override;
+  std::optional<SocketFailure> lastFailure() const override {
+    return socketEventHandler_->lastFailure();
+  }
 
   /// A fresh UUID per client, for log lines.
   const std::string& socketID() const noexcept { return socketID_; }

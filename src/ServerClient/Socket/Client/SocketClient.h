@@ -9,6 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "ServerClient/Socket/Events/SocketEventHandler.h"
 #include "ServerClient/Socket/Model/PathRepresentable.h"
 #include "ServerClient/Socket/Model/Request.h"
 #include "ServerClient/Socket/Model/Resource.h"
@@ -85,6 +86,14 @@ class SocketClient {
   /// server error, a time-out after the request's timeout, or ConnectionError(noSocketClient)
   /// when the socket is not authenticated at the time of the call.
   virtual rx::Observable<Resource> send(AnyRequest request) = 0;
+  /// What last went wrong with the socket (see SocketFailure); nothing by default.
+  virtual std::optional<SocketFailure> lastFailure() const { return std::nullopt; }
 };
+
+/// describeError(error), followed by "; " and the client's last socket failure when the error is
+/// the library's own time-out (ConnectionError.timeout, code -1): a connection or request that
+/// timed out usually did so because the socket was refused or broke, which the wait cannot say.
+std::string describeErrorWithSocketFailure(const std::exception_ptr& error,
+                                           const std::shared_ptr<SocketClient>& client);
 
 }  // namespace kel

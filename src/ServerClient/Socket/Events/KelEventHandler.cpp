@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "ServerClient/Common/Json.h"
+#include "ServerClient/Common/SafeText.h"
 #include "ServerClient/Log/ServerLog.h"
 
 namespace kel {
@@ -27,7 +28,7 @@ void KelEventHandler::handle(const nlohmann::json& event) {
   try {
     publish(event);
   } catch (const std::exception&) {
-    KEL_LOG_ERROR("handle(event:)", "Could not decode json " + textForm(event));
+    KEL_LOG_ERROR("handle(event:)", "Could not decode json " + displayText(textForm(event)));
   }
 }
 
@@ -49,7 +50,7 @@ void KelEventHandler::publish(const nlohmann::json& event) {
     body = find("body");
   }
   if (!path || !path->is_string() || !method || !method->is_string() || !body) {
-    KEL_LOG_ERROR("publish(event:)", "Invalid event received: " + textForm(event));
+    KEL_LOG_ERROR("publish(event:)", "Invalid event received: " + displayText(textForm(event)));
     return;
   }
   auto [domain, param] = domainAndParamFor(path->get_ref<const std::string&>());

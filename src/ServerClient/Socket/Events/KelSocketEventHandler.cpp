@@ -2,11 +2,17 @@
 
 #include "ServerClient/Common/Json.h"
 #include "ServerClient/Common/SDKError.h"
+#include "ServerClient/Common/SafeText.h"
 #include "ServerClient/Log/ServerLog.h"
 
 namespace kel {
 
 using platform::SocketCloseCode;
+
+namespace {
+// A close frame's reason has at most 123 bytes; more is not a reason.
+constexpr std::size_t kCloseReasonLimit = 123;
+}  // namespace
 
 std::shared_ptr<KelSocketEventHandler> KelSocketEventHandler::create(
     std::shared_ptr<platform::Socket> socket) {
@@ -48,8 +54,30 @@ void KelSocketEventHandler::disconnect(SocketCloseCode reason) {
   socketDidDisconnect(reason);
 }
 
+std::optional<SocketFailure> KelSocketEventHandler::lastFailure() const {
+  std::lock_guard lock(mutex_);
+  return lastFailure_;
+}
+
+bool KelSocketEventHandler::isStoppedByUser() const {
+  // Asked outside the lock: the function reads the socket client's own state.
+  auto stopByUser = this->stopByUser();
+  return stopByUser && stopByUser().isStopped;
+}
+
+void KelSocketEventHandler::recordFailure(SocketFailure failure, bool keepError) {
+  std::lock_guard lock(mutex_);
+  // The close that follows a transport error says less than the error did.
+  if (keepError && lastFailure_ && !lastFailure_->closeCode) return;
+  lastFailure_ = std::move(failure);
+}
+
 void KelSocketEventHandler::socketDidConnect() {
   KEL_LOG_DEBUG("socketDidConnect()", "Socket connected");
+  {
+    std::lock_guard lock(mutex_);
+    lastFailure_.reset();
+  }
   // Asked outside the lock: the function reads the socket client's own state.
   if (auto stopByUser = this->stopByUser()) {
     if (auto state = stopByUser(); state.isStopped) {
@@ -61,6 +89,17 @@ void KelSocketEventHandler::socketDidConnect() {
 }
 
 void KelSocketEventHandler::socketDidDisconnect(SocketCloseCode closeCode) {
+  socketDidClose(closeCode, {});
+}
+
+void KelSocketEventHandler::socketDidClose(SocketCloseCode closeCode, std::string reason) {
+  if (!isStoppedByUser()) {
+    // The codes that only report how a connection ended without a close frame.
+    const bool reportedOnly = closeCode == SocketCloseCode::abnormalClosure ||
+                              closeCode == SocketCloseCode::noStatusReceived ||
+                              closeCode == SocketCloseCode::tlsHandshakeFailure;
+    recordFailure({closeCode, displayText(reason, kCloseReasonLimit)}, reportedOnly);
+  }
   switch (closeCode) {
     case SocketCloseCode::goingBackground:
       KEL_LOG_DEBUG("socketDidDisconnect(closeCode:)", "Socket going background");
@@ -80,7 +119,9 @@ void KelSocketEventHandler::socketDidDisconnect(SocketCloseCode closeCode) {
 
 void KelSocketEventHandler::socketDidReceiveError(std::exception_ptr error) {
   // The disconnect callback that follows a transport error drives the state.
-  KEL_LOG_ERROR("socketDidReceiveError(error:)", "KelSocket: Error " + describeError(error));
+  auto text = describeError(error);
+  KEL_LOG_ERROR("socketDidReceiveError(error:)", "KelSocket: Error " + text);
+  if (!isStoppedByUser()) recordFailure({std::nullopt, std::move(text)}, false);
 }
 
 void KelSocketEventHandler::socketDidReceiveMessage(std::string text) {
@@ -90,9 +131,9 @@ void KelSocketEventHandler::socketDidReceiveMessage(std::string text) {
       publish(std::move(message));
       return;
     case SocketMessage::Kind::event:
-      KEL_LOG_DEBUG(
-          "socketDidReceiveMessage(text:)",
-          "Event received " + dumpJson(message.asEvent()->json).value_or("<unprintable>"));
+      KEL_LOG_DEBUG("socketDidReceiveMessage(text:)",
+                    "Event received " +
+                        displayText(dumpJson(message.asEvent()->json).value_or("<unprintable>")));
       publish(std::move(message));
       return;
     case SocketMessage::Kind::auth:
@@ -104,16 +145,18 @@ void KelSocketEventHandler::socketDidReceiveMessage(std::string text) {
       socket_->sendPong();
       return;
     case SocketMessage::Kind::unknown:
-      KEL_LOG_DEBUG("socketDidReceiveMessage(text:)", "Unknown message received: " + text);
+      KEL_LOG_DEBUG("socketDidReceiveMessage(text:)",
+                    "Unknown message received: " + displayText(text));
       return;
   }
 }
 
 void KelSocketEventHandler::socketDidReceiveData(std::string bytes) {
   // The protocol carries nothing in binary frames.
-  KEL_LOG_DEBUG("socketDidReceiveData(data:)",
-                "Message received " +
-                    (isValidUtf8(bytes) ? "Optional(\"" + bytes + "\")" : std::string("nil")));
+  KEL_LOG_DEBUG(
+      "socketDidReceiveData(data:)",
+      "Message received " +
+          (isValidUtf8(bytes) ? "Optional(\"" + displayText(bytes) + "\")" : std::string("nil")));
 }
 
 }  // namespace kel

@@ -39,9 +39,11 @@ class KelSocketEventHandler final : public SocketEventHandler,
   rx::Observable<SocketState> stateEventPublisher() const override;
   rx::Observable<SocketMessage> messageEventPublisher() const override;
   void disconnect(platform::SocketCloseCode reason) override;
+  std::optional<SocketFailure> lastFailure() const override;
 
   void socketDidConnect() override;
   void socketDidDisconnect(platform::SocketCloseCode closeCode) override;
+  void socketDidClose(platform::SocketCloseCode closeCode, std::string reason) override;
   void socketDidReceiveError(std::exception_ptr error) override;
   void socketDidReceiveMessage(std::string text) override;
   void socketDidReceiveData(std::string bytes) override;
@@ -54,8 +56,12 @@ class KelSocketEventHandler final : public SocketEventHandler,
   void publish(SocketState state);
   void publish(SocketMessage message);
 
-  mutable std::mutex mutex_;  // guards stopByUser_
+  bool isStoppedByUser() const;
+  void recordFailure(SocketFailure failure, bool keepError);
+
+  mutable std::mutex mutex_;  // guards stopByUser_ and lastFailure_
   StopByUser stopByUser_;
+  std::optional<SocketFailure> lastFailure_;
   rx::BehaviorSubject<SocketState> stateEventPublisher_{SocketState::newSocket()};
   rx::PublishSubject<SocketMessage> messageEventPublisher_;
   rx::SerialEmitter emitter_;  // serialises every onNext of the two subjects

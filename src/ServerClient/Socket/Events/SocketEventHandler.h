@@ -1,6 +1,8 @@
 #pragma once
 
 #include <functional>
+#include <optional>
+#include <string>
 
 #include "ServerClient/Socket/Model/SocketMessage.h"
 #include "ServerClient/Socket/Model/SocketState.h"
@@ -20,6 +22,22 @@ struct StopByUserState {
 /// Asked for the current stop state; empty when nobody has said anything yet.
 using StopByUser = std::function<StopByUserState()>;
 
+/// The last thing that went wrong with a socket: the code (and reason) with which the server or
+/// the network closed it, or the transport's error (refused connection, TLS, protocol). The
+/// connection waits report only their time-out; this names the cause beside it.
+struct SocketFailure {
+  /// Set when the socket was closed; empty for a transport error.
+  std::optional<platform::SocketCloseCode> closeCode;
+  /// The close frame's reason, or the error's text; without secrets, cut short.
+  std::string text;
+
+  /// "the socket was closed with 4401 (invalid session token)", "the socket was closed with 1006
+  /// (abnormalClosure)" when no reason came, or the error's text.
+  std::string description() const;
+
+  bool operator==(const SocketFailure&) const = default;
+};
+
 /// Turns the WebSocket's callbacks into a stream of socket states and a stream of classified
 /// messages.
 class SocketEventHandler {
@@ -36,6 +54,10 @@ class SocketEventHandler {
 
   /// Handles `reason` exactly as if the socket had reported a disconnection with it.
   virtual void disconnect(platform::SocketCloseCode reason) = 0;
+
+  /// The last failure since the socket last opened (or ever, before it first opened); nothing
+  /// when none. Closes asked for with stop are not failures.
+  virtual std::optional<SocketFailure> lastFailure() const { return std::nullopt; }
 };
 
 }  // namespace kel

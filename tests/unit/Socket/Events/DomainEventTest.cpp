@@ -16,33 +16,33 @@ TEST(DomainEvent, RawValuesRoundTripInDeclarationOrder) {
   EXPECT_FALSE(domainEventFrom("/Presence"));
 }
 
-TEST(DomainEvent, ParseDomainTakesTheLongestKnownLeadingPath) {
-  EXPECT_EQ(DomainEvent::participantInGroup, parseDomain("/usersGroup/participant/42"));
-  EXPECT_EQ(DomainEvent::group, parseDomain("/usersGroup/7/participants/9"));
-  EXPECT_EQ(DomainEvent::xmppIndividualChatList, parseDomain("/xmpp/individualChatList/x"));
-  EXPECT_EQ(DomainEvent::presence, parseDomain("/presence//"));
-  EXPECT_EQ(DomainEvent::unkwown, parseDomain("/xmpp"));
-  EXPECT_EQ(DomainEvent::unkwown, parseDomain("presence"));
-  EXPECT_EQ(DomainEvent::unkwown, parseDomain(""));
+TEST(DomainEvent, TheLongestKnownLeadingPathAndTheLastPieceUnlessTheDomainNameContainsIt) {
+  struct Case {
+    std::string_view path;
+    DomainEvent domain;
+    Param param;
+  };
+  for (const auto& [path, domain, param] : {
+           Case{"/usersGroup/participant/42", DomainEvent::participantInGroup, "42"},
+           Case{"/usersGroup/participant", DomainEvent::participantInGroup, std::nullopt},
+           Case{"/usersGroup/7", DomainEvent::group, "7"},
+           Case{"/usersGroup/7/participants/9", DomainEvent::group, "9"},
+           Case{"/xmpp/individualChatList/x", DomainEvent::xmppIndividualChatList, std::nullopt},
+           Case{"/presence", DomainEvent::presence, std::nullopt},
+           Case{"/presence//", DomainEvent::presence, std::nullopt},
+           Case{"/alerts/a", DomainEvent::alerts, std::nullopt},  // "a" occurs in "/alerts"
+           Case{"/alerts/b1/", DomainEvent::alerts, "b1"},
+           Case{"/other/1", DomainEvent::unkwown, "1"},
+           Case{"/xmpp", DomainEvent::unkwown, "xmpp"},
+           Case{"presence", DomainEvent::unkwown, "presence"},
+           Case{"unkwown/3", DomainEvent::unkwown, "3"},  // the sentinel is a key like any other
+           Case{"///", DomainEvent::unkwown, std::nullopt},
+           Case{"", DomainEvent::unkwown, std::nullopt},
+       }) {
+    EXPECT_EQ(std::pair(domain, param), domainAndParamFor(path)) << path;
+    EXPECT_EQ(domain, parseDomain(path)) << path;
+  }
   EXPECT_EQ(DomainEvent::unkwown, parseDomain(std::nullopt));
-  EXPECT_EQ(DomainEvent::unkwown, parseDomain("/"));
-  // The sentinel's raw value is a key like any other.
-  EXPECT_EQ(DomainEvent::unkwown, parseDomain("unkwown/3"));
-}
-
-TEST(DomainEvent, ParamIsTheLastPieceUnlessTheDomainNameContainsIt) {
-  using P = std::pair<DomainEvent, Param>;
-  EXPECT_EQ(P(DomainEvent::participantInGroup, "42"),
-            domainAndParamFor("/usersGroup/participant/42"));
-  EXPECT_EQ(P(DomainEvent::participantInGroup, std::nullopt),
-            domainAndParamFor("/usersGroup/participant"));
-  EXPECT_EQ(P(DomainEvent::group, "7"), domainAndParamFor("/usersGroup/7"));
-  EXPECT_EQ(P(DomainEvent::presence, std::nullopt), domainAndParamFor("/presence"));
-  EXPECT_EQ(P(DomainEvent::unkwown, "1"), domainAndParamFor("/other/1"));
-  EXPECT_EQ(P(DomainEvent::alerts, std::nullopt), domainAndParamFor("/alerts/a"));
-  EXPECT_EQ(P(DomainEvent::alerts, "b1"), domainAndParamFor("/alerts/b1/"));
-  EXPECT_EQ(P(DomainEvent::unkwown, std::nullopt), domainAndParamFor("///"));
-  EXPECT_EQ(P(DomainEvent::unkwown, std::nullopt), domainAndParamFor(""));
 }
 
 }  // namespace

@@ -81,11 +81,13 @@ TEST_F(KelSocketEventHandlerTest, PingsArePongedAndOnlyResponsesAndEventsArePubl
   socket_->receiveMessage(R"(3{"id":7,"status":200,"body":{}})");
   socket_->receiveMessage(R"(3{"path":"/presence","method":"PUT","body":{}})");
   socket_->receiveMessage("3not json");
+  socket_->receiveMessage(R"(3{"path":"/x","method":"PUT","body":{"token":"MARK"}})");
+  socket_->receiveMessage("AUTH MARK");
   socket_->receiveMessage("");
   socket_->receiveData("\x01\x02");
   socket_->receiveError(std::make_exception_ptr(std::runtime_error("broken pipe")));
 
-  ASSERT_EQ(2u, messages_.size());
+  ASSERT_EQ(3u, messages_.size());
   EXPECT_EQ(SocketMessage::Kind::response, messages_[0].kind());
   EXPECT_EQ(7, messages_[0].asResponse()->id);
   EXPECT_EQ(SocketMessage::Kind::event, messages_[1].kind());
@@ -98,6 +100,37 @@ TEST_F(KelSocketEventHandlerTest, PingsArePongedAndOnlyResponsesAndEventsArePubl
   EXPECT_TRUE(log.contains("]: KelSocket: Error broken pipe"));
   EXPECT_TRUE(log.contains("]: Message received Optional(\"\x01\x02\")"));
   EXPECT_TRUE(log.contains("SDKLog - KEL - [KelSocketEventHandler]:["));
+  EXPECT_FALSE(log.contains("MARK"));
+}
+
+TEST_F(KelSocketEventHandlerTest, RecordsTheLastFailureUntilTheSocketOpensAgain) {
+  EXPECT_EQ(std::nullopt, handler_->lastFailure());
+  socket_->connect();
+  // As the WebSocket reports a close frame with its reason.
+  handler_->socketDidClose(platform::socketCloseCodeFrom(4401), "invalid session token");
+  ASSERT_TRUE(handler_->lastFailure());
+  EXPECT_EQ("the socket was closed with 4401 (invalid session token)",
+            handler_->lastFailure()->description());
+  socket_->close(SocketCloseCode::protocolError);
+  EXPECT_EQ("the socket was closed with 1002 (protocolError)",
+            handler_->lastFailure()->description());
+
+  socket_->connect();
+  EXPECT_EQ(std::nullopt, handler_->lastFailure());
+  // The error says more than the close code that follows it.
+  socket_->receiveError(std::make_exception_ptr(std::runtime_error("certificate verify failed")));
+  socket_->close(SocketCloseCode::tlsHandshakeFailure);
+  const SocketFailure certificate{std::nullopt, "certificate verify failed"};
+  EXPECT_EQ(certificate, handler_->lastFailure());
+
+  // The user's own close is no failure; a server's reason shows no secret.
+  handler_->setStopByUser([] { return StopByUserState{true, SocketCloseCode::normalClosure}; });
+  handler_->disconnect(SocketCloseCode::normalClosure);
+  EXPECT_EQ(certificate, handler_->lastFailure());
+  handler_->setStopByUser({});
+  handler_->socketDidClose(SocketCloseCode::policyViolation, "token=MARK");
+  EXPECT_EQ("the socket was closed with 1008 (token=<redacted>)",
+            handler_->lastFailure()->description());
 }
 
 TEST_F(KelSocketEventHandlerTest, StoppedByUserClosesAnOpeningSocketWithoutPublishingConnected) {
