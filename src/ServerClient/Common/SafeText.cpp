@@ -153,6 +153,8 @@ bool isSecretName(std::string_view name) noexcept {
   std::string lowered;
   lowered.reserve(name.size());
   for (char c : name) lowered += lower(c);
+  // A token's scheme ("token_type": "Bearer") says how a secret is used, not what it is.
+  if (lowered.ends_with("type")) return false;
   for (auto part : kParts) {
     if (lowered.find(part) != std::string::npos) return true;
   }

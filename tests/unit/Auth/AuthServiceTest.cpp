@@ -116,9 +116,9 @@ TEST_F(AuthServiceTest, HttpFailuresAreAdaptedAndTransportErrorsWrapped) {
   };
   const std::vector<Refusal> refusals = {
       {401, R"({"message":"unknown x-secret-1","access_token":"T9","Set-Cookie":"c=1"})",
-       R"(HTTP 401: {"Set-Cookie":"<redacted>","access_token":"<redacted>",)"
-       R"("message":"unknown <redacted>"})"},
-      {403, std::string(500, 'a'), "HTTP 403: " + std::string(200, 'a') + "..."},
+       R"(HTTP 401: {"message":"unknown <redacted>","access_token":"<redacted>",)"
+       R"("Set-Cookie":"<redacted>"})"},
+      {403, std::string(500, 'a'), "HTTP 403: " + std::string(200, 'a') + "… (500 bytes)"},
   };
   for (const auto& [status, body, description] : refusals) {
     http_->setResponder(

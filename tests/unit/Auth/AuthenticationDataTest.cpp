@@ -212,8 +212,8 @@ TEST(AuthenticationDataTest, DescriptionListsEveryField) {
   auto data = from<AuthenticationData>(answerJson().dump());
   data.permissions = Permissions{.recording = {.recordingType = "always"}, .voicemail = {}};
   const auto text = description(data);
-  EXPECT_EQ(0u, text.find("***** ServerClient.AuthenticationData *****\ntoken: tok\n"
-                          "tokenType: Bearer\nsession: Session(token: \"session-own-token\", "
+  EXPECT_EQ(0u, text.find("***** ServerClient.AuthenticationData *****\ntoken: <redacted>\n"
+                          "tokenType: Bearer\nsession: Session(token: <redacted>, "
                           "from: 2024-05-06T10:11:12.345Z, sessionID: \"s-42\""))
       << text;
   EXPECT_NE(std::string::npos,

@@ -8,6 +8,7 @@
 #include "ServerClient/Common/Json.h"
 #include "ServerClient/Common/Random.h"
 #include "ServerClient/Common/SDKError.h"
+#include "ServerClient/Common/SafeText.h"
 #include "ServerClient/Log/ServerLog.h"
 #include "ServerClient/Socket/Client/SocketClient.h"
 #include "ServerClient/Socket/Model/PathRule.h"
@@ -25,57 +26,20 @@ rx::Single<AuthenticationData> failure(std::exception_ptr error) {
   return rx::Single<AuthenticationData>::error(std::move(error));
 }
 
-bool isSecretKey(std::string key) {
-  for (auto& c : key) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
-  for (const std::string_view word :
-       {"token", "password", "secret", "cookie", "authorization", "credential", "session"}) {
-    if (key.find(word) != std::string::npos) return true;
-  }
-  return false;
-}
-
-void redactSecretMembers(nlohmann::json& json) {
-  if (json.is_object()) {
-    for (auto& [key, value] : json.items()) {
-      if (isSecretKey(key)) {
-        value = "<redacted>";
-      } else {
-        redactSecretMembers(value);
-      }
-    }
-  } else if (json.is_array()) {
-    for (auto& value : json) redactSecretMembers(value);
-  }
-}
-
-// What a refused sign-in's body says, fit for an error description and a log line: members whose
-// names suggest a secret are masked, the token that was sent is cut out wherever it appears, the
-// text is one line of valid UTF-8 and at most kMaxRefusalText bytes.
+// What a refused sign-in's body says, fit for an error description and a log line: secrets
+// masked, the token that was sent cut out wherever it appears, controls escaped, and at most
+// kMaxRefusalText bytes of it.
 constexpr std::size_t kMaxRefusalText = 200;
 
 std::string refusalText(std::string_view body, std::string_view sentToken) {
-  std::string text;
-  if (auto json = parseJson(body)) {
-    redactSecretMembers(*json);
-    text = dumpJson(*json).value_or("");
-  } else {
-    text = isValidUtf8(body) ? std::string(body) : "<" + std::to_string(body.size()) + " bytes>";
-  }
+  std::string text =
+      isValidUtf8(body) ? std::string(body) : "<" + std::to_string(body.size()) + " bytes>";
   if (!sentToken.empty()) {
     for (auto at = text.find(sentToken); at != std::string::npos; at = text.find(sentToken, at)) {
-      text.replace(at, sentToken.size(), "<redacted>");
+      text.replace(at, sentToken.size(), kRedacted);
     }
   }
-  for (auto& c : text) {
-    if (static_cast<unsigned char>(c) < 0x20) c = ' ';
-  }
-  if (text.size() > kMaxRefusalText) {
-    std::size_t cut = kMaxRefusalText;
-    while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) --cut;
-    text.resize(cut);
-    text += "...";
-  }
-  return text;
+  return escapeControlCharacters(displayText(text, kMaxRefusalText));
 }
 
 // The error of a socket stream that ended without its element: the connection closed (a normal
