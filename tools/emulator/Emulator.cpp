@@ -14,8 +14,8 @@ Emulator::Emulator(Options options)
           server_->store(), [this](std::string_view token) { return endSession(token); },
           server_->options().tls.has_value(),
           SignInRecording{server_->options().signInAttemptLimit,
-                            server_->options().signInAttemptBytes,
-                            server_->options().recordedPayloadBytes})) {
+                          server_->options().signInAttemptBytes,
+                          server_->options().recordedPayloadBytes})) {
   signIn_->install(server_->http(), server_->resources());
 }
 

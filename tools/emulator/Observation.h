@@ -86,6 +86,8 @@ struct SocketInfo {
   /// The code of the close frame (the client's or the emulator's), when there was one.
   std::optional<std::uint16_t> closeCode;
   std::string closeReason;
+  /// Both close frames went across (whoever began): the peer answered the closing handshake.
+  bool cleanClose = false;
 };
 
 struct Counters {

@@ -200,13 +200,13 @@ class WebSocketSession final : public WebSocketConnection {
     if (isFinished()) return;
     if (error == websocket::error::closed) {
       if (closeSent_) {
-        onFinished(ClosedBy::server, closeCode_, closeReason_);
+        onFinished(ClosedBy::server, sentCode(), closeReason_, true);
       } else {
         const auto& reason = ws_.reason();
         // A close frame without a payload carries no code; Beast reports that as "none" (0).
         const auto code = static_cast<std::uint16_t>(reason.code);
         onFinished(ClosedBy::client, code == 0 ? std::nullopt : std::optional<std::uint16_t>(code),
-                   std::string(reason.reason.c_str()));
+                   std::string(reason.reason.c_str()), true);
       }
       return;
     }
@@ -237,8 +237,13 @@ class WebSocketSession final : public WebSocketConnection {
   }
 
   void onCloseDone(const boost::system::error_code& error) {
-    if (!isFinished()) onFinished(ClosedBy::server, closeCode_, closeReason_);
+    if (!isFinished()) onFinished(ClosedBy::server, sentCode(), closeReason_, !error);
     if (error) resetSocket(tcpSocket(ws_));
+  }
+
+  // Code 0 sends a close frame without a code.
+  std::optional<std::uint16_t> sentCode() const {
+    return closeCode_ == 0 ? std::nullopt : std::optional<std::uint16_t>(closeCode_);
   }
 
   void resetStream(DropMode mode) override { resetSocket(tcpSocket(ws_), mode); }
@@ -341,10 +346,9 @@ class HttpSession final : public Connection,
     for (const auto& cookie : upgrade.setCookies) response->insert(http::field::set_cookie, cookie);
     response->keep_alive(false);
     response->prepare_payload();
-    http::async_write(
-        stream_, *response,
-        [self = this->shared_from_this(), response](const boost::system::error_code&,
-                                                    std::size_t) { self->shutdown(); });
+    http::async_write(stream_, *response,
+                      [self = this->shared_from_this(), response](
+                          const boost::system::error_code&, std::size_t) { self->shutdown(); });
   }
 
   void answer(http::request<http::string_body> request) {
@@ -666,7 +670,7 @@ void WebSocketConnection::onWritten(bool ok, std::string_view error) {
 }
 
 void WebSocketConnection::onFinished(ClosedBy closedBy, std::optional<std::uint16_t> code,
-                                     std::string reason) {
+                                     std::string reason, bool clean) {
   if (finished_) return;
   finished_ = true;
   if (authTimer_) authTimer_->cancel();
@@ -677,7 +681,7 @@ void WebSocketConnection::onFinished(ClosedBy closedBy, std::optional<std::uint1
     if (!reason.empty()) line += ": " + reason;
     server_.log(line);
   }
-  server_.socketClosed(id_, closedBy, code, std::move(reason));
+  server_.socketClosed(id_, closedBy, code, std::move(reason), clean);
 }
 
 }  // namespace kel::emulator::detail

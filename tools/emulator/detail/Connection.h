@@ -8,8 +8,10 @@
 //                                                 +--> upgrade --> WebSocket connection
 //   WebSocket: accept --> open --+-- client's close frame ---------------> closed (client)
 //                                +-- close(code): queued after the frames --> closed (server)
-//                                +-- drop(): reset/FIN at once, queue discarded --> closed (dropped)
-//                                +-- no valid AUTH within authTimeout: close(4408) ---> closed (server)
+//                                +-- drop(): reset/FIN at once, queue discarded --> closed
+//                                (dropped)
+//                                +-- no valid AUTH within authTimeout: close(4408) ---> closed
+//                                (server)
 //                                +-- read or write fails -------------------> closed (network)
 
 #include <chrono>
@@ -107,7 +109,9 @@ class WebSocketConnection : public Connection,
   /// Starts the time allowed for authentication.
   void startAuthTimer();
   void onWritten(bool ok, std::string_view error);
-  void onFinished(ClosedBy closedBy, std::optional<std::uint16_t> code, std::string reason);
+  /// `clean`: the closing handshake completed.
+  void onFinished(ClosedBy closedBy, std::optional<std::uint16_t> code, std::string reason,
+                  bool clean = false);
   bool isFinished() const noexcept { return finished_; }
   bool isDeaf() const noexcept { return deaf_; }
 

@@ -577,7 +577,7 @@ void Server::socketOpened(const std::shared_ptr<WebSocketConnection>& connection
 }
 
 void Server::socketClosed(SocketId id, ClosedBy closedBy, std::optional<std::uint16_t> code,
-                          std::string reason) {
+                          std::string reason, bool clean) {
   {
     std::lock_guard lock(mutex_);
     auto it = sockets_.find(id);
@@ -587,6 +587,7 @@ void Server::socketClosed(SocketId id, ClosedBy closedBy, std::optional<std::uin
     entry.info.closedBy = closedBy;
     entry.info.closeCode = code;
     entry.info.closeReason = std::move(reason);
+    entry.info.cleanClose = clean;
     entry.connection.reset();
     closedSockets_.push_back(id);
     while (closedSockets_.size() > kClosedSocketsKept) {
@@ -613,8 +614,8 @@ void Server::frameReceived(SocketId id, FrameKind kind, bool binary, std::string
     if (keep && options_.recordFrames && options_.frameLogLimit > 0) {
       const auto kept =
           std::min({data.size(), options_.recordedPayloadBytes, options_.frameLogBytes});
-      frames_.push_back(ReceivedFrame{id, kind, binary, std::string(data.substr(0, kept)),
-                                      data.size()});
+      frames_.push_back(
+          ReceivedFrame{id, kind, binary, std::string(data.substr(0, kept)), data.size()});
       frameBytes_ += kept;
       while (frames_.size() > options_.frameLogLimit || frameBytes_ > options_.frameLogBytes) {
         frameBytes_ -= frames_.front().data.size();

@@ -88,7 +88,7 @@ class Server {
   SocketId nextSocketId();
   void socketOpened(const std::shared_ptr<WebSocketConnection>& connection, SocketInfo info);
   void socketClosed(SocketId id, ClosedBy closedBy, std::optional<std::uint16_t> code,
-                    std::string reason);
+                    std::string reason, bool clean);
   /// `keep`: whether the frame may be kept (it comes from an authenticated socket).
   void frameReceived(SocketId id, FrameKind kind, bool binary, std::string_view data, bool keep);
   void pongReceived(SocketId id);
