@@ -5,7 +5,6 @@
 #include <atomic>
 #include <mutex>
 #include <set>
-#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -115,29 +114,6 @@ TEST_F(EmulatorTest, EchoAnswersTheRequestsIdWithItsBodyAsAResponseTheClientReco
   // A request without "body" is read as one with an empty object.
   client->send(R"(2{"id": 77, "path": "/echo", "method": "GET"})");
   EXPECT_EQ(json::object(), client->awaitResponse(77).at("body"));
-}
-
-TEST_F(EmulatorTest, RoutesReceivePathParametersTheRestAndTheDecodedQuery) {
-  emulator().resources().route("GET", "/sessions", [](const ResourceRequest& r) {
-    return Reply::ok(
-        {{"rest", r.rest}, {"q", r.queryValue("q").value_or("-")}, {"user", r.userId}});
-  });
-  emulator().resources().route("DELETE", "/users/:userId/contacts", [](const ResourceRequest& r) {
-    return Reply::withStatus(204, {{"userId", *r.param("userId")}, {"rest", r.rest}});
-  });
-  emulator().resources().route(
-      "*", "/broken", [](const ResourceRequest&) -> Reply { throw std::runtime_error("boom"); });
-  auto client = connectAs(aliceToken_);
-
-  auto collection = client->request("GET", "/sessions/abc?q=two+words%21");
-  EXPECT_EQ((json{{"rest", "abc"}, {"q", "two words!"}, {"user", "alice"}}), collection.at("body"));
-  auto nested = client->request("DELETE", "/users/u%201/contacts/c9");
-  EXPECT_EQ(204, nested.at("status"));
-  EXPECT_EQ((json{{"userId", "u 1"}, {"rest", "c9"}}), nested.at("body"));
-
-  EXPECT_EQ(404, client->request("GET", "/nowhere").at("status"));
-  EXPECT_EQ(405, client->request("POST", "/sessions").at("status"));
-  EXPECT_EQ(500, client->request("GET", "/broken").at("status"));
 }
 
 TEST_F(EmulatorTest, AsynchronousHandlersAnswerFromAnyThreadOnceOnly) {
