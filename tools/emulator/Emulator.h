@@ -19,6 +19,8 @@
 //    with {"kapiId": <id>}. Any other token closes the socket with
 //    Options::invalidTokenCloseCode (4401 unless changed), reason "invalid session token". A
 //    later "AUTH " frame re-authenticates, with the same outcomes.
+//  - A socket without a valid "AUTH " within Options::authTimeout (10 s) is closed with
+//    kAuthTimeoutCloseCode (4408).
 //  - Requests are answered through the resource router (resources()). A request on a socket that
 //    has not authenticated, or whose session has expired or ended since, is answered 401 with
 //    {"message": "not authenticated"} and reaches no handler.
