@@ -225,6 +225,11 @@ TEST(EmulatorProgram, PrintsItsUrlsAsTheFirstLineServesUntilSigtermAndExitsZero)
 // after --auth-timeout, and running out of descriptors on accept only delays new clients.
 TEST(EmulatorProgram, KeepsServingWhenIdleSocketsExhaustItsDescriptors) {
   if (!fs::exists(programPath())) GTEST_SKIP() << "kel-emulator is not built at " << programPath();
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  // The sanitizers' runtime needs descriptors of its own (UBSan probes memory through a pipe
+  // before it checks a virtual call), so out of them it reports faults that are not there.
+  GTEST_SKIP() << "not meaningful with the sanitizers' runtime out of descriptors";
+#endif
   Program program({"--listen", "127.0.0.1:0", "--auth-timeout", "0.3", "--user", "alice", "--token",
                    "alice-token", "--quiet"});
   const auto line = program.firstLine();
