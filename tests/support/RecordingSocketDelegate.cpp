@@ -129,6 +129,16 @@ bool RecordingSocketDelegate::waitFor(Kind kind, std::size_t count,
   return changed_.wait_for(lock, timeout, [&] { return counts_[static_cast<int>(kind)] >= count; });
 }
 
+bool RecordingSocketDelegate::waitForAny(std::initializer_list<Kind> kinds, std::size_t count,
+                                         std::chrono::milliseconds timeout) const {
+  std::unique_lock lock(mutex_);
+  return changed_.wait_for(lock, timeout, [&] {
+    std::size_t made = 0;
+    for (const auto kind : kinds) made += counts_[static_cast<int>(kind)];
+    return made >= count;
+  });
+}
+
 std::optional<SocketCloseCode> RecordingSocketDelegate::waitForDisconnect(
     std::size_t count, std::chrono::milliseconds timeout) const {
   if (!waitFor(Kind::disconnected, count, timeout)) return std::nullopt;

@@ -17,6 +17,7 @@
 #include <cstddef>
 #include <exception>
 #include <functional>
+#include <initializer_list>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -25,9 +26,12 @@
 
 #include "ServerClient/platform/SocketCloseCode.h"
 #include "ServerClient/platform/WebSocketConnectionDelegate.h"
-#include "support/WebSocketTestServer.h"
 
 namespace kel::test {
+
+/// How long the waits of the test support wait by default: far beyond anything a healthy
+/// loopback exchange needs, so only a real fault reaches it.
+inline constexpr std::chrono::milliseconds kDefaultWait{std::chrono::seconds(10)};
 
 class RecordingSocketDelegate final : public platform::WebSocketConnectionDelegate {
  public:
@@ -63,6 +67,10 @@ class RecordingSocketDelegate final : public platform::WebSocketConnectionDelega
   /// Waits until `count` calls of `kind` have been made.
   bool waitFor(Kind kind, std::size_t count = 1,
                std::chrono::milliseconds timeout = kDefaultWait) const;
+  /// Waits until `count` calls of any of `kinds` have been made in all, e.g. the end of an
+  /// opening attempt, whichever way it went.
+  bool waitForAny(std::initializer_list<Kind> kinds, std::size_t count = 1,
+                  std::chrono::milliseconds timeout = kDefaultWait) const;
   bool waitForConnect(std::size_t count = 1) const { return waitFor(Kind::connected, count); }
   /// The code of the `count`-th socketDidDisconnect once it has come; none after `timeout`.
   std::optional<platform::SocketCloseCode> waitForDisconnect(

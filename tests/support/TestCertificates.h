@@ -4,7 +4,7 @@
 // authority and leaf certificates with P-256 keys.
 //
 //   const auto& certs = kel::test::TestCertificates::shared();
-//   WebSocketTestServer server({.tls = certs.localhost()});
+//   emulatorOptions.tls = kel::emulator::TlsOptions{certs.localhost().certificatePem, ...};
 //   options.extraCertificateAuthoritiesPem = certs.caCertificatePem();
 //
 // Every leaf names localhost, 127.0.0.1 and ::1 (subject alternative names) except wrongHost(),

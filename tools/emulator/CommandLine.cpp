@@ -95,6 +95,21 @@ CommandLineResult parseCommandLine(std::span<const std::string_view> arguments) 
       line.quiet = true;
     } else if (flag == "--log-frames" && noValue()) {
       line.options.logFrames = true;
+    } else if (flag == "--no-record" && noValue()) {
+      line.options.recordFrames = false;
+      line.options.signInAttemptLimit = 0;
+    } else if (flag == "--record-frames") {
+      auto text = value();
+      auto count = text ? parseCount(*text) : std::nullopt;
+      if (!count) return fail("--record-frames takes a number of frames (0 keeps none)");
+      line.options.frameLogLimit = *count;
+      line.options.recordFrames = *count > 0;
+    } else if (flag == "--auth-timeout") {
+      auto text = value();
+      auto seconds = text ? parseSeconds(*text) : std::nullopt;
+      if (!seconds) return fail("--auth-timeout takes a number of seconds (0 for none)");
+      line.options.authTimeout =
+          std::chrono::milliseconds(static_cast<std::int64_t>(std::llround(*seconds * 1000)));
     } else if (flag == "--listen") {
       auto text = value();
       if (!text || !parseListen(*text, line.options)) {
@@ -186,14 +201,19 @@ Options:
                            sub-protocol that clients offer (default /kel/websocket); the upgrade
                            is accepted on any path
   --threads N              network threads (default 1)
-  --log-frames             log every frame in and out
+  --auth-timeout S         close a socket that has not authenticated within S seconds with
+                           4408, 0 for never (default 10)
+  --record-frames N        keep the N most recent frames of authenticated sockets (default
+                           10000; also bounded to 16 MiB, each cut to 64 KiB)
+  --no-record              keep no frames and no sign-in attempts
+  --log-frames             log every frame in and out (tokens shortened)
   --quiet                  no log lines
   -h, --help               this text
 
 The socket speaks: "AUTH " + token (answered {"kapiId": ...}, or closed with 4401 for an unknown
 or expired token); requests "2" + {"id","path","method","body"} answered "3" + {"id","status",
 "body"}; a request before authentication is answered 401. The echo resource at /echo answers any
-method with the request's body. HTTP: POST /login with {"token": <sign-in token>} and
+method with the request's body. Log lines escape control characters and never hold a whole token. HTTP: POST /login with {"token": <sign-in token>} and
 POST /login/sessionToken with {"token": <session token>} answer the session data.
 )";
   return text;

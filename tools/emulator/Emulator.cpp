@@ -12,7 +12,10 @@ Emulator::Emulator(Options options)
     : server_(std::make_unique<detail::Server>(std::move(options))),
       signIn_(std::make_unique<SignIn>(
           server_->store(), [this](std::string_view token) { return endSession(token); },
-          server_->options().tls.has_value())) {
+          server_->options().tls.has_value(),
+          SignInRecording{server_->options().signInAttemptLimit,
+                          server_->options().signInAttemptBytes,
+                          server_->options().recordedPayloadBytes})) {
   signIn_->install(server_->http(), server_->resources());
 }
 
@@ -114,8 +117,16 @@ std::size_t Emulator::closeSockets(const Recipients& which, std::uint16_t code,
   return server_->closeSockets(which, code, std::move(reason));
 }
 
-std::size_t Emulator::dropSockets(const Recipients& which) {
-  return server_->dropSockets(which);
+std::size_t Emulator::dropSockets(const Recipients& which, DropMode mode) {
+  return server_->dropSockets(which, mode);
+}
+
+std::size_t Emulator::deafenSockets(const Recipients& which) {
+  return server_->deafenSockets(which);
+}
+
+void Emulator::setUpgradeAnswer(UpgradeAnswer answer) {
+  server_->setUpgradeAnswer(std::move(answer));
 }
 
 void Emulator::faultNextRequests(std::size_t count, Fault fault, RequestFilter filter) {

@@ -19,6 +19,8 @@
 //    with {"kapiId": <id>}. Any other token closes the socket with
 //    Options::invalidTokenCloseCode (4401 unless changed), reason "invalid session token". A
 //    later "AUTH " frame re-authenticates, with the same outcomes.
+//  - A socket without a valid "AUTH " within Options::authTimeout (10 s) is closed with
+//    kAuthTimeoutCloseCode (4408).
 //  - Requests are answered through the resource router (resources()). A request on a socket that
 //    has not authenticated, or whose session has expired or ended since, is answered 401 with
 //    {"message": "not authenticated"} and reaches no handler.
@@ -66,6 +68,30 @@ enum class RefusalMode {
   reset,
   /// Close the listening socket: the client's attempts are refused by the system, uncounted.
   closeListener,
+  /// Accept at the TCP level and then say nothing, not even TLS: a hung server. Each stalled
+  /// connection is counted as refused and held until acceptConnections() or stop() resets it.
+  stall,
+};
+
+/// How sockets are ended on purpose (dropSockets).
+enum class DropMode {
+  /// TCP reset at once, no close frame.
+  reset,
+  /// The TCP connection ends in order (FIN) without a close frame, and under TLS without
+  /// close_notify: what a client sees of a server that went away mid-connection.
+  finish,
+};
+
+/// How the emulator answers WebSocket upgrades (setUpgradeAnswer); the default accepts them.
+struct UpgradeAnswer {
+  /// Answer the upgrade with this HTTP status (e.g. 403 or 503) instead of accepting it; 0
+  /// accepts.
+  unsigned rejectStatus = 0;
+  /// Set-Cookie fields sent with the upgrade's answer (the 101, or the rejection).
+  std::vector<std::string> setCookies{};
+  /// The sub-protocol named in the answer instead of the first one offered; an empty text names
+  /// none. A client should refuse one it did not offer.
+  std::optional<std::string> subprotocol{};
 };
 
 class Emulator {
@@ -136,8 +162,16 @@ class Emulator {
 
   /// Close frames with the code (after the frames already queued) / TCP resets without a close
   /// frame (at once). Return how many sockets were affected.
+  /// A code of 0 sends a close frame without a code (the client sees "no status received").
   std::size_t closeSockets(const Recipients& which, std::uint16_t code, std::string reason = {});
-  std::size_t dropSockets(const Recipients& which);
+  std::size_t dropSockets(const Recipients& which, DropMode mode = DropMode::reset);
+  /// The sockets read nothing more once the frame being read has arrived (a read is always
+  /// pending, so that is the client's next frame): they answer neither pings nor close frames,
+  /// like a server that hangs. Their client's time limits are what ends them.
+  std::size_t deafenSockets(const Recipients& which);
+
+  /// How upgrades are answered from now on.
+  void setUpgradeAnswer(UpgradeAnswer answer);
 
   /// Arms `fault` for the next `count` requests that match `filter`. Armed faults are checked in
   /// the order they were armed; the first that matches a request takes it.
@@ -161,7 +195,7 @@ class Emulator {
   /// Open sockets and the most recently closed ones (up to 1,000), by id.
   std::vector<SocketInfo> sockets() const;
   std::optional<SocketInfo> socket(SocketId id) const;
-  /// Frames received (oldest first, up to Options::frameLogLimit), from every socket or one.
+  /// Frames received and kept (oldest first; see ReceivedFrame), from every socket or one.
   std::vector<ReceivedFrame> receivedFrames() const;
   std::vector<ReceivedFrame> receivedFrames(SocketId id) const;
   void clearReceivedFrames();

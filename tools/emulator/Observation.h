@@ -3,6 +3,7 @@
 // What tests can see of a running emulator: its sockets, the frames they sent, and counters.
 // All of it is returned as snapshots (copies), safe to keep and inspect on any thread.
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -22,11 +23,17 @@ enum class FrameKind {
 
 std::string_view name(FrameKind kind) noexcept;
 
+/// A frame as kept: only frames of authenticated sockets (and the "AUTH " frame that
+/// authenticated one) are kept, up to Options::frameLogLimit frames and Options::frameLogBytes.
 struct ReceivedFrame {
   SocketId socket = 0;
   FrameKind kind = FrameKind::malformed;
   bool binary = false;
+  /// The payload, cut to Options::recordedPayloadBytes.
   std::string data;
+  /// The payload's whole size.
+  std::size_t size = 0;
+  bool truncated() const noexcept { return data.size() < size; }
 };
 
 /// Who ended a connection.
@@ -45,12 +52,16 @@ struct SocketInfo {
   bool open = true;
   bool tls = false;
 
-  /// From the upgrade request.
+  /// From the upgrade request: its target, the sub-protocol answered (the first one offered
+  /// unless UpgradeAnswer::subprotocol says otherwise), every header field in order, the cookies.
   std::string path;
   std::string subprotocol;
+  HeaderFields headers;
   std::string cookieHeader;
   HeaderFields cookies;
   std::string remoteAddress;
+  /// The host name the client sent in its TLS handshake (SNI); empty without TLS or SNI.
+  std::string serverName;
 
   bool authenticated = false;
   std::string userId;
@@ -63,6 +74,8 @@ struct SocketInfo {
   std::uint64_t requestsReceived = 0;
   std::uint64_t malformedFrames = 0;
   std::uint64_t pongsReceived = 0;
+  /// WebSocket ping control frames from the client (answered by the emulator unless deaf).
+  std::uint64_t pingsReceived = 0;
   std::uint64_t responsesSent = 0;
   std::uint64_t eventsSent = 0;
   std::uint64_t pingsSent = 0;
@@ -73,6 +86,8 @@ struct SocketInfo {
   /// The code of the close frame (the client's or the emulator's), when there was one.
   std::optional<std::uint16_t> closeCode;
   std::string closeReason;
+  /// Both close frames went across (whoever began): the peer answered the closing handshake.
+  bool cleanClose = false;
 };
 
 struct Counters {
@@ -80,6 +95,12 @@ struct Counters {
   /// Connections reset or refused while the emulator was refusing connections.
   std::uint64_t connectionsRefused = 0;
   std::uint64_t upgrades = 0;
+  /// Upgrades answered with UpgradeAnswer::rejectStatus instead of being accepted.
+  std::uint64_t upgradesRejected = 0;
+  /// Sockets closed for not authenticating within Options::authTimeout.
+  std::uint64_t authTimeouts = 0;
+  /// Accepts that failed, e.g. for want of file descriptors; the emulator retries.
+  std::uint64_t acceptFailures = 0;
   std::uint64_t httpRequests = 0;
   std::uint64_t authSuccesses = 0;
   std::uint64_t authFailures = 0;

@@ -16,6 +16,10 @@ namespace kel::emulator {
 /// like HTTP's 401.
 inline constexpr std::uint16_t kInvalidTokenCloseCode = 4401;
 
+/// Close code with which the emulator ends a socket that did not authenticate within
+/// Options::authTimeout; private-use, read like HTTP's 408.
+inline constexpr std::uint16_t kAuthTimeoutCloseCode = 4408;
+
 /// Default path of the WebSocket URL that the emulator advertises. The upgrade is accepted on any
 /// path; the client offers the URL's last path component ("websocket") as its one sub-protocol.
 inline constexpr std::string_view kDefaultSocketPath = "/kel/websocket";
@@ -51,15 +55,35 @@ struct Options {
   std::size_t threads = 1;
   /// Largest message accepted from a client; a bigger one ends its socket with 1009.
   std::size_t maxMessageBytes = 64 * 1024 * 1024;
-  /// Keep a copy of every frame that clients send, for Emulator::receivedFrames(). Benchmarks
-  /// turn it off to keep the frame path free of copies.
+  /// Close a socket that has not authenticated (a valid "AUTH " frame) this long after its
+  /// upgrade, with kAuthTimeoutCloseCode; zero for never. Idle unauthenticated sockets would
+  /// otherwise hold a descriptor each for as long as their client likes.
+  std::chrono::milliseconds authTimeout{std::chrono::seconds(10)};
+
+  // What the emulator keeps of what clients send, for Emulator::receivedFrames() and
+  // SignIn::attempts(). Always bounded: the oldest entries are forgotten first, by count and by
+  // bytes, and a payload longer than recordedPayloadBytes is kept truncated (and marked so).
+  // Frames of sockets that have not authenticated are counted but never kept, so an anonymous
+  // client cannot make the emulator hold anything.
+
+  /// Keep received frames at all. Benchmarks turn it off to keep the frame path free of copies.
   bool recordFrames = true;
-  /// How many received frames are kept; older ones are forgotten first.
+  /// How many received frames are kept.
   std::size_t frameLogLimit = 10'000;
+  /// How many payload bytes the kept frames hold together.
+  std::size_t frameLogBytes = 16 * 1024 * 1024;
+  /// Longest payload kept whole, of a frame or a sign-in body; longer ones are truncated to it.
+  std::size_t recordedPayloadBytes = 64 * 1024;
+  /// How many sign-in attempts are kept; zero keeps none.
+  std::size_t signInAttemptLimit = 1'000;
+  /// How many body and header bytes the kept sign-in attempts hold together.
+  std::size_t signInAttemptBytes = 4 * 1024 * 1024;
 
   /// Receives one line per notable event (connections, authentication, closes, refusals, bad
   /// frames); with logFrames also every frame in and out. Called from the network threads, so it
-  /// must be thread-safe and quick. Unset: no logging.
+  /// must be thread-safe and quick. Unset: no logging. Lines never carry a control character
+  /// (clients' bytes are escaped: a newline as "\\n", others as "\\xNN") nor a whole token or
+  /// cookie value.
   std::function<void(std::string_view)> log{};
   bool logFrames = false;
 };

@@ -45,8 +45,11 @@ SignInRejection SignInRejection::wrongCredentials(int status) {
 }
 
 SignIn::SignIn(SessionStore& store, std::function<bool(std::string_view)> endSession,
-               bool secureCookies)
-    : store_(store), endSession_(std::move(endSession)), secureCookies_(secureCookies) {}
+               bool secureCookies, SignInRecording recording)
+    : store_(store),
+      endSession_(std::move(endSession)),
+      secureCookies_(secureCookies),
+      recording_(recording) {}
 
 void SignIn::addAccount(Account account) {
   auto defaults = defaultAccount(account.userId);
@@ -80,7 +83,10 @@ void SignIn::setRejection(SignInRejection rejection) {
 
 std::vector<SignInAttempt> SignIn::attempts() const {
   std::lock_guard lock(mutex_);
-  return attempts_;
+  std::vector<SignInAttempt> result;
+  result.reserve(attempts_.size());
+  for (const auto& [attempt, bytes] : attempts_) result.push_back(attempt);
+  return result;
 }
 
 std::vector<PushRegistration> SignIn::pushRegistrations() const {
@@ -100,9 +106,13 @@ HttpResponse SignIn::signIn(const HttpRequest& request, bool withSessionToken) {
   SignInAttempt attempt;
   attempt.path = request.path;
   attempt.headers = request.headers;
+  attempt.bodySize = request.body.size();
+  attempt.bodyTruncated = request.body.size() > recording_.payloadBytes;
   const auto body = request.json();
   if (body && isTextMember(*body, "token")) attempt.token = body->at("token").get<std::string>();
-  if (body && body->is_object()) attempt.context = body->value("context", json());
+  if (body && body->is_object() && !attempt.bodyTruncated) {
+    attempt.context = body->value("context", json());
+  }
 
   std::optional<Account> account;
   std::optional<Session> session;
@@ -148,9 +158,24 @@ HttpResponse SignIn::signIn(const HttpRequest& request, bool withSessionToken) {
     }
   }
   attempt.status = response.status;
-  lock.lock();
-  attempts_.push_back(std::move(attempt));
+  keep(std::move(attempt));
   return response;
+}
+
+void SignIn::keep(SignInAttempt attempt) {
+  if (recording_.attempts == 0) return;
+  // What a request brings in, not what its parsed context occupies (a few times more): a budget
+  // a client cannot outgrow by nesting.
+  std::size_t bytes = attempt.path.size() + (attempt.bodyTruncated ? 0 : attempt.bodySize);
+  for (const auto& [name, value] : attempt.headers) bytes += name.size() + value.size();
+  if (bytes > recording_.bytes) return;
+  std::lock_guard lock(mutex_);
+  attempts_.emplace_back(std::move(attempt), bytes);
+  attemptBytes_ += bytes;
+  while (attempts_.size() > recording_.attempts || attemptBytes_ > recording_.bytes) {
+    attemptBytes_ -= attempts_.front().second;
+    attempts_.pop_front();
+  }
 }
 
 HttpResponse SignIn::answerFor(const Session& session, const Account& account) const {

@@ -34,7 +34,9 @@
 //
 // Every member is safe to call from any thread.
 
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -96,10 +98,14 @@ struct SignInRejection {
 struct SignInAttempt {
   std::string path;
   std::optional<std::string> token;
+  /// The body's "context"; left null when the body was longer than the emulator keeps
+  /// (Options::recordedPayloadBytes), which bodyTruncated then says.
   nlohmann::json context;
   HeaderFields headers;
   /// The status answered.
   int status = 0;
+  std::size_t bodySize = 0;
+  bool bodyTruncated = false;
 };
 
 struct PushRegistration {
@@ -110,11 +116,20 @@ struct PushRegistration {
   bool isProduction = false;
 };
 
+/// What is kept of sign-in attempts: the most recent, up to `attempts` of them holding up to
+/// `bytes` of bodies and header fields together; the context of a body longer than
+/// `payloadBytes` is not kept.
+struct SignInRecording {
+  std::size_t attempts = 1'000;
+  std::size_t bytes = 4 * 1024 * 1024;
+  std::size_t payloadBytes = 64 * 1024;
+};
+
 class SignIn {
  public:
   /// `endSession` forgets a session and closes its sockets (Emulator::endSession).
   SignIn(SessionStore& store, std::function<bool(std::string_view token)> endSession,
-         bool secureCookies);
+         bool secureCookies, SignInRecording recording = {});
 
   SignIn(const SignIn&) = delete;
   SignIn& operator=(const SignIn&) = delete;
@@ -130,7 +145,7 @@ class SignIn {
   void setAnswer(SignInAnswer answer);
   void setRejection(SignInRejection rejection);
 
-  /// Every sign-in request so far, oldest first.
+  /// The sign-in requests kept (see Recording), oldest first.
   std::vector<SignInAttempt> attempts() const;
   std::vector<PushRegistration> pushRegistrations() const;
 
@@ -141,17 +156,20 @@ class SignIn {
  private:
   HttpResponse signIn(const HttpRequest& request, bool withSessionToken);
   HttpResponse answerFor(const Session& session, const Account& account) const;
+  void keep(SignInAttempt attempt);
   std::optional<Session> ownSession(const ResourceRequest& request) const;
 
   SessionStore& store_;
   const std::function<bool(std::string_view)> endSession_;
   const bool secureCookies_;
+  const SignInRecording recording_;
 
   mutable std::mutex mutex_;  // guards the members below
   std::map<std::string, Account, std::less<>> accounts_;
   SignInAnswer answer_;
   SignInRejection rejection_;
-  std::vector<SignInAttempt> attempts_;
+  std::deque<std::pair<SignInAttempt, std::size_t>> attempts_;  // with its bytes
+  std::size_t attemptBytes_ = 0;
   std::vector<PushRegistration> pushRegistrations_;
 };
 

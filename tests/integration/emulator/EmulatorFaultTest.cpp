@@ -3,9 +3,6 @@
 #include <atomic>
 #include <chrono>
 
-#include <boost/asio/error.hpp>
-#include <boost/beast/websocket/error.hpp>
-
 #include "ServerClient/Socket/Model/ErrorCode.h"
 #include "ServerClient/Socket/Model/SocketMessage.h"
 #include "integration/emulator/EmulatorTestFixture.h"
@@ -14,16 +11,7 @@ namespace kel::emulator::test {
 namespace {
 
 using nlohmann::json;
-
-bool isResetOrEof(const boost::system::error_code& error) {
-  return error == boost::asio::error::connection_reset || error == boost::asio::error::eof ||
-         error == boost::beast::websocket::error::no_connection ||
-         error == boost::asio::error::broken_pipe;
-}
-
-std::optional<SocketInfo> waitClosed(Emulator& emulator, SocketId id) {
-  return emulator.waitForSocket([id](const SocketInfo& s) { return s.id == id && !s.open; }, kWait);
-}
+using Kind = RecordingSocketDelegate::Kind;
 
 TEST_F(EmulatorTest, SocketsEndAsAskedAndTheirEndIsRecorded) {
   auto dropped = connectAs(aliceToken_);
@@ -34,23 +22,21 @@ TEST_F(EmulatorTest, SocketsEndAsAskedAndTheirEndIsRecorded) {
   const auto leavingId = lastSocket_;
 
   EXPECT_EQ(1u, emulator().dropSockets(Recipients::socket(droppedId)));
-  auto reset = dropped->read();
-  EXPECT_FALSE(reset.closeCode) << "a drop must not send a close frame";
-  EXPECT_TRUE(isResetOrEof(reset.error)) << reset.error.message();
-  EXPECT_EQ(ClosedBy::dropped, waitClosed(emulator(), droppedId)->closedBy);
+  EXPECT_EQ(SocketCloseCode::abnormalClosure, dropped->end()) << "a drop sends no close frame";
+  EXPECT_EQ(ClosedBy::dropped, waitClosed(droppedId)->closedBy);
 
   // A close comes after the frames queued before it.
   emulator().pushEvent(Recipients::socket(closedId), "/alerts", "POST", {});
   EXPECT_EQ(1u, emulator().closeSockets(Recipients::socket(closedId), 4000, "bye"));
-  EXPECT_EQ(SocketMessage::Kind::event, SocketMessage::create(closed->nextFrame().data).kind());
-  EXPECT_EQ(4000, closed->read().closeCode);
-  auto closedInfo = waitClosed(emulator(), closedId);
+  EXPECT_EQ(SocketMessage::Kind::event, SocketMessage::create(closed->next()).kind());
+  EXPECT_EQ(platform::socketCloseCodeFrom(4000), closed->end());
+  auto closedInfo = waitClosed(closedId);
   EXPECT_EQ(ClosedBy::server, closedInfo->closedBy);
   EXPECT_EQ(4000, closedInfo->closeCode);
   EXPECT_EQ("bye", closedInfo->closeReason);
 
-  leaving->close(4001);
-  auto leavingInfo = waitClosed(emulator(), leavingId);
+  leaving->socket().disconnect(SocketCloseCode::goingBackground);
+  auto leavingInfo = waitClosed(leavingId);
   EXPECT_EQ(ClosedBy::client, leavingInfo->closedBy);
   EXPECT_EQ(4001, leavingInfo->closeCode);
   EXPECT_EQ(0u, emulator().dropSockets(Recipients::all()));
@@ -58,20 +44,20 @@ TEST_F(EmulatorTest, SocketsEndAsAskedAndTheirEndIsRecorded) {
 
 TEST_F(EmulatorTest, DelayedAndWithheldAnswersLetLaterRequestsOvertakeThem) {
   auto client = connectAs(aliceToken_);
-  emulator().faultNextRequests(1, Fault::delay(std::chrono::milliseconds(300)));
+  emulator().faultNextRequests(1, Fault::delay(300ms));
   const auto started = std::chrono::steady_clock::now();
   const auto delayed = client->sendRequest("POST", "/echo", {{"n", 1}});
   const auto prompt = client->sendRequest("POST", "/echo", {{"n", 2}});
-  EXPECT_EQ(prompt, responseObject(client->nextFrame()).at("id"));
-  auto late = responseObject(client->nextFrame());
+  EXPECT_EQ(prompt, client->nextObject().at("id"));
+  auto late = client->nextObject();
   EXPECT_EQ(delayed, late.at("id"));
   EXPECT_EQ((json{{"n", 1}}), late.at("body"));
-  EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(300));
+  EXPECT_GE(std::chrono::steady_clock::now() - started, 300ms);
 
   emulator().faultNextRequests(1, Fault::withhold());
   const auto withheld = client->sendRequest("GET", "/echo");
   const auto next = client->sendRequest("GET", "/echo");
-  EXPECT_EQ(next, responseObject(client->nextFrame()).at("id"));
+  EXPECT_EQ(next, client->nextObject().at("id"));
   EXPECT_NE(withheld, next);
   EXPECT_EQ(1u, emulator().socket(lastSocket_)->responsesWithheld);
   EXPECT_EQ(0u, emulator().armedFaults());
@@ -121,50 +107,49 @@ TEST_F(EmulatorTest, SocketFaultsEndTheConnectionOnTheRequest) {
   auto dropped = connectAs(aliceToken_);
   emulator().faultNextRequests(1, Fault::dropSocket());
   dropped->sendRequest("GET", "/echo");
-  auto reset = dropped->read();
-  EXPECT_FALSE(reset.closeCode);
-  EXPECT_TRUE(isResetOrEof(reset.error)) << reset.error.message();
+  EXPECT_EQ(SocketCloseCode::abnormalClosure, dropped->end());
 
   auto closed = connectAs(aliceToken_);
   emulator().faultNextRequests(1, Fault::closeSocket(1011, "internal"));
   closed->sendRequest("GET", "/echo");
-  EXPECT_EQ(1011, closed->read().closeCode);
+  EXPECT_EQ(platform::socketCloseCodeFrom(1011), closed->end());
 }
 
 TEST_F(EmulatorTest, MalformedFramesReachTheClientAsTheirKindPromises) {
-  auto client = connectAs(aliceToken_);
+  auto client = connectAs(aliceToken_, {.maxMessageSize = 2 * kDefaultHugeFrameBytes});
   const auto id = lastSocket_;
   auto receive = [&](Malformed kind, std::size_t size = kDefaultHugeFrameBytes) {
     EXPECT_EQ(1u, emulator().sendMalformed(Recipients::socket(id), kind, size));
-    return client->nextFrame();
+    return client->next();
   };
-  auto kindOf = [](const Frame& frame) { return SocketMessage::create(frame.data).kind(); };
+  auto kindOf = [](const std::string& frame) { return SocketMessage::create(frame).kind(); };
 
   EXPECT_EQ(SocketMessage::Kind::unknown, kindOf(receive(Malformed::notJson)));
-  EXPECT_EQ("3", receive(Malformed::bareThree).data);
-  auto list = SocketMessage::create(receive(Malformed::list).data);
+  EXPECT_EQ("3", receive(Malformed::bareThree));
+  auto list = SocketMessage::create(receive(Malformed::list));
   ASSERT_EQ(SocketMessage::Kind::event, list.kind());
   EXPECT_EQ(json::object(), list.asEvent()->json);
   EXPECT_EQ(SocketMessage::Kind::unknown, kindOf(receive(Malformed::scalar)));
   EXPECT_EQ(SocketMessage::Kind::event, kindOf(receive(Malformed::stringId)));
-  EXPECT_TRUE(receive(Malformed::binary).binary);
-  EXPECT_EQ("", receive(Malformed::empty).data);
+  EXPECT_EQ("", receive(Malformed::empty));
   auto small = receive(Malformed::huge, 100'000);
-  EXPECT_EQ(100'000u, small.data.size());
+  EXPECT_EQ(100'000u, small.size());
   EXPECT_EQ(SocketMessage::Kind::event, kindOf(small));
   auto huge = receive(Malformed::huge);
-  EXPECT_EQ(kDefaultHugeFrameBytes, huge.data.size());
+  EXPECT_EQ(kDefaultHugeFrameBytes, huge.size());
   EXPECT_EQ(SocketMessage::Kind::event, kindOf(huge));
+  emulator().sendMalformed(Recipients::socket(id), Malformed::binary);
+  EXPECT_TRUE(client->delegate().waitFor(Kind::data));
 
   // A response replaced by a malformed frame, then the socket serves on.
   emulator().faultNextRequests(1, Fault::malformedResponse(Malformed::notJson));
   client->sendRequest("GET", "/echo");
-  EXPECT_EQ(SocketMessage::Kind::unknown, kindOf(client->nextFrame()));
+  EXPECT_EQ(SocketMessage::Kind::unknown, kindOf(client->next()));
   EXPECT_EQ(200, client->request("GET", "/echo").at("status"));
 
   // Not UTF-8 in a text frame: the client's WebSocket layer must refuse it.
   emulator().sendMalformed(Recipients::socket(id), Malformed::invalidUtf8);
-  EXPECT_EQ(boost::beast::websocket::error::bad_frame_payload, client->read().error);
+  EXPECT_EQ(SocketCloseCode::invalidFramePayloadData, client->end());
 }
 
 TEST_F(EmulatorTest, RefusedConnectionsFailUntilTheEmulatorAcceptsAgain) {
@@ -172,18 +157,18 @@ TEST_F(EmulatorTest, RefusedConnectionsFailUntilTheEmulatorAcceptsAgain) {
 
   emulator().refuseConnections();
   EXPECT_TRUE(emulator().isRefusingConnections());
-  EXPECT_TRUE(TestWebSocketClient::tryConnect(urls_.socketURL));
-  EXPECT_TRUE(TestWebSocketClient::tryConnect(urls_.socketURL));
+  EXPECT_FALSE(canConnect());
+  EXPECT_FALSE(canConnect());
   EXPECT_EQ(2u, emulator().counters().connectionsRefused);
   EXPECT_EQ(200, survivor->request("GET", "/echo").at("status")) << "open sockets are unaffected";
   emulator().acceptConnections();
   ASSERT_TRUE(emulator().waitUntil([&] { return !emulator().isRefusingConnections(); }, kWait));
-  EXPECT_FALSE(TestWebSocketClient::tryConnect(urls_.socketURL));
+  EXPECT_TRUE(canConnect());
 
-  emulator().refuseConnections(std::chrono::milliseconds(200), RefusalMode::closeListener);
-  EXPECT_TRUE(TestWebSocketClient::tryConnect(urls_.socketURL));
+  emulator().refuseConnections(200ms, RefusalMode::closeListener);
+  EXPECT_FALSE(canConnect());
   ASSERT_TRUE(emulator().waitUntil([&] { return !emulator().isRefusingConnections(); }, kWait));
-  EXPECT_FALSE(TestWebSocketClient::tryConnect(urls_.socketURL));
+  EXPECT_TRUE(canConnect());
   EXPECT_TRUE(emulator().isRunning());
 }
 
@@ -193,12 +178,12 @@ TEST_F(EmulatorTest, EndedSessionsCloseTheirSocketsAndExpiredOnesStopServing) {
   auto expiring = connectAs(secondToken);
 
   EXPECT_TRUE(emulator().endSession(aliceToken_));
-  EXPECT_EQ(1000, ending->read().closeCode);
+  EXPECT_EQ(SocketCloseCode::normalClosure, ending->end());
   EXPECT_FALSE(emulator().session(aliceToken_));
   EXPECT_FALSE(emulator().endSession(aliceToken_));
   auto again = connect();
-  again->sendText("AUTH " + aliceToken_);
-  EXPECT_EQ(kInvalidTokenCloseCode, again->read().closeCode);
+  again->send("AUTH " + aliceToken_);
+  EXPECT_EQ(platform::socketCloseCodeFrom(kInvalidTokenCloseCode), again->end());
 
   EXPECT_TRUE(emulator().expireSession(secondToken));
   EXPECT_EQ(401, expiring->request("GET", "/echo").at("status"));

@@ -1,7 +1,5 @@
 // The emulator's sign-in routes and the account resources on its socket.
 
-#include <algorithm>
-
 #include "integration/emulator/EmulatorTestFixture.h"
 
 namespace kel::emulator::test {
@@ -18,22 +16,15 @@ class EmulatorSignInTest : public EmulatorTest {
     emulator().addAccount(carol);
   }
 
-  HttpResult login(std::string_view path, std::string_view token) {
+  platform::HTTPResponse login(const std::string& path, std::string_view token) {
     return httpRequest(urls_.kelURL, "POST", path,
                        json{{"token", token}, {"context", {{"platform", "Linux"}}}}.dump());
-  }
-
-  static std::optional<std::string> header(const HttpResult& result, std::string_view name) {
-    for (const auto& [field, value] : result.headers) {
-      if (field == name) return value;
-    }
-    return std::nullopt;
   }
 };
 
 TEST_F(EmulatorSignInTest, LoginCreatesASessionThatAuthenticatesTheSocketAndCanBeResumed) {
   const auto answer = login("/login", "carol-outside");
-  ASSERT_EQ(200, answer.status) << answer.body;
+  ASSERT_EQ(200, answer.statusCode) << answer.body;
   const auto data = json::parse(answer.body);
   const auto token = data.at("access_token").get<std::string>();
   const auto sessionId = data.at("session").at("id").get<std::string>();
@@ -42,7 +33,7 @@ TEST_F(EmulatorSignInTest, LoginCreatesASessionThatAuthenticatesTheSocketAndCanB
   EXPECT_EQ("carol", data.at("session").at("userObj").at("id"));
   EXPECT_EQ(data.at("credential").at("id"), data.at("session").at("registered"));
   EXPECT_EQ((json{{"domain", {"chat"}}, {"user", {"-video-call"}}}), data.at("capabilities"));
-  EXPECT_EQ("KELSESSIONID=" + sessionId + "; Path=/; HttpOnly", header(answer, "Set-Cookie"));
+  EXPECT_EQ("KELSESSIONID=" + sessionId + "; Path=/; HttpOnly", answer.value("Set-Cookie"));
   ASSERT_TRUE(emulator().session(token).has_value());
   EXPECT_EQ(sessionId, emulator().session(token)->sessionId);
 
@@ -53,28 +44,29 @@ TEST_F(EmulatorSignInTest, LoginCreatesASessionThatAuthenticatesTheSocketAndCanB
   connectAs(token);
 
   const auto resumed = login("/login/sessionToken", token);
-  ASSERT_EQ(200, resumed.status) << resumed.body;
+  ASSERT_EQ(200, resumed.statusCode) << resumed.body;
   EXPECT_EQ(sessionId, json::parse(resumed.body).at("session").at("id"));
   // Resuming a session keeps it: no new one is made.
   EXPECT_EQ(1u, emulator().sessionStore().sessionsOf("carol").size());
 }
 
 TEST_F(EmulatorSignInTest, RefusedTokensAndShapedAnswers) {
-  EXPECT_EQ(401, login("/login", "nobody").status);
-  EXPECT_EQ(401, login("/login", aliceToken_).status);  // a session token is not a sign-in token
-  EXPECT_EQ(401, login("/login/sessionToken", "carol-outside").status);
-  EXPECT_EQ(401, httpRequest(urls_.kelURL, "POST", "/login", "not json").status);
+  EXPECT_EQ(401, login("/login", "nobody").statusCode);
+  EXPECT_EQ(401,
+            login("/login", aliceToken_).statusCode);  // a session token is not a sign-in token
+  EXPECT_EQ(401, login("/login/sessionToken", "carol-outside").statusCode);
+  EXPECT_EQ(401, httpRequest(urls_.kelURL, "POST", "/login", "not json").statusCode);
   emulator().expireSession(bobToken_);
-  EXPECT_EQ(401, login("/login/sessionToken", bobToken_).status);
+  EXPECT_EQ(401, login("/login/sessionToken", bobToken_).statusCode);
 
   emulator().signIn().setRejection(SignInRejection::wrongCredentials());
   const auto wrong = login("/login", "nobody");
-  EXPECT_EQ(500, wrong.status);
+  EXPECT_EQ(500, wrong.statusCode);
   EXPECT_EQ("Wrong credentials", json::parse(wrong.body).at("type"));
 
   emulator().signIn().setAnswer({.status = 500, .omitKeys = {"credential"}});
   const auto shaped = login("/login", "carol-outside");
-  EXPECT_EQ(500, shaped.status);
+  EXPECT_EQ(500, shaped.statusCode);
   const auto data = json::parse(shaped.body);
   EXPECT_FALSE(data.contains("credential"));
   EXPECT_TRUE(data.contains("capabilities"));
@@ -128,8 +120,7 @@ TEST_F(EmulatorSignInTest, SessionsAreRenewedAndEndedOnlyByTheirOwner) {
 
   // The answer comes before the close.
   EXPECT_EQ(200, alice->request("DELETE", "/sessions/" + aliceSession).at("status"));
-  const auto end = alice->read();
-  EXPECT_EQ(std::optional<std::uint16_t>(1000), end.closeCode);
+  EXPECT_EQ(SocketCloseCode::normalClosure, alice->end());
   EXPECT_FALSE(emulator().session(aliceToken_).has_value());
 }
 

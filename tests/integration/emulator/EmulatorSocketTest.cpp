@@ -1,11 +1,10 @@
 // The socket protocol as a client meets it: upgrade, authentication, requests, routing, events,
-// pings. Frames the emulator sends are checked with the library's own classification, so the
-// emulator and the client agree on what each frame is.
+// pings, what the emulator keeps and logs. Frames the emulator sends are checked with the
+// library's own classification, so the emulator and the client agree on what each frame is.
 
 #include <atomic>
-#include <future>
+#include <mutex>
 #include <set>
-#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -20,28 +19,31 @@ using nlohmann::json;
 
 TEST_F(EmulatorTest, UpgradeIsAcceptedOnAnyPathEchoingTheOfferedSubprotocolAndKeepingCookies) {
   auto standard = connect();
-  EXPECT_EQ("websocket", standard->acceptedSubprotocol());
+  EXPECT_EQ("websocket", emulator().socket(lastSocket_)->subprotocol);
   EXPECT_EQ("/kel/websocket", emulator().socket(lastSocket_)->path);
 
-  auto other = connect({.subprotocol = "chat, superchat", .cookie = "session=abc; theme=\"dark\""},
-                       "ws://127.0.0.1:" + std::to_string(urls_.port) + "/some/other?x=1");
-  EXPECT_EQ("chat", other->acceptedSubprotocol());
+  auto other =
+      connect({.protocols = {"chat", "superchat"}, .cookie = "session=abc; theme=\"dark\""},
+              "ws://127.0.0.1:" + std::to_string(urls_.port) + "/some/other?x=1");
   auto info = emulator().socket(lastSocket_);
   ASSERT_TRUE(info);
+  EXPECT_EQ("chat", info->subprotocol);
   EXPECT_EQ("/some/other?x=1", info->path);
   EXPECT_EQ((HeaderFields{{"session", "abc"}, {"theme", "dark"}}), info->cookies);
+  EXPECT_NE(info->headers.end(), std::find(info->headers.begin(), info->headers.end(),
+                                           std::pair<std::string, std::string>(
+                                               "Sec-WebSocket-Protocol", "chat, superchat")));
   EXPECT_TRUE(info->open);
   EXPECT_FALSE(info->authenticated);
 
-  auto none = connect({.subprotocol = ""});
-  EXPECT_EQ("", none->acceptedSubprotocol());
+  auto none = connect({.protocols = {}});
+  EXPECT_EQ("", emulator().socket(lastSocket_)->subprotocol);
 }
 
-TEST_F(EmulatorTest, ValidTokenIsAcknowledgedAndBindsTheSocketToTheSessionsUser) {
-  auto client = connect();
-  auto ack = client->authenticate(aliceToken_);
-  EXPECT_EQ(SocketMessage::Kind::auth, SocketMessage::create(ack.data).kind()) << ack.data;
-
+TEST_F(EmulatorTest, ValidTokensBindTheSocketOthersCloseItWith4401) {
+  auto client = connectAs(aliceToken_);
+  const auto ack = client->delegate().messages().at(0);
+  EXPECT_EQ(SocketMessage::Kind::auth, SocketMessage::create(ack).kind()) << ack;
   // Recorded before the acknowledgement went out: no waiting needed.
   auto info = emulator().socket(lastSocket_);
   ASSERT_TRUE(info);
@@ -49,26 +51,34 @@ TEST_F(EmulatorTest, ValidTokenIsAcknowledgedAndBindsTheSocketToTheSessionsUser)
   EXPECT_EQ("alice", info->userId);
   EXPECT_EQ(aliceToken_, info->sessionToken);
   EXPECT_EQ(emulator().session(aliceToken_)->sessionId, info->sessionId);
-  EXPECT_EQ(json::parse(ack.data).at("kapiId"), info->kapiId);
-  EXPECT_EQ(1u, emulator().counters().authSuccesses);
-}
-
-TEST_F(EmulatorTest, UnknownAndExpiredTokensCloseTheSocketWith4401) {
-  auto unknown = connect();
-  unknown->sendText("AUTH not-a-token");
-  EXPECT_EQ(kInvalidTokenCloseCode, unknown->read().closeCode);
+  EXPECT_EQ(json::parse(ack).at("kapiId"), info->kapiId);
 
   emulator().expireSession(bobToken_);
-  auto expired = connect();
-  expired->sendText("AUTH " + bobToken_);
-  EXPECT_EQ(kInvalidTokenCloseCode, expired->read().closeCode);
-
-  auto closed = emulator().waitForSocket(
-      [&](const SocketInfo& s) { return s.id == lastSocket_ && !s.open; }, kWait);
-  ASSERT_TRUE(closed);
-  EXPECT_EQ(ClosedBy::server, closed->closedBy);
-  EXPECT_EQ(kInvalidTokenCloseCode, closed->closeCode);
+  for (const auto& token : {std::string("not-a-token"), bobToken_}) {
+    auto refused = connect();
+    refused->send("AUTH " + token);
+    EXPECT_EQ(platform::socketCloseCodeFrom(kInvalidTokenCloseCode), refused->end()) << token;
+    auto closed = waitClosed(lastSocket_);
+    ASSERT_TRUE(closed);
+    EXPECT_EQ(ClosedBy::server, closed->closedBy);
+    EXPECT_EQ(kInvalidTokenCloseCode, closed->closeCode);
+  }
+  EXPECT_EQ(1u, emulator().counters().authSuccesses);
   EXPECT_EQ(2u, emulator().counters().authFailures);
+}
+
+TEST_F(EmulatorTest, SocketsThatDoNotAuthenticateInTimeAreClosedWith4408) {
+  start({.authTimeout = 200ms});
+  auto authenticated = connectAs(aliceToken_);
+  const auto authenticatedId = lastSocket_;
+  auto silent = connect();
+  silent->send("hello");  // anything but a valid AUTH leaves the clock running
+  EXPECT_EQ(platform::socketCloseCodeFrom(kAuthTimeoutCloseCode), silent->end());
+  EXPECT_EQ(kAuthTimeoutCloseCode, waitClosed(lastSocket_)->closeCode);
+  EXPECT_EQ(1u, emulator().counters().authTimeouts);
+  // The authenticated socket's time ran out first, and it is still served.
+  EXPECT_TRUE(emulator().socket(authenticatedId)->open);
+  EXPECT_EQ(200, authenticated->request("GET", "/echo").at("status"));
 }
 
 TEST_F(EmulatorTest, RequestsBeforeAuthenticationAreAnswered401AndReachNoHandler) {
@@ -83,7 +93,7 @@ TEST_F(EmulatorTest, RequestsBeforeAuthenticationAreAnswered401AndReachNoHandler
   EXPECT_EQ(401, errorCode(early));
   EXPECT_EQ(0, calls);
 
-  client->authenticate(aliceToken_);
+  client->send("AUTH " + aliceToken_);
   EXPECT_EQ(200, client->request("GET", "/counted").at("status"));
   EXPECT_EQ(1, calls);
 }
@@ -93,41 +103,17 @@ TEST_F(EmulatorTest, EchoAnswersTheRequestsIdWithItsBodyAsAResponseTheClientReco
   const json body = {
       {"text", "grüße ✓"}, {"list", {1, 2.5, nullptr, true}}, {"nested", {{"a", {}}}}};
   const auto id = client->sendRequest("PUT", "/echo", body);
-  auto frame = client->nextFrame();
-  auto message = SocketMessage::create(frame.data);
-  ASSERT_EQ(SocketMessage::Kind::response, message.kind()) << frame.data;
+  const auto frame = client->next();
+  auto message = SocketMessage::create(frame);
+  ASSERT_EQ(SocketMessage::Kind::response, message.kind()) << frame;
   EXPECT_EQ(id, message.asResponse()->id);
   EXPECT_EQ(200, message.asResponse()->json.at("status"));
   EXPECT_EQ(body, message.asResponse()->json.at("body"));
   EXPECT_FALSE(errorCode(message.asResponse()->json));
 
   // A request without "body" is read as one with an empty object.
-  client->sendText(R"(2{"id": 77, "path": "/echo", "method": "GET"})");
+  client->send(R"(2{"id": 77, "path": "/echo", "method": "GET"})");
   EXPECT_EQ(json::object(), client->awaitResponse(77).at("body"));
-}
-
-TEST_F(EmulatorTest, RoutesReceivePathParametersTheRestAndTheDecodedQuery) {
-  emulator().resources().route("GET", "/sessions", [](const ResourceRequest& r) {
-    return Reply::ok(
-        {{"rest", r.rest}, {"q", r.queryValue("q").value_or("-")}, {"user", r.userId}});
-  });
-  emulator().resources().route("DELETE", "/users/:userId/contacts", [](const ResourceRequest& r) {
-    return Reply::withStatus(204, {{"userId", *r.param("userId")}, {"rest", r.rest}});
-  });
-  emulator().resources().route(
-      "*", "/broken", [](const ResourceRequest&) -> Reply { throw std::runtime_error("boom"); });
-  auto client = connectAs(aliceToken_);
-
-  auto collection = client->request("GET", "/sessions/abc?q=two+words%21");
-  EXPECT_EQ((json{{"rest", "abc"}, {"q", "two words!"}, {"user", "alice"}}), collection.at("body"));
-  auto nested = client->request("DELETE", "/users/u%201/contacts/c9");
-  EXPECT_EQ(204, nested.at("status"));
-  EXPECT_EQ((json{{"userId", "u 1"}, {"rest", "c9"}}), nested.at("body"));
-
-  EXPECT_EQ(404, client->request("GET", "/nowhere").at("status"));
-  EXPECT_EQ(405, client->request("POST", "/sessions").at("status"));
-  EXPECT_EQ(500, client->request("GET", "/broken").at("status"));
-  EXPECT_EQ(404, client->request("GET", "no-leading-slash").at("status"));
 }
 
 TEST_F(EmulatorTest, AsynchronousHandlersAnswerFromAnyThreadOnceOnly) {
@@ -147,16 +133,18 @@ TEST_F(EmulatorTest, AsynchronousHandlersAnswerFromAnyThreadOnceOnly) {
   EXPECT_FALSE(responder.respond(Reply::withStatus(500)));
   EXPECT_EQ((json{{"done", true}}), client->awaitResponse(id).at("body"));
   // The second answer was not sent: the next frame is the answer to the next request.
-  EXPECT_EQ(200, client->request("GET", "/echo").at("status"));
+  const auto next = client->sendRequest("GET", "/echo");
+  EXPECT_EQ(next, client->nextObject().at("id"));
 }
 
 TEST_F(EmulatorTest, ManyPipelinedRequestsAreEachAnsweredOnce) {
   auto client = connectAs(aliceToken_);
   constexpr int kRequests = 2000;
   for (int i = 0; i < kRequests; ++i) client->sendRequest("POST", "/echo", {{"n", i}});
+  ASSERT_TRUE(client->delegate().waitFor(RecordingSocketDelegate::Kind::message, kRequests + 1));
   std::set<std::int64_t> answered;
   for (int i = 0; i < kRequests; ++i) {
-    auto response = responseObject(client->nextFrame());
+    auto response = client->nextObject();
     const auto id = response.at("id").get<std::int64_t>();
     EXPECT_EQ(id - 1, response.at("body").at("n")) << "answer mixed up with another request";
     answered.insert(id);
@@ -180,22 +168,99 @@ TEST_F(EmulatorTest, FramesThatAreNotRequestsAreCountedAndIgnoredWithoutClosingT
       "3"
       R"({"id": 5, "status": 200})",
   };
-  for (const auto& frame : malformed) client->sendText(frame);
-  client->sendBinary(R"(2{"id": 5, "path": "/echo", "method": "GET"})");
+  for (const auto& frame : malformed) client->send(frame);
 
   // None of them was answered: the next frame is the answer to this request.
   const auto id = client->sendRequest("GET", "/echo");
-  EXPECT_EQ(id, responseObject(client->nextFrame()).at("id"));
+  EXPECT_EQ(id, client->nextObject().at("id"));
 
   const auto info = emulator().socket(lastSocket_);
-  EXPECT_EQ(malformed.size() + 1, info->malformedFrames);
-  EXPECT_EQ(malformed.size() + 1, emulator().counters().malformedFrames);
+  EXPECT_EQ(malformed.size(), info->malformedFrames);
+  EXPECT_EQ(malformed.size(), emulator().counters().malformedFrames);
   EXPECT_TRUE(info->open);
   auto frames = emulator().receivedFrames(lastSocket_);
-  ASSERT_EQ(malformed.size() + 3, frames.size());  // AUTH, the malformed ones, the request
+  ASSERT_EQ(malformed.size() + 2, frames.size());  // AUTH, the malformed ones, the request
   EXPECT_EQ(FrameKind::auth, frames.front().kind);
-  EXPECT_TRUE(frames[malformed.size() + 1].binary);
+  EXPECT_EQ(FrameKind::malformed, frames[1].kind);
   EXPECT_EQ(FrameKind::request, frames.back().kind);
+}
+
+TEST_F(EmulatorTest, WhatClientsSendIsKeptWithinBoundsAndNothingOfAnonymousSockets) {
+  start({.frameLogLimit = 3,
+         .frameLogBytes = 80,
+         .recordedPayloadBytes = 40,
+         .signInAttemptLimit = 2,
+         .signInAttemptBytes = 1000});
+  auto anonymous = connect();
+  const auto anonymousId = lastSocket_;
+  anonymous->send("AUTH wrong-token");
+  EXPECT_TRUE(anonymous->end());
+  auto other = connect();
+  other->send(std::string(1000, 'x'));
+  other->request("GET", "/echo");  // answered 401
+  EXPECT_TRUE(emulator().receivedFrames().empty()) << "frames of sockets that never authenticated";
+  EXPECT_EQ(1u, emulator().socket(anonymousId)->framesReceived);
+  EXPECT_EQ(2u, emulator().socket(lastSocket_)->framesReceived);
+
+  auto client = connectAs(aliceToken_);
+  for (const auto& text : {"one", "two", "three"}) client->send(text);
+  client->send(std::string(60, 'L'));
+  ASSERT_TRUE(emulator().waitUntil(
+      [&] { return emulator().socket(lastSocket_)->framesReceived == 5; }, kWait));
+  // By count: the last three, the long one cut to 40 bytes and marked.
+  auto frames = emulator().receivedFrames();
+  ASSERT_EQ(3u, frames.size());
+  EXPECT_EQ("two", frames[0].data);
+  EXPECT_EQ(std::string(40, 'L'), frames[2].data);
+  EXPECT_EQ(60u, frames[2].size);
+  EXPECT_TRUE(frames[2].truncated());
+  // By bytes: 80 at most, the oldest forgotten first.
+  client->send(std::string(70, 'M'));
+  client->send("end");
+  ASSERT_TRUE(emulator().waitUntil(
+      [&] { return emulator().socket(lastSocket_)->framesReceived == 7; }, kWait));
+  frames = emulator().receivedFrames();
+  ASSERT_EQ(2u, frames.size());
+  EXPECT_EQ(std::string(40, 'M'), frames[0].data);
+  EXPECT_EQ("end", frames[1].data);
+
+  // Sign-in attempts: the last two, a context too long to keep left out and marked.
+  for (const auto& context :
+       {json{{"n", 1}}, json{{"n", 2}}, json{{"pad", std::string(60, 'p')}}}) {
+    httpRequest(urls_.kelURL, "POST", "/login", json{{"token", "x"}, {"context", context}}.dump());
+  }
+  const auto attempts = emulator().signIn().attempts();
+  ASSERT_EQ(2u, attempts.size());
+  EXPECT_EQ((json{{"n", 2}}), attempts[0].context);
+  EXPECT_TRUE(attempts[1].bodyTruncated);
+  EXPECT_TRUE(attempts[1].context.is_null());
+}
+
+TEST_F(EmulatorTest, LogLinesEscapeControlCharactersAndNeverHoldAWholeToken) {
+  std::mutex mutex;
+  std::vector<std::string> lines;
+  Options options;
+  options.logFrames = true;
+  options.log = [&](std::string_view line) {
+    std::lock_guard lock(mutex);
+    lines.emplace_back(line);
+  };
+  start(std::move(options));
+  auto client = connectAs(aliceToken_);
+  client->send("forged\n12:00:00 kel-emulator: socket 9 authenticated as root\x1b[2J\a\r\x7f");
+  client->request("POST", "/echo", {{"token", aliceToken_}, {"note", "a\nb"}});
+  emulator().stop();
+
+  std::lock_guard lock(mutex);
+  bool sawEscapedNewline = false;
+  for (const auto& line : lines) {
+    for (const char c : line) {
+      EXPECT_FALSE(static_cast<unsigned char>(c) < 0x20 || c == 0x7f) << line;
+    }
+    EXPECT_EQ(std::string::npos, line.find(aliceToken_)) << line;
+    sawEscapedNewline = sawEscapedNewline || line.find("forged\\n12:00") != std::string::npos;
+  }
+  EXPECT_TRUE(sawEscapedNewline);
 }
 
 TEST_F(EmulatorTest, EventsReachTheSocketsOfTheChosenUserSessionOrSocket) {
@@ -209,7 +274,7 @@ TEST_F(EmulatorTest, EventsReachTheSocketsOfTheChosenUserSessionOrSocket) {
   const json body = {{"status", "away"}};
   EXPECT_EQ(2u, emulator().pushEvent(Recipients::user("alice"), "/presence/alice", "PUT", body));
   for (auto* client : {alice1.get(), alice2.get()}) {
-    auto message = SocketMessage::create(client->nextFrame().data);
+    auto message = SocketMessage::create(client->next());
     ASSERT_EQ(SocketMessage::Kind::event, message.kind());
     EXPECT_EQ((json{{"path", "/presence/alice"}, {"method", "PUT"}, {"body", body}}),
               message.asEvent()->json);
@@ -219,7 +284,7 @@ TEST_F(EmulatorTest, EventsReachTheSocketsOfTheChosenUserSessionOrSocket) {
   EXPECT_EQ(3u, emulator().pushEvent(Recipients::all(), "/conferences", "PUT", {}));
 
   // Each socket's next frames are exactly the events meant for it, in order.
-  auto pathOf = [](TestWebSocketClient& c) { return responseObject(c.nextFrame()).at("path"); };
+  auto pathOf = [](Client& c) { return c.nextObject().at("path"); };
   EXPECT_EQ("/meetings/1", pathOf(*alice1));
   EXPECT_EQ("/conferences", pathOf(*alice1));
   EXPECT_EQ("/alerts", pathOf(*alice2));
@@ -229,16 +294,14 @@ TEST_F(EmulatorTest, EventsReachTheSocketsOfTheChosenUserSessionOrSocket) {
 
   // An unauthenticated socket gets only what is sent to it by id.
   emulator().sendText(Recipients::socket(lastSocket_), "direct");
-  EXPECT_EQ("direct", anonymous->nextFrame().data);
+  EXPECT_EQ("direct", anonymous->next());
 }
 
 TEST_F(EmulatorTest, PingsGoOutAtTheConfiguredPeriodAndPongsAreCounted) {
-  start({.pingPeriod = std::chrono::milliseconds(20)});
+  start({.pingPeriod = 20ms});
   auto client = connect();
-  auto first = client->read();
-  ASSERT_TRUE(first.frame);
-  EXPECT_EQ(SocketMessage::Kind::ping, SocketMessage::create(first.frame->data).kind());
-  client->sendPong();
+  EXPECT_EQ(SocketMessage::Kind::ping, SocketMessage::create(client->next()).kind());
+  client->socket().sendPong();
   EXPECT_TRUE(emulator().waitUntil(
       [&] { return emulator().socket(lastSocket_)->pongsReceived == 1; }, kWait));
   EXPECT_GE(emulator().socket(lastSocket_)->pingsSent, 1u);
@@ -248,12 +311,12 @@ TEST_F(EmulatorTest, ClientsOnSeveralNetworkThreadsAreServedConcurrently) {
   start({.threads = 2});
   constexpr int kClients = 4;
   constexpr int kRequests = 200;
+  std::vector<std::unique_ptr<Client>> clients;
+  for (int c = 0; c < kClients; ++c) clients.push_back(connectAs(aliceToken_));
   std::vector<std::thread> threads;
   std::atomic<int> answered = 0;
-  for (int c = 0; c < kClients; ++c) {
-    threads.emplace_back([&] {
-      auto client = TestWebSocketClient::connect(urls_.socketURL);
-      client->authenticate(aliceToken_);
+  for (auto& client : clients) {
+    threads.emplace_back([&answered, &client] {
       for (int i = 0; i < kRequests; ++i) {
         if (client->request("POST", "/echo", {{"i", i}}).at("body").at("i") == i) ++answered;
       }

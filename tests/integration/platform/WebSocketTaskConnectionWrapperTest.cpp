@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <future>
 #include <memory>
@@ -13,34 +12,36 @@
 #include <thread>
 #include <vector>
 
+#include <boost/algorithm/string/predicate.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/url/parse.hpp>
 
 #include "ServerClient/platform/HTTPCookieStorage.h"
+#include "emulator/Emulator.h"
 #include "support/RecordingSocketDelegate.h"
 #include "support/TestCertificates.h"
-#include "support/WebSocketTestServer.h"
+
+// The peer is the emulator: its upgrade answers, observation and faults stand for every server
+// behaviour the socket must cope with.
 
 namespace kel::platform {
 namespace {
 
 using namespace std::chrono_literals;
+using emulator::ClosedBy;
+using emulator::Recipients;
+using emulator::SocketId;
+using emulator::SocketInfo;
+using test::kDefaultWait;
 using test::RecordingSocketDelegate;
 using test::TestCertificates;
-using test::WebSocketTestServer;
 using testing::HasSubstr;
 using Kind = RecordingSocketDelegate::Kind;
 using Options = WebSocketTaskConnectionWrapper::Options;
 
 boost::urls::url parse(std::string_view text) {
   return boost::urls::parse_uri(text).value();
-}
-
-WebSocketTestServer::Options tlsServer(const test::CertifiedKey& certificate) {
-  WebSocketTestServer::Options options;
-  options.tls = certificate;
-  return options;
 }
 
 // A port on which nothing listens (it was free a moment ago, and nobody else binds on loopback).
@@ -51,30 +52,104 @@ std::uint16_t closedPort() {
   return acceptor.local_endpoint().port();
 }
 
+emulator::Options tlsServer(const test::CertifiedKey& certificate) {
+  emulator::Options options;
+  options.tls = emulator::TlsOptions{certificate.certificatePem, certificate.privateKeyPem};
+  return options;
+}
+
+// The upgrade request's field of that name (case-insensitive), if present.
+std::optional<std::string> header(const SocketInfo& info, std::string_view name) {
+  for (const auto& [field, value] : info.headers) {
+    if (boost::algorithm::iequals(field, name)) return value;
+  }
+  return std::nullopt;
+}
+
 class WebSocketTest : public testing::Test {
  protected:
+  void SetUp() override { startServer(); }
+  void TearDown() override { EXPECT_EQ("", delegate_->contractViolations()); }
+
+  /// (Re)starts the emulator, with one session whose token authenticate() sends.
+  void startServer(emulator::Options options = {}) {
+    server_.reset();
+    server_ = std::make_unique<emulator::Emulator>(std::move(options));
+    server_->addUser("alice");
+    token_ = server_->createSession("alice");
+    port_ = server_->start().port;
+    last_ = 0;
+  }
+
+  /// "ws://127.0.0.1:<port><path>", "wss" with TLS; another host name for certificate checks.
+  std::string url(std::string_view path, std::string_view host = "127.0.0.1") const {
+    const bool tls = server_->options().tls.has_value();
+    const bool v6 = server_->options().host == "::1";
+    return std::string(tls ? "wss://" : "ws://") + (v6 ? "[::1]" : std::string(host)) + ":" +
+           std::to_string(port_) + std::string(path);
+  }
+
   // A socket with a storage of its own, so that tests share no cookies.
   std::shared_ptr<WebSocketTaskConnectionWrapper> makeSocket(
-      const std::string& url, std::vector<std::string> protocols = {}, Options options = {}) {
+      const std::string& socketUrl, std::vector<std::string> protocols = {}, Options options = {}) {
     if (!options.cookieStorage) options.cookieStorage = cookies_;
-    auto socket = std::make_shared<WebSocketTaskConnectionWrapper>(parse(url), std::move(protocols),
-                                                                   std::move(options));
+    auto socket = std::make_shared<WebSocketTaskConnectionWrapper>(
+        parse(socketUrl), std::move(protocols), std::move(options));
     socket->setDelegate(delegate_);
     return socket;
   }
 
-  // Connects and waits for the server's side of the connection.
-  std::shared_ptr<WebSocketTestServer::Connection> open(WebSocketTaskConnectionWrapper& socket,
-                                                        const WebSocketTestServer& server,
-                                                        std::size_t index = 0) {
+  // Connects and returns the emulator's id for the connection (0 when it did not open).
+  SocketId open(WebSocketTaskConnectionWrapper& socket) {
     const auto before = delegate_->count(Kind::connected);
     socket.connect();
     EXPECT_TRUE(delegate_->waitForConnect(before + 1)) << delegate_->errors().size();
-    return server.waitForConnection(index);
+    const auto previous = last_;
+    auto info =
+        server_->waitForSocket([&](const SocketInfo& s) { return s.id > previous; }, kDefaultWait);
+    last_ = info ? info->id : 0;
+    return last_;
   }
 
-  void TearDown() override { EXPECT_EQ("", delegate_->contractViolations()); }
+  // Opens and authenticates, so that the emulator keeps what the socket sends; the
+  // acknowledgement is a message.
+  SocketId openAuthenticated(WebSocketTaskConnectionWrapper& socket) {
+    const auto id = open(socket);
+    const auto before = delegate_->count(Kind::message);
+    socket.send("AUTH " + token_);
+    EXPECT_TRUE(delegate_->waitFor(Kind::message, before + 1));
+    return id;
+  }
 
+  SocketInfo info(SocketId id) const { return server_->socket(id).value_or(SocketInfo{}); }
+
+  // Waits until `condition` holds for the emulator's record of the socket.
+  bool waitFor(SocketId id, const std::function<bool(const SocketInfo&)>& condition) const {
+    return server_->waitUntil(
+        [&] {
+          auto found = server_->socket(id);
+          return found && condition(*found);
+        },
+        kDefaultWait);
+  }
+  std::optional<SocketInfo> waitForEnd(SocketId id) const {
+    if (!waitFor(id, [](const SocketInfo& s) { return !s.open; })) return std::nullopt;
+    return server_->socket(id);
+  }
+
+  // The frames the socket sent after authenticating, in order.
+  std::vector<std::string> framesAfterAuth(SocketId id) const {
+    std::vector<std::string> texts;
+    for (const auto& frame : server_->receivedFrames(id)) {
+      if (frame.kind != emulator::FrameKind::auth) texts.push_back(frame.data);
+    }
+    return texts;
+  }
+
+  std::unique_ptr<emulator::Emulator> server_;
+  std::string token_;
+  std::uint16_t port_ = 0;
+  SocketId last_ = 0;
   std::shared_ptr<HTTPCookieStorage> cookies_ = std::make_shared<HTTPCookieStorage>();
   std::shared_ptr<RecordingSocketDelegate> delegate_ = std::make_shared<RecordingSocketDelegate>();
 };
@@ -82,23 +157,19 @@ class WebSocketTest : public testing::Test {
 // --- Plain connections ---
 
 TEST_F(WebSocketTest, ExchangesTextAndBinaryFramesWithCallbacksOnTheNetworkThread) {
-  WebSocketTestServer server;
-  auto socket = makeSocket(server.url("/ws"));
+  auto socket = makeSocket(url("/ws"));
   EXPECT_FALSE(socket->isConnected());
-  auto connection = open(*socket, server);
-  ASSERT_TRUE(connection);
+  const auto id = openAuthenticated(*socket);
   EXPECT_TRUE(socket->isConnected());
 
+  const std::string request = R"(2{"id":1,"path":"/echo","method":"GET"})";
   socket->send("hello");
-  socket->send(R"(2{"id":1,"path":"/presence"})");
-  connection->sendBinary(std::string("\x00\xff", 2));
-  ASSERT_TRUE(delegate_->waitFor(Kind::message, 2));
+  socket->send(request);
+  server_->sendBinary(Recipients::socket(id), std::string("\x00\xff", 2));
+  ASSERT_TRUE(delegate_->waitFor(Kind::message, 2));  // the acknowledgement, the echo
   ASSERT_TRUE(delegate_->waitFor(Kind::data, 1));
-  EXPECT_EQ((std::vector<std::string>{"hello", R"(2{"id":1,"path":"/presence"})"}),
-            delegate_->messages());
-  EXPECT_EQ((std::vector<WebSocketTestServer::Frame>{{true, "hello"},
-                                                     {true, R"(2{"id":1,"path":"/presence"})"}}),
-            connection->frames());
+  EXPECT_THAT(delegate_->messages().at(1), testing::StartsWith(R"(3{"id":1,)"));
+  EXPECT_EQ((std::vector<std::string>{"hello", request}), framesAfterAuth(id));
 
   const auto events = delegate_->events();
   for (const auto& event : events) {
@@ -109,33 +180,30 @@ TEST_F(WebSocketTest, ExchangesTextAndBinaryFramesWithCallbacksOnTheNetworkThrea
 }
 
 TEST_F(WebSocketTest, TheUpgradeCarriesSubProtocolHeaderFieldsAndCookies) {
-  WebSocketTestServer::Options serverOptions;
-  serverOptions.setCookies = {"route=b7; Path=/", "theme=dark; Max-Age=60"};
-  WebSocketTestServer server(serverOptions);
+  server_->setUpgradeAnswer({.setCookies = {"route=b7; Path=/", "theme=dark; Max-Age=60"}});
   // What an http sign-in to the same host left in the storage.
   cookies_->setCookie("JSESSIONID=s1; HttpOnly", parse("http://127.0.0.1/login"));
   cookies_->setCookie("elsewhere=1", parse("http://127.0.0.2/login"));
 
-  auto socket = makeSocket(server.url("/kel/ws?client=1"), {"kel"});
+  auto socket = makeSocket(url("/kel/ws?client=1"), {"kel"});
   auto request = socket->request();
   request.setHeaderField("X-Trace", "t-1");
   request.setHeaderField("Cookie", "manual=1; JSESSIONID=mine");
   request.setHeaderField("Host", "evil.example");
   socket->setRequest(request);
-  auto connection = open(*socket, server);
-  ASSERT_TRUE(connection);
+  auto upgrade = info(open(*socket));
 
-  EXPECT_EQ("/kel/ws?client=1", connection->target());
-  EXPECT_EQ("kel", connection->header("Sec-WebSocket-Protocol"));
-  EXPECT_EQ("t-1", connection->header("X-Trace"));
-  EXPECT_EQ("127.0.0.1:" + std::to_string(server.port()), connection->header("Host"));
-  EXPECT_THAT(connection->header("User-Agent").value_or(""), testing::StartsWith("ServerClient/"));
+  EXPECT_EQ("/kel/ws?client=1", upgrade.path);
+  EXPECT_EQ("kel", header(upgrade, "Sec-WebSocket-Protocol"));
+  EXPECT_EQ("t-1", header(upgrade, "X-Trace"));
+  EXPECT_EQ("127.0.0.1:" + std::to_string(port_), header(upgrade, "Host"));
+  EXPECT_THAT(header(upgrade, "User-Agent").value_or(""), testing::StartsWith("ServerClient/"));
   // One Cookie field: the request's own, then the stored ones it does not already name.
-  EXPECT_EQ("manual=1; JSESSIONID=mine", connection->header("Cookie"));
+  EXPECT_EQ("manual=1; JSESSIONID=mine", header(upgrade, "Cookie"));
   // The answer's cookies went into the storage for the socket's URL (theme with the default
   // path /kel, so it comes first).
   EXPECT_EQ("theme=dark; JSESSIONID=s1; route=b7",
-            HTTPCookieStorage::requestHeaderFields(cookies_->cookies(parse(server.url("/kel/ws"))))
+            HTTPCookieStorage::requestHeaderFields(cookies_->cookies(parse(url("/kel/ws"))))
                 .at(0)
                 .second);
   socket->disconnect(SocketCloseCode::normalClosure);
@@ -144,9 +212,7 @@ TEST_F(WebSocketTest, TheUpgradeCarriesSubProtocolHeaderFieldsAndCookies) {
   // Without its own Cookie field, the stored cookies make the field.
   request.removeHeaderField("Cookie");
   socket->setRequest(request);
-  connection = open(*socket, server, 1);
-  ASSERT_TRUE(connection);
-  EXPECT_EQ("theme=dark; JSESSIONID=s1; route=b7", connection->header("Cookie"));
+  EXPECT_EQ("theme=dark; JSESSIONID=s1; route=b7", header(info(open(*socket)), "Cookie"));
   socket->disconnect(SocketCloseCode::normalClosure);
   ASSERT_TRUE(delegate_->waitForDisconnect(2));
 
@@ -155,17 +221,13 @@ TEST_F(WebSocketTest, TheUpgradeCarriesSubProtocolHeaderFieldsAndCookies) {
   socket->setRequest(request);
   cookies_->removeAllCookies();
   cookies_->setCookie("JSESSIONID=s1", parse("http://127.0.0.1/login"));
-  connection = open(*socket, server, 2);
-  ASSERT_TRUE(connection);
-  EXPECT_EQ(std::nullopt, connection->header("Cookie"));
+  EXPECT_EQ(std::nullopt, header(info(open(*socket)), "Cookie"));
   EXPECT_EQ(1u, cookies_->allCookies().size());
 }
 
 TEST_F(WebSocketTest, ASubProtocolThatWasNotAskedForFailsTheUpgrade) {
-  WebSocketTestServer::Options serverOptions;
-  serverOptions.subprotocolReply = "other";
-  WebSocketTestServer server(serverOptions);
-  auto socket = makeSocket(server.url("/kel"), {"kel"});
+  server_->setUpgradeAnswer({.subprotocol = "other"});
+  auto socket = makeSocket(url("/kel"), {"kel"});
   socket->connect();
   EXPECT_EQ(SocketCloseCode::abnormalClosure, delegate_->waitForDisconnect());
   EXPECT_EQ(0u, delegate_->count(Kind::connected));
@@ -174,96 +236,76 @@ TEST_F(WebSocketTest, ASubProtocolThatWasNotAskedForFailsTheUpgrade) {
 }
 
 TEST_F(WebSocketTest, ThePeersCloseCodeIsReportedAndTheSocketConnectsAgain) {
-  WebSocketTestServer server;
-  auto socket = makeSocket(server.url("/ws"));
-  const std::vector<
-      std::pair<std::function<void(WebSocketTestServer::Connection&)>, SocketCloseCode>>
-      cases{
-          {[](auto& c) { c.close(1000); }, SocketCloseCode::normalClosure},
-          {[](auto& c) { c.close(4321, "private"); }, socketCloseCodeFrom(4321)},
-          {[](auto& c) { c.close(4001); }, SocketCloseCode::goingBackground},
-          {[](auto& c) { c.closeWithoutCode(); }, SocketCloseCode::noStatusReceived},
-      };
+  auto socket = makeSocket(url("/ws"));
+  // Code 0: a close frame without a code.
+  const std::vector<std::pair<std::uint16_t, SocketCloseCode>> cases{
+      {1000, SocketCloseCode::normalClosure},
+      {4321, socketCloseCodeFrom(4321)},
+      {4001, SocketCloseCode::goingBackground},
+      {0, SocketCloseCode::noStatusReceived},
+  };
   for (std::size_t i = 0; i < cases.size(); ++i) {
-    auto connection = open(*socket, server, i);
-    ASSERT_TRUE(connection);
-    cases[i].first(*connection);
+    const auto id = open(*socket);
+    server_->closeSockets(Recipients::socket(id), cases[i].first, "private");
     EXPECT_EQ(cases[i].second, delegate_->waitForDisconnect(i + 1)) << i;
     EXPECT_FALSE(socket->isConnected());
-    // The client answered the close frame.
-    const auto end = connection->waitForEnd();
+    const auto end = waitForEnd(id);
     ASSERT_TRUE(end);
-    EXPECT_TRUE(end->closeFrame);
+    EXPECT_TRUE(end->cleanClose) << "the client answered the close frame";
   }
   EXPECT_EQ(0u, delegate_->count(Kind::error));
 }
 
 TEST_F(WebSocketTest, ALostTransportIsAnAbnormalClosure) {
-  WebSocketTestServer server;
-  auto socket = makeSocket(server.url("/ws"));
-
-  auto connection = open(*socket, server, 0);
-  ASSERT_TRUE(connection);
-  connection->reset();
-  EXPECT_EQ(SocketCloseCode::abnormalClosure, delegate_->waitForDisconnect(1));
-  EXPECT_EQ(1u, delegate_->count(Kind::error));
-
-  connection = open(*socket, server, 1);
-  ASSERT_TRUE(connection);
-  connection->dropTransport();
-  EXPECT_EQ(SocketCloseCode::abnormalClosure, delegate_->waitForDisconnect(2));
-  EXPECT_EQ(2u, delegate_->count(Kind::error));
+  auto socket = makeSocket(url("/ws"));
+  std::size_t count = 0;
+  for (auto mode : {emulator::DropMode::reset, emulator::DropMode::finish}) {
+    ++count;
+    server_->dropSockets(Recipients::socket(open(*socket)), mode);
+    EXPECT_EQ(SocketCloseCode::abnormalClosure, delegate_->waitForDisconnect(count));
+    EXPECT_EQ(count, delegate_->count(Kind::error));
+  }
   EXPECT_FALSE(socket->isConnected());
 }
 
 TEST_F(WebSocketTest, MessagesAboveTheLimitEndTheConnectionWithMessageTooBig) {
-  WebSocketTestServer server;
-  Options options;
-  options.maxMessageSize = 64 * 1024;
-  auto socket = makeSocket(server.url("/ws"), {}, options);
-  auto connection = open(*socket, server);
-  ASSERT_TRUE(connection);
-  connection->sendText(std::string(64 * 1024, 'a'));  // exactly the limit: fine
-  ASSERT_TRUE(delegate_->waitFor(Kind::message));
-  connection->sendText(std::string(64 * 1024 + 1, 'b'));
-  EXPECT_EQ(SocketCloseCode::messageTooBig, delegate_->waitForDisconnect());
-  EXPECT_EQ(1u, delegate_->count(Kind::message));
-  const auto end = connection->waitForEnd();
-  ASSERT_TRUE(end);
-  EXPECT_TRUE(end->closeFrame);
-  EXPECT_EQ(1009, end->code);
-}
-
-TEST_F(WebSocketTest, TheDefaultLimitRefusesAMessageOverSixteenMebibytes) {
-  WebSocketTestServer server;
-  auto socket = makeSocket(server.url("/ws"));
-  auto connection = open(*socket, server);
-  ASSERT_TRUE(connection);
-  connection->sendBinary(std::string(16 * 1024 * 1024 + 1, 'x'));
-  EXPECT_EQ(SocketCloseCode::messageTooBig, delegate_->waitForDisconnect());
-  EXPECT_EQ(0u, delegate_->count(Kind::data));
+  for (auto [limit, size] : {std::pair<std::size_t, std::size_t>{64 * 1024, 64 * 1024 + 1},
+                             {Options{}.maxMessageSize, 16 * 1024 * 1024 + 1}}) {
+    Options options;
+    options.maxMessageSize = limit;
+    EXPECT_EQ("", delegate_->contractViolations());
+    delegate_ = std::make_shared<RecordingSocketDelegate>();
+    const auto& delegate = delegate_;
+    auto socket = makeSocket(url("/ws"), {}, options);
+    const auto id = open(*socket);
+    server_->sendText(Recipients::socket(id), std::string(limit, 'a'));  // exactly the limit
+    ASSERT_TRUE(delegate->waitFor(Kind::message)) << limit;
+    server_->sendBinary(Recipients::socket(id), std::string(size, 'b'));
+    EXPECT_EQ(SocketCloseCode::messageTooBig, delegate->waitForDisconnect()) << limit;
+    EXPECT_EQ(0u, delegate->count(Kind::data));
+    const auto end = waitForEnd(id);
+    ASSERT_TRUE(end);
+    EXPECT_EQ(ClosedBy::client, end->closedBy);
+    EXPECT_EQ(1009, end->closeCode);
+  }
 }
 
 TEST_F(WebSocketTest, TextThatIsNotUtf8EndsTheConnection) {
-  WebSocketTestServer server;
-  auto socket = makeSocket(server.url("/ws"));
-  auto connection = open(*socket, server);
-  ASSERT_TRUE(connection);
-  connection->sendText("caf\xe9");
+  auto socket = makeSocket(url("/ws"));
+  const auto id = open(*socket);
+  server_->sendText(Recipients::socket(id), "caf\xe9");
   EXPECT_EQ(SocketCloseCode::invalidFramePayloadData, delegate_->waitForDisconnect());
   EXPECT_EQ(0u, delegate_->count(Kind::message));
-  const auto end = connection->waitForEnd();
+  const auto end = waitForEnd(id);
   ASSERT_TRUE(end);
-  EXPECT_EQ(1007, end->code);
+  EXPECT_EQ(1007, end->closeCode);
 }
 
 // --- Closing ---
 
 TEST_F(WebSocketTest, DisconnectReportsTheGivenCodeExactlyOnce) {
-  WebSocketTestServer server;
-  auto socket = makeSocket(server.url("/ws"));
-  auto connection = open(*socket, server);
-  ASSERT_TRUE(connection);
+  auto socket = makeSocket(url("/ws"));
+  auto id = openAuthenticated(*socket);
   socket->send("last words");
   socket->disconnect(SocketCloseCode::goingBackground);
   EXPECT_FALSE(socket->isConnected());
@@ -273,18 +315,19 @@ TEST_F(WebSocketTest, DisconnectReportsTheGivenCodeExactlyOnce) {
   EXPECT_EQ(SocketCloseCode::goingBackground, delegate_->waitForDisconnect());
 
   // The frames sent before disconnect() went out before the close frame with the code.
-  const auto end = connection->waitForEnd();
+  auto end = waitForEnd(id);
   ASSERT_TRUE(end);
-  EXPECT_TRUE(end->closeFrame);
-  EXPECT_EQ(4001, end->code);
-  EXPECT_EQ((std::vector<WebSocketTestServer::Frame>{{true, "last words"}}), connection->frames());
+  EXPECT_EQ(ClosedBy::client, end->closedBy);
+  EXPECT_EQ(4001, end->closeCode);
+  EXPECT_EQ((std::vector<std::string>{"last words"}), framesAfterAuth(id));
 
   // A code that cannot travel in a close frame is still the one reported.
-  connection = open(*socket, server, 1);
-  ASSERT_TRUE(connection);
+  id = open(*socket);
   socket->disconnect(SocketCloseCode::abnormalClosure);
   EXPECT_EQ(SocketCloseCode::abnormalClosure, delegate_->waitForDisconnect(2));
-  EXPECT_EQ(1000, connection->waitForEnd().value_or(WebSocketTestServer::End{}).code);
+  end = waitForEnd(id);
+  ASSERT_TRUE(end);
+  EXPECT_EQ(1000, end->closeCode);
 
   // Nothing arrives after the report, in particular no second one.
   socket->disconnect(SocketCloseCode::normalClosure);  // closed: reported at once
@@ -297,12 +340,11 @@ TEST_F(WebSocketTest, DisconnectReportsTheGivenCodeExactlyOnce) {
 }
 
 TEST_F(WebSocketTest, DisconnectWhileOpeningEndsTheAttemptWithTheGivenCode) {
-  WebSocketTestServer::Options serverOptions;
-  serverOptions.stallHandshake = true;
-  WebSocketTestServer server(serverOptions);
-  auto socket = makeSocket(server.url("/ws"));
+  server_->refuseConnections(std::nullopt, emulator::RefusalMode::stall);
+  auto socket = makeSocket(url("/ws"));
   socket->connect();
-  ASSERT_TRUE(server.waitForAccepted(1));
+  ASSERT_TRUE(server_->waitUntil([&] { return server_->counters().connectionsRefused == 1; },
+                                 kDefaultWait));
   socket->connect();  // already opening: nothing
   socket->disconnect(SocketCloseCode::otherExpectedClosure);
   EXPECT_EQ(SocketCloseCode::otherExpectedClosure, delegate_->waitForDisconnect());
@@ -310,14 +352,13 @@ TEST_F(WebSocketTest, DisconnectWhileOpeningEndsTheAttemptWithTheGivenCode) {
 }
 
 TEST_F(WebSocketTest, TheClosingHandshakeIsBoundedWhenThePeerStopsListening) {
-  WebSocketTestServer server;
-  server.setMessageHandler([](auto& connection, const auto&) { connection.stopReading(); });
   Options options;
   options.closeTimeout = 200ms;
-  auto socket = makeSocket(server.url("/ws"), {}, options);
-  ASSERT_TRUE(open(*socket, server));
+  auto socket = makeSocket(url("/ws"), {}, options);
+  const auto id = open(*socket);
+  server_->deafenSockets(Recipients::socket(id));
   socket->send("freeze");
-  ASSERT_TRUE(server.waitForConnection()->waitForFrames(1));
+  ASSERT_TRUE(waitFor(id, [](const SocketInfo& s) { return s.framesReceived == 1; }));
   socket->disconnect(SocketCloseCode::normalClosure);
   EXPECT_EQ(SocketCloseCode::normalClosure, delegate_->waitForDisconnect());
 }
@@ -325,26 +366,27 @@ TEST_F(WebSocketTest, TheClosingHandshakeIsBoundedWhenThePeerStopsListening) {
 // --- Sending ---
 
 TEST_F(WebSocketTest, ThousandsOfSendsArriveInOrder) {
-  WebSocketTestServer server;
-  auto socket = makeSocket(server.url("/ws"));
-  auto connection = open(*socket, server);
-  ASSERT_TRUE(connection);
+  auto socket = makeSocket(url("/ws"));
+  const auto id = openAuthenticated(*socket);
 
   constexpr int kCount = 5000;
   std::vector<std::string> expected;
-  for (int i = 0; i < kCount; ++i) expected.push_back("2{\"id\":" + std::to_string(i) + "}");
+  for (int i = 0; i < kCount; ++i) {
+    expected.push_back(R"(2{"id":)" + std::to_string(i) + R"(,"path":"/echo","method":"GET"})");
+  }
   for (const auto& text : expected) socket->send(text);
-  ASSERT_TRUE(delegate_->waitFor(Kind::message, kCount));
-  EXPECT_EQ(expected, delegate_->messages());  // the echo, read back in order as well
+  ASSERT_TRUE(delegate_->waitFor(Kind::message, kCount + 1));
+  EXPECT_EQ(expected, framesAfterAuth(id));
+  // The answers, read back in order as well.
+  const auto messages = delegate_->messages();
+  for (int i = 0; i < kCount; ++i) {
+    EXPECT_THAT(messages[i + 1], testing::StartsWith("3{\"id\":" + std::to_string(i) + ","));
+  }
 }
 
 TEST_F(WebSocketTest, SendsFromManyThreadsKeepEachThreadsOrder) {
-  WebSocketTestServer::Options serverOptions;
-  serverOptions.echo = false;
-  WebSocketTestServer server(serverOptions);
-  auto socket = makeSocket(server.url("/ws"));
-  auto connection = open(*socket, server);
-  ASSERT_TRUE(connection);
+  auto socket = makeSocket(url("/ws"));
+  const auto id = openAuthenticated(*socket);
 
   constexpr int kThreads = 4;
   constexpr int kEach = 1000;
@@ -355,40 +397,35 @@ TEST_F(WebSocketTest, SendsFromManyThreadsKeepEachThreadsOrder) {
     });
   }
   for (auto& thread : threads) thread.join();
-  ASSERT_TRUE(connection->waitForFrames(kThreads * kEach));
+  ASSERT_TRUE(
+      waitFor(id, [](const SocketInfo& s) { return s.malformedFrames == kThreads * kEach; }));
   std::vector<int> next(kThreads, 0);
-  for (const auto& frame : connection->frames()) {
-    const auto colon = frame.payload.find(':');
-    const int t = std::stoi(frame.payload.substr(0, colon));
-    EXPECT_EQ(next[t]++, std::stoi(frame.payload.substr(colon + 1))) << frame.payload;
+  for (const auto& frame : framesAfterAuth(id)) {
+    const auto colon = frame.find(':');
+    const int t = std::stoi(frame.substr(0, colon));
+    EXPECT_EQ(next[t]++, std::stoi(frame.substr(colon + 1))) << frame;
   }
 }
 
 TEST_F(WebSocketTest, FramesAreWrittenOnlyWhileOpenAndNeverKeptForLater) {
-  WebSocketTestServer::Options serverOptions;
-  serverOptions.echo = false;
-  WebSocketTestServer server(serverOptions);
-  auto socket = makeSocket(server.url("/ws"));
+  auto socket = makeSocket(url("/ws"));
   socket->send("before");
   socket->sendPong();
-  auto connection = open(*socket, server);
-  ASSERT_TRUE(connection);
+  const auto first = openAuthenticated(*socket);
   socket->sendPong();
   socket->send("during");
-  ASSERT_TRUE(connection->waitForFrames(1));
-  EXPECT_TRUE(connection->waitForPongs(1));
+  ASSERT_TRUE(waitFor(first, [](const SocketInfo& s) { return s.framesReceived == 2; }));
+  EXPECT_TRUE(waitFor(first, [](const SocketInfo& s) { return s.pongsReceived == 1; }));
   socket->disconnect(SocketCloseCode::normalClosure);
   ASSERT_TRUE(delegate_->waitForDisconnect());
   socket->send("after");
 
-  connection = open(*socket, server, 1);
-  ASSERT_TRUE(connection);
+  const auto second = openAuthenticated(*socket);
   socket->send("again");
-  ASSERT_TRUE(connection->waitForFrames(1));
-  EXPECT_EQ((std::vector<WebSocketTestServer::Frame>{{true, "during"}}),
-            server.waitForConnection(0)->frames());
-  EXPECT_EQ((std::vector<WebSocketTestServer::Frame>{{true, "again"}}), connection->frames());
-  EXPECT_EQ(1u, server.waitForConnection(0)->pongs());
+  ASSERT_TRUE(waitFor(second, [](const SocketInfo& s) { return s.framesReceived == 2; }));
+  EXPECT_EQ((std::vector<std::string>{"during"}), framesAfterAuth(first));
+  EXPECT_EQ((std::vector<std::string>{"again"}), framesAfterAuth(second));
+  EXPECT_EQ(1u, info(first).pongsReceived);
 }
 
 // --- Opening failures and time limits ---
@@ -401,10 +438,8 @@ TEST_F(WebSocketTest, FailuresToOpenAreReportedAsAbnormalClosureWithTheirCause) 
     EXPECT_THAT(delegate_->errors().at(0), HasSubstr("connecting to ws://127.0.0.1:"));
   }
   {
-    WebSocketTestServer::Options serverOptions;
-    serverOptions.rejectUpgradeWithStatus = 403;
-    WebSocketTestServer server(serverOptions);
-    auto socket = makeSocket(server.url("/ws"));
+    server_->setUpgradeAnswer({.rejectStatus = 403});
+    auto socket = makeSocket(url("/ws"));
     socket->connect();
     EXPECT_EQ(SocketCloseCode::abnormalClosure, delegate_->waitForDisconnect(2));
     EXPECT_THAT(delegate_->errors().at(1), HasSubstr("HTTP 403"));
@@ -413,14 +448,12 @@ TEST_F(WebSocketTest, FailuresToOpenAreReportedAsAbnormalClosureWithTheirCause) 
 }
 
 TEST_F(WebSocketTest, ASilentPeerCannotKeepTheOpeningPendingForEver) {
-  WebSocketTestServer::Options serverOptions;
-  serverOptions.stallHandshake = true;
   for (bool tls : {false, true}) {
-    if (tls) serverOptions.tls = TestCertificates::shared().localhost();
-    WebSocketTestServer server(serverOptions);
+    if (tls) startServer(tlsServer(TestCertificates::shared().localhost()));
+    server_->refuseConnections(std::nullopt, emulator::RefusalMode::stall);
     Options options;
     options.openTimeout = 300ms;
-    auto socket = makeSocket(server.url("/ws"), {}, options);
+    auto socket = makeSocket(url("/ws"), {}, options);
     const auto before = delegate_->disconnects().size();
     socket->connect();
     EXPECT_EQ(SocketCloseCode::abnormalClosure, delegate_->waitForDisconnect(before + 1)) << tls;
@@ -429,18 +462,16 @@ TEST_F(WebSocketTest, ASilentPeerCannotKeepTheOpeningPendingForEver) {
 }
 
 TEST_F(WebSocketTest, AnIdleConnectionIsKeptAliveAndADeafPeerIsDetected) {
-  WebSocketTestServer server;
-  server.setMessageHandler([](auto& connection, const auto&) { connection.stopReading(); });
   Options options;
   options.keepAliveTimeout = 400ms;
-  auto socket = makeSocket(server.url("/ws"), {}, options);
-  auto connection = open(*socket, server);
-  ASSERT_TRUE(connection);
+  auto socket = makeSocket(url("/ws"), {}, options);
+  const auto id = open(*socket);
   // A healthy peer answers the pings the socket sends when nothing arrives.
-  ASSERT_TRUE(connection->waitForPings(3));
+  ASSERT_TRUE(waitFor(id, [](const SocketInfo& s) { return s.pingsReceived >= 3; }));
   EXPECT_TRUE(socket->isConnected());
   EXPECT_EQ(0u, delegate_->count(Kind::disconnected));
   // Once it stops reading, nothing answers, and the connection counts as lost.
+  server_->deafenSockets(Recipients::socket(id));
   socket->send("freeze");
   EXPECT_EQ(SocketCloseCode::abnormalClosure, delegate_->waitForDisconnect());
 }
@@ -448,38 +479,31 @@ TEST_F(WebSocketTest, AnIdleConnectionIsKeptAliveAndADeafPeerIsDetected) {
 // --- Destruction ---
 
 TEST_F(WebSocketTest, DestroyingTheSocketDropsItsConnectionWithoutAnyFurtherCall) {
-  WebSocketTestServer::Options stalling;
-  stalling.stallHandshake = true;
-  WebSocketTestServer stalled(stalling);
-  WebSocketTestServer::Options silent;
-  silent.echo = false;
-  WebSocketTestServer server(silent);
   {
-    auto socket = makeSocket(server.url("/ws"));
-    auto connection = open(*socket, server);
-    ASSERT_TRUE(connection);
+    auto socket = makeSocket(url("/ws"));
+    const auto id = open(*socket);
     for (int i = 0; i < 100; ++i) socket->send("pending " + std::to_string(i));
     socket.reset();  // joins the network thread
-    const auto end = connection->waitForEnd();
+    const auto end = waitForEnd(id);
     ASSERT_TRUE(end);
-    EXPECT_FALSE(end->closeFrame);
+    EXPECT_NE(ClosedBy::client, end->closedBy) << "no close frame";
   }
   {
-    auto socket = makeSocket(stalled.url("/ws"));
+    server_->refuseConnections(std::nullopt, emulator::RefusalMode::stall);
+    auto socket = makeSocket(url("/ws"));
     socket->connect();
-    ASSERT_TRUE(stalled.waitForAccepted(1));
+    ASSERT_TRUE(server_->waitUntil([&] { return server_->counters().connectionsRefused == 1; },
+                                   kDefaultWait));
     socket.reset();
   }
   EXPECT_EQ(1u, delegate_->events().size());  // the first socketDidConnect only
 }
 
 TEST_F(WebSocketTest, ASocketMayBeDestroyedFromInsideItsOwnCallbacks) {
-  WebSocketTestServer server;
-  std::size_t index = 0;
   for (auto kind : {Kind::connected, Kind::message, Kind::disconnected}) {
     auto delegate = std::make_shared<RecordingSocketDelegate>();
     std::mutex mutex;
-    auto socket = makeSocket(server.url("/ws"));
+    auto socket = makeSocket(url("/ws"));
     socket->setDelegate(delegate);
     std::promise<void> destroyed;
     delegate->setHook([&](const RecordingSocketDelegate::Event& event) {
@@ -495,23 +519,18 @@ TEST_F(WebSocketTest, ASocketMayBeDestroyedFromInsideItsOwnCallbacks) {
     {
       std::lock_guard lock(mutex);
       socket->connect();
-      if (kind != Kind::connected) {
-        // The echo of this frame triggers the message case; the server's close the other.
-        delegate->waitForConnect();
-        socket->send("bye");
-      }
     }
-    if (kind == Kind::disconnected) {
-      server.waitForConnection(index)->close(1000);
-    }
-    ASSERT_EQ(std::future_status::ready, destroyed.get_future().wait_for(test::kDefaultWait))
+    const auto previous = last_;
+    const auto id =
+        server_->waitForSocket([&](const SocketInfo& s) { return s.id > previous; }, kDefaultWait);
+    ASSERT_TRUE(id) << name(kind);
+    last_ = id->id;
+    if (kind == Kind::message) server_->sendText(Recipients::socket(last_), "bye");
+    if (kind == Kind::disconnected) server_->closeSockets(Recipients::socket(last_), 1000);
+    ASSERT_EQ(std::future_status::ready, destroyed.get_future().wait_for(kDefaultWait))
         << name(kind);
-    if (kind != Kind::disconnected) {
-      const auto end = server.waitForConnection(index)->waitForEnd();
-      EXPECT_TRUE(end.has_value()) << name(kind);
-    }
+    EXPECT_TRUE(waitForEnd(last_).has_value()) << name(kind);
     EXPECT_EQ("", delegate->contractViolations());
-    ++index;
   }
 }
 
@@ -519,7 +538,7 @@ TEST_F(WebSocketTest, ASocketMayBeDestroyedFromInsideItsOwnCallbacks) {
 
 TEST_F(WebSocketTest, WssWorksWithAPrivateAuthorityForNamesAndAddresses) {
   const auto& certificates = TestCertificates::shared();
-  WebSocketTestServer server(tlsServer(certificates.localhost()));
+  startServer(tlsServer(certificates.localhost()));
   test::TemporaryFile caFile(certificates.caCertificatePem());
 
   Options fromPem;
@@ -531,16 +550,15 @@ TEST_F(WebSocketTest, WssWorksWithAPrivateAuthorityForNamesAndAddresses) {
   std::size_t index = 0;
   for (const auto& [host, options] :
        {std::pair{"localhost", fromPem}, std::pair{"127.0.0.1", fromFile}}) {
-    auto socket = makeSocket(server.url(host, "/wss"), {"kel"}, options);
-    auto connection = open(*socket, server, index);
-    ASSERT_TRUE(connection) << host;
-    socket->send(std::string("over TLS to ") + host);
+    auto socket = makeSocket(url("/wss", host), {"kel"}, options);
+    const auto id = open(*socket);
+    ASSERT_NE(0u, id) << host;
+    server_->sendText(Recipients::socket(id), std::string("over TLS to ") + host);
     ASSERT_TRUE(delegate_->waitFor(Kind::message, index + 1)) << host;
     EXPECT_EQ(std::string("over TLS to ") + host, delegate_->messages().back());
     // SNI names hosts only, never addresses.
-    EXPECT_EQ(
-        std::string(host) == "localhost" ? std::optional<std::string>("localhost") : std::nullopt,
-        connection->serverName());
+    EXPECT_EQ(std::string(host) == "localhost" ? "localhost" : "", info(id).serverName);
+    EXPECT_TRUE(info(id).tls);
     socket->disconnect(SocketCloseCode::normalClosure);
     EXPECT_EQ(SocketCloseCode::normalClosure, delegate_->waitForDisconnect(index + 1));
     ++index;
@@ -550,14 +568,14 @@ TEST_F(WebSocketTest, WssWorksWithAPrivateAuthorityForNamesAndAddresses) {
 
 TEST_F(WebSocketTest, WssOverIpv6Loopback) {
   auto serverOptions = tlsServer(TestCertificates::shared().localhost());
-  serverOptions.address = "::1";
-  WebSocketTestServer server(serverOptions);
+  serverOptions.host = "::1";
+  startServer(std::move(serverOptions));
   Options options;
   options.extraCertificateAuthoritiesPem = TestCertificates::shared().caCertificatePem();
-  auto socket = makeSocket(server.url("/wss"), {}, options);
-  EXPECT_THAT(server.url("/wss"), testing::StartsWith("wss://[::1]:"));
-  ASSERT_TRUE(open(*socket, server));
-  socket->send("v6");
+  auto socket = makeSocket(url("/wss"), {}, options);
+  EXPECT_THAT(url("/wss"), testing::StartsWith("wss://[::1]:"));
+  const auto id = open(*socket);
+  server_->sendText(Recipients::socket(id), "v6");
   ASSERT_TRUE(delegate_->waitFor(Kind::message));
 }
 
@@ -588,8 +606,8 @@ TEST_F(WebSocketTest, CertificatesThatDoNotProveTheServersIdentityAreRefused) {
   };
   std::size_t reports = 0;
   for (const auto& c : cases) {
-    WebSocketTestServer server(tlsServer(c.serverCertificate));
-    auto socket = makeSocket(server.url(c.host, "/wss"), {}, c.options);
+    startServer(tlsServer(c.serverCertificate));
+    auto socket = makeSocket(url("/wss", c.host), {}, c.options);
     socket->connect();
     EXPECT_EQ(SocketCloseCode::tlsHandshakeFailure, delegate_->waitForDisconnect(++reports))
         << c.what;
@@ -599,10 +617,9 @@ TEST_F(WebSocketTest, CertificatesThatDoNotProveTheServersIdentityAreRefused) {
 }
 
 TEST_F(WebSocketTest, WssToAServerThatDoesNotSpeakTlsFailsTheHandshake) {
-  WebSocketTestServer server;  // plain
   Options options;
   options.extraCertificateAuthoritiesPem = TestCertificates::shared().caCertificatePem();
-  auto socket = makeSocket("wss://127.0.0.1:" + std::to_string(server.port()) + "/ws", {}, options);
+  auto socket = makeSocket("wss://127.0.0.1:" + std::to_string(port_) + "/ws", {}, options);
   socket->connect();
   EXPECT_EQ(SocketCloseCode::tlsHandshakeFailure, delegate_->waitForDisconnect());
 }

@@ -14,9 +14,10 @@ CommandLineResult parse(std::vector<std::string_view> arguments) {
 }
 
 TEST(EmulatorCommandLine, FlagsFillTheOptions) {
-  auto result = parse({"--listen", "[::1]:8080", "--ping-period=0.25", "--user", "alice", "--token",
-                       "t1", "--user=bob", "--socket-path", "/ws", "--threads", "2",
-                       "--session-lifetime", "60", "--log-frames"});
+  auto result =
+      parse({"--listen", "[::1]:8080", "--ping-period=0.25", "--user", "alice", "--token", "t1",
+             "--user=bob", "--socket-path", "/ws", "--threads", "2", "--session-lifetime", "60",
+             "--log-frames", "--auth-timeout", "2.5", "--record-frames", "50"});
   ASSERT_TRUE(result.commandLine) << result.error;
   const auto& line = *result.commandLine;
   EXPECT_EQ("::1", line.options.host);
@@ -26,6 +27,9 @@ TEST(EmulatorCommandLine, FlagsFillTheOptions) {
   EXPECT_EQ(2u, line.options.threads);
   EXPECT_EQ(60s, line.options.sessionLifetime);
   EXPECT_TRUE(line.options.logFrames);
+  EXPECT_EQ(2500ms, line.options.authTimeout);
+  EXPECT_EQ(50u, line.options.frameLogLimit);
+  EXPECT_TRUE(line.options.recordFrames);
   ASSERT_EQ(2u, line.users.size());
   EXPECT_EQ("t1", line.users[0].token);
   EXPECT_FALSE(line.users[1].token);
@@ -37,6 +41,10 @@ TEST(EmulatorCommandLine, FlagsFillTheOptions) {
   EXPECT_EQ(30s, defaults.commandLine->options.pingPeriod) << "pings are on for a person";
   EXPECT_EQ(0s, parse({"--ping-period", "0"}).commandLine->options.pingPeriod);
   EXPECT_TRUE(parse({"-h"}).commandLine->help);
+  EXPECT_EQ(10s, defaults.commandLine->options.authTimeout);
+  const auto unrecorded = parse({"--no-record"}).commandLine->options;
+  EXPECT_FALSE(unrecorded.recordFrames);
+  EXPECT_EQ(0u, unrecorded.signInAttemptLimit);
 }
 
 TEST(EmulatorCommandLine, MistakesAreRefusedWithAReason) {
@@ -51,6 +59,9 @@ TEST(EmulatorCommandLine, MistakesAreRefusedWithAReason) {
            {"--ping-period", "-1"},
            {"--ping-period", "soon"},
            {"--threads", "0"},
+           {"--auth-timeout", "-1"},
+           {"--record-frames", "many"},
+           {"--no-record=yes"},
            {"--socket-path", "ws"},
            {"--help=yes"},
            {"--verbose"},

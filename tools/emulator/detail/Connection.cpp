@@ -16,6 +16,7 @@
 #include "ServerClient/Common/Random.h"
 #include "ServerClient/Socket/Model/AuthFrame.h"
 #include "emulator/HttpRouter.h"
+#include "emulator/LogText.h"
 #include "emulator/detail/Server.h"
 
 namespace kel::emulator::detail {
@@ -48,10 +49,16 @@ tcp::socket& tcpSocket(Stream& stream) {
 }
 
 // A reset rather than an orderly close: SO_LINGER with a zero time-out makes close() send RST.
-void resetSocket(tcp::socket& socket) {
+// DropMode::finish ends the connection in order instead (FIN), still without any goodbye of the
+// layers above (close frame, TLS close_notify).
+void resetSocket(tcp::socket& socket, DropMode mode = DropMode::reset) {
   boost::system::error_code ignored;
   if (!socket.is_open()) return;
-  socket.set_option(asio::socket_base::linger(true, 0), ignored);
+  if (mode == DropMode::reset) {
+    socket.set_option(asio::socket_base::linger(true, 0), ignored);
+  } else {
+    socket.shutdown(tcp::socket::shutdown_both, ignored);
+  }
   socket.close(ignored);
 }
 
@@ -73,11 +80,18 @@ std::string firstSubprotocol(std::string_view offered) {
 }
 
 std::string describeFrame(std::string_view data, bool binary) {
-  constexpr std::size_t kShown = 512;
-  std::string text = binary ? "binary(" + std::to_string(data.size()) + " bytes)"
-                            : std::string(data.substr(0, kShown));
-  if (!binary && data.size() > kShown) text += "... (" + std::to_string(data.size()) + " bytes)";
-  return text;
+  return binary ? "binary(" + std::to_string(data.size()) + " bytes)" : frameForLog(data);
+}
+
+// The host name of the client's TLS handshake (SNI).
+template <class Stream>
+std::string serverName(Stream& stream) {
+  if constexpr (kIsTls<Stream>) {
+    const char* name = SSL_get_servername(stream.native_handle(), TLSEXT_NAMETYPE_host_name);
+    return name != nullptr ? std::string(name) : std::string();
+  } else {
+    return {};
+  }
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -90,7 +104,8 @@ class WebSocketSession final : public WebSocketConnection {
       : WebSocketConnection(server, std::move(strand), id), ws_(std::move(stream)) {}
 
   // On the strand.
-  void start(http::request<http::string_body> request) {
+  void start(http::request<http::string_body> request, const UpgradeAnswer& answer,
+             std::string sni) {
     websocket::stream_base::timeout timeouts{};
     timeouts.handshake_timeout = kHandshakeTimeout;
     timeouts.idle_timeout = websocket::stream_base::none();
@@ -102,20 +117,29 @@ class WebSocketSession final : public WebSocketConnection {
     info.id = id_;
     info.tls = kIsTls<Stream>;
     info.path = std::string(request.target());
-    info.subprotocol = firstSubprotocol(request[http::field::sec_websocket_protocol]);
+    info.subprotocol = answer.subprotocol
+                           ? *answer.subprotocol
+                           : firstSubprotocol(request[http::field::sec_websocket_protocol]);
+    for (const auto& field : request) {
+      info.headers.emplace_back(std::string(field.name_string()), std::string(field.value()));
+    }
     info.cookieHeader = std::string(request[http::field::cookie]);
     info.cookies = parseCookieHeader(info.cookieHeader);
     info.remoteAddress = remoteAddress(tcpSocket(ws_));
+    info.serverName = std::move(sni);
     info.kapiId = kapiId_;
 
     ws_.set_option(websocket::stream_base::decorator(
-        [subprotocol = info.subprotocol](websocket::response_type& response) {
+        [subprotocol = info.subprotocol,
+         cookies = answer.setCookies](websocket::response_type& response) {
           response.set(http::field::server, "kel-emulator");
           if (!subprotocol.empty()) response.set(http::field::sec_websocket_protocol, subprotocol);
+          for (const auto& cookie : cookies) response.insert(http::field::set_cookie, cookie);
         }));
     // The callback is owned by ws_, which this object owns: `this` cannot dangle.
     ws_.control_callback([this](websocket::frame_type kind, beast::string_view) {
       if (kind == websocket::frame_type::pong) onPong();
+      if (kind == websocket::frame_type::ping) onPing();
     });
     ws_.async_accept(request, [self = self(), info = std::move(info)](
                                   const boost::system::error_code& error) mutable {
@@ -137,6 +161,7 @@ class WebSocketSession final : public WebSocketConnection {
     accepted_ = true;
     server_.socketOpened(std::static_pointer_cast<WebSocketConnection>(shared_from_this()),
                          std::move(info));
+    startAuthTimer();
     read();
   }
 
@@ -168,20 +193,20 @@ class WebSocketSession final : public WebSocketConnection {
       onBinary(frame);
     }
     buffer_.consume(buffer_.size());
-    if (!isFinished()) read();
+    if (!isFinished() && !isDeaf()) read();
   }
 
   void onReadFailed(const boost::system::error_code& error) {
     if (isFinished()) return;
     if (error == websocket::error::closed) {
       if (closeSent_) {
-        onFinished(ClosedBy::server, closeCode_, closeReason_);
+        onFinished(ClosedBy::server, sentCode(), closeReason_, true);
       } else {
         const auto& reason = ws_.reason();
         // A close frame without a payload carries no code; Beast reports that as "none" (0).
         const auto code = static_cast<std::uint16_t>(reason.code);
         onFinished(ClosedBy::client, code == 0 ? std::nullopt : std::optional<std::uint16_t>(code),
-                   std::string(reason.reason.c_str()));
+                   std::string(reason.reason.c_str()), true);
       }
       return;
     }
@@ -212,11 +237,16 @@ class WebSocketSession final : public WebSocketConnection {
   }
 
   void onCloseDone(const boost::system::error_code& error) {
-    if (!isFinished()) onFinished(ClosedBy::server, closeCode_, closeReason_);
+    if (!isFinished()) onFinished(ClosedBy::server, sentCode(), closeReason_, !error);
     if (error) resetSocket(tcpSocket(ws_));
   }
 
-  void resetStream() override { resetSocket(tcpSocket(ws_)); }
+  // Code 0 sends a close frame without a code.
+  std::optional<std::uint16_t> sentCode() const {
+    return closeCode_ == 0 ? std::nullopt : std::optional<std::uint16_t>(closeCode_);
+  }
+
+  void resetStream(DropMode mode) override { resetSocket(tcpSocket(ws_), mode); }
 
   websocket::stream<Stream> ws_;
   beast::flat_buffer buffer_;
@@ -285,15 +315,40 @@ class HttpSession final : public Connection,
     }
     auto request = parser_->release();
     if (websocket::is_upgrade(request)) {
+      auto upgrade = server_.upgradeAnswer();
+      if (upgrade.rejectStatus != 0) {
+        reject(request, upgrade);
+        return;
+      }
       beast::get_lowest_layer(stream_).expires_never();
+      auto sni = serverName(stream_);
       const auto id = server_.nextSocketId();
       auto session =
           std::make_shared<WebSocketSession<Stream>>(server_, strand_, id, std::move(stream_));
       server_.track(session);
-      session->start(std::move(request));
+      session->start(std::move(request), upgrade, std::move(sni));
       return;
     }
     answer(std::move(request));
+  }
+
+  // An upgrade turned down with UpgradeAnswer::rejectStatus; the connection ends after it.
+  void reject(const http::request<http::string_body>& request, const UpgradeAnswer& upgrade) {
+    if (server_.logging()) {
+      server_.log("upgrade on " + targetForLog(request.target()) + " rejected with " +
+                  std::to_string(upgrade.rejectStatus));
+    }
+    server_.upgradeRejected();
+    auto response = std::make_shared<http::response<http::string_body>>();
+    response->version(request.version());
+    response->result(upgrade.rejectStatus);
+    response->set(http::field::server, "kel-emulator");
+    for (const auto& cookie : upgrade.setCookies) response->insert(http::field::set_cookie, cookie);
+    response->keep_alive(false);
+    response->prepare_payload();
+    http::async_write(stream_, *response,
+                      [self = this->shared_from_this(), response](
+                          const boost::system::error_code&, std::size_t) { self->shutdown(); });
   }
 
   void answer(http::request<http::string_body> request) {
@@ -305,7 +360,9 @@ class HttpSession final : public Connection,
     }
     incoming.cookies = parseCookieHeader(request[http::field::cookie]);
     incoming.body = std::move(request.body());
-    if (server_.logging()) server_.log("HTTP " + incoming.method + " " + incoming.path);
+    if (server_.logging()) {
+      server_.log("HTTP " + incoming.method + " " + targetForLog(incoming.path));
+    }
     auto outgoing = server_.http().handle(std::move(incoming));
     server_.httpRequestServed();
 
@@ -387,14 +444,18 @@ void WebSocketConnection::close(std::uint16_t code, std::string reason) {
   });
 }
 
-void WebSocketConnection::drop() {
-  onStrand([self = shared_from_this()] { self->dropNow(); });
+void WebSocketConnection::drop(DropMode mode) {
+  onStrand([self = shared_from_this(), mode] { self->dropNow(mode); });
 }
 
-void WebSocketConnection::dropNow() {
+void WebSocketConnection::deafen() {
+  onStrand([self = shared_from_this()] { self->deaf_ = true; });
+}
+
+void WebSocketConnection::dropNow(DropMode mode) {
   if (!finished_) onFinished(ClosedBy::dropped, std::nullopt, "dropped");
   queue_.clear();
-  resetStream();
+  resetStream(mode);
 }
 
 void WebSocketConnection::deliver(std::int64_t requestId, Reply reply,
@@ -421,7 +482,7 @@ void WebSocketConnection::shutdown() {
 }
 
 void WebSocketConnection::abort() {
-  dropNow();
+  dropNow(DropMode::reset);
 }
 
 void WebSocketConnection::onText(std::string_view frame) {
@@ -430,18 +491,17 @@ void WebSocketConnection::onText(std::string_view frame) {
     server_.log("socket " + std::to_string(id_) + " <- " + describeFrame(frame, false));
   }
   if (frame.starts_with(kAuthFramePrefix)) {
-    server_.frameReceived(id_, FrameKind::auth, false, frame);
-    handleAuth(frame.substr(kAuthFramePrefix.size()));
+    handleAuth(frame);
     return;
   }
   if (frame.starts_with('2')) {
     if (auto request = parseRequestFrame(frame)) {
-      server_.frameReceived(id_, FrameKind::request, false, frame);
+      server_.frameReceived(id_, FrameKind::request, false, frame, authenticated_);
       handleRequest(std::move(*request));
       return;
     }
   }
-  server_.frameReceived(id_, FrameKind::malformed, false, frame);
+  server_.frameReceived(id_, FrameKind::malformed, false, frame, authenticated_);
   if (server_.logging()) {
     server_.log("socket " + std::to_string(id_) +
                 " ignored a malformed frame: " + describeFrame(frame, false));
@@ -450,7 +510,7 @@ void WebSocketConnection::onText(std::string_view frame) {
 
 void WebSocketConnection::onBinary(std::string_view frame) {
   if (closing_ || finished_) return;
-  server_.frameReceived(id_, FrameKind::malformed, true, frame);
+  server_.frameReceived(id_, FrameKind::malformed, true, frame, authenticated_);
   if (server_.logging()) {
     server_.log("socket " + std::to_string(id_) + " ignored a " + describeFrame(frame, true) +
                 " frame");
@@ -461,8 +521,30 @@ void WebSocketConnection::onPong() {
   server_.pongReceived(id_);
 }
 
-void WebSocketConnection::handleAuth(std::string_view token) {
-  auto session = server_.store().validSession(token);
+void WebSocketConnection::onPing() {
+  server_.pingReceived(id_);
+}
+
+void WebSocketConnection::startAuthTimer() {
+  const auto timeout = server_.options().authTimeout;
+  if (timeout <= std::chrono::milliseconds::zero()) return;
+  authTimer_.emplace(strand_, timeout);
+  authTimer_->async_wait([self = shared_from_this()](const boost::system::error_code& error) {
+    if (error || self->authenticated_ || self->closing_ || self->finished_) return;
+    self->server_.authTimedOut();
+    if (self->server_.logging()) {
+      self->server_.log("socket " + std::to_string(self->id_) + ": no authentication within " +
+                        std::to_string(self->server_.options().authTimeout.count()) + " ms");
+    }
+    self->enqueue(
+        Outgoing{Outgoing::Type::close, nullptr, kAuthTimeoutCloseCode, "authentication timeout"});
+  });
+}
+
+void WebSocketConnection::handleAuth(std::string_view frame) {
+  auto session = server_.store().validSession(frame.substr(kAuthFramePrefix.size()));
+  // Only a frame that authenticated is kept: anonymous clients leave nothing but counts behind.
+  server_.frameReceived(id_, FrameKind::auth, false, frame, session.has_value());
   if (!session) {
     authenticated_ = false;
     server_.authenticationFailed(id_);
@@ -471,6 +553,7 @@ void WebSocketConnection::handleAuth(std::string_view token) {
     return;
   }
   authenticated_ = true;
+  if (authTimer_) authTimer_->cancel();
   sessionToken_ = session->token;
   userId_ = session->userId;
   sessionId_ = session->sessionId;
@@ -501,7 +584,7 @@ void WebSocketConnection::handleRequest(RequestFrame request) {
     if (server_.logging()) {
       server_.log("socket " + std::to_string(id_) + ": fault " + std::string(name(fault->kind())) +
                   " on request " + std::to_string(request.id) + " " + request.method + " " +
-                  request.path);
+                  targetForLog(request.path));
     }
     switch (fault->kind()) {
       case Fault::Kind::delay:
@@ -516,7 +599,7 @@ void WebSocketConnection::handleRequest(RequestFrame request) {
         sendResponse(request.id, fault->reply());
         return;
       case Fault::Kind::dropSocket:
-        dropNow();
+        dropNow(DropMode::reset);
         return;
       case Fault::Kind::closeSocket:
         enqueue(Outgoing{Outgoing::Type::close, nullptr, fault->closeCode(), fault->closeReason()});
@@ -579,7 +662,7 @@ void WebSocketConnection::onWritten(bool ok, std::string_view error) {
   if (!ok) {
     onFinished(ClosedBy::network, std::nullopt, "write failed: " + std::string(error));
     queue_.clear();
-    resetStream();
+    resetStream(DropMode::reset);
     return;
   }
   queue_.pop_front();
@@ -587,9 +670,10 @@ void WebSocketConnection::onWritten(bool ok, std::string_view error) {
 }
 
 void WebSocketConnection::onFinished(ClosedBy closedBy, std::optional<std::uint16_t> code,
-                                     std::string reason) {
+                                     std::string reason, bool clean) {
   if (finished_) return;
   finished_ = true;
+  if (authTimer_) authTimer_->cancel();
   if (server_.logging()) {
     std::string line =
         "socket " + std::to_string(id_) + " closed by " + std::string(name(closedBy));
@@ -597,7 +681,7 @@ void WebSocketConnection::onFinished(ClosedBy closedBy, std::optional<std::uint1
     if (!reason.empty()) line += ": " + reason;
     server_.log(line);
   }
-  server_.socketClosed(id_, closedBy, code, std::move(reason));
+  server_.socketClosed(id_, closedBy, code, std::move(reason), clean);
 }
 
 }  // namespace kel::emulator::detail

@@ -8,7 +8,10 @@
 //                                                 +--> upgrade --> WebSocket connection
 //   WebSocket: accept --> open --+-- client's close frame ---------------> closed (client)
 //                                +-- close(code): queued after the frames --> closed (server)
-//                                +-- drop(): reset at once, queue discarded --> closed (dropped)
+//                                +-- drop(): reset/FIN at once, queue discarded --> closed
+//                                (dropped)
+//                                +-- no valid AUTH within authTimeout: close(4408) ---> closed
+//                                (server)
 //                                +-- read or write fails -------------------> closed (network)
 
 #include <chrono>
@@ -21,7 +24,10 @@
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/asio/strand.hpp>
+
+#include "emulator/Emulator.h"
 
 #include "emulator/Frames.h"
 #include "emulator/Observation.h"
@@ -86,7 +92,9 @@ class WebSocketConnection : public Connection,
   // Any thread.
   void send(std::shared_ptr<const std::string> data, bool binary);
   void close(std::uint16_t code, std::string reason);
-  void drop();
+  void drop(DropMode mode = DropMode::reset);
+  /// Reads nothing more once the read under way completes.
+  void deafen();
   void deliver(std::int64_t requestId, Reply reply, std::chrono::milliseconds delay) override;
 
   void shutdown() override;
@@ -97,13 +105,19 @@ class WebSocketConnection : public Connection,
   void onText(std::string_view frame);
   void onBinary(std::string_view frame);
   void onPong();
+  void onPing();
+  /// Starts the time allowed for authentication.
+  void startAuthTimer();
   void onWritten(bool ok, std::string_view error);
-  void onFinished(ClosedBy closedBy, std::optional<std::uint16_t> code, std::string reason);
+  /// `clean`: the closing handshake completed.
+  void onFinished(ClosedBy closedBy, std::optional<std::uint16_t> code, std::string reason,
+                  bool clean = false);
   bool isFinished() const noexcept { return finished_; }
+  bool isDeaf() const noexcept { return deaf_; }
 
   virtual void startWrite(const Outgoing& frame) = 0;
   virtual void startClose(std::uint16_t code, const std::string& reason) = 0;
-  virtual void resetStream() = 0;
+  virtual void resetStream(DropMode mode) = 0;
 
   const SocketId id_;
   const std::string kapiId_;
@@ -114,10 +128,10 @@ class WebSocketConnection : public Connection,
 
   void enqueue(Outgoing frame);
   void pump();
-  void handleAuth(std::string_view token);
+  void handleAuth(std::string_view frame);
   void handleRequest(RequestFrame request);
   void sendResponse(std::int64_t requestId, const Reply& reply);
-  void dropNow();
+  void dropNow(DropMode mode);
 
   // All on the strand.
   std::deque<Outgoing> queue_;
@@ -125,6 +139,8 @@ class WebSocketConnection : public Connection,
   bool closing_ = false;   // a close frame is queued or on its way; nothing more goes out
   bool finished_ = false;  // the connection has ended and been reported
   bool authenticated_ = false;
+  bool deaf_ = false;
+  std::optional<boost::asio::steady_timer> authTimer_;
   std::string sessionToken_;
   std::string userId_;
   std::string sessionId_;

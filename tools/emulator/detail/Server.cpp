@@ -10,6 +10,8 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/ssl.hpp>
 
+#include "emulator/LogText.h"
+
 namespace kel::emulator::detail {
 
 namespace asio = boost::asio;
@@ -166,6 +168,7 @@ void Server::stop() {
   }
   for (const auto& connection : connections) connection->abort();
   connections.clear();
+  releaseStalled();
   // The close posted above may not have run before the threads stopped; a listener left open
   // would accept connections that nobody serves, and clients would hang instead of being refused.
   {
@@ -213,26 +216,53 @@ void Server::doAccept() {
 void Server::onAccept(Strand strand, const boost::system::error_code& error, tcp::socket socket) {
   if (error == asio::error::operation_aborted || !acceptor_->is_open()) return;
   if (error) {
-    log("accept failed: " + error.message());
+    // Out of descriptors (EMFILE, ENFILE) or memory: the pending connection stays in the backlog,
+    // and the clients already served go on. Back off briefly and try again, logging the episode
+    // once rather than every retry.
+    bool first = false;
+    {
+      std::lock_guard lock(mutex_);
+      first = failedAccepts_++ == 0;
+      ++counters_.acceptFailures;
+      ++version_;
+    }
+    changed_.notify_all();
+    if (first) {
+      log("accept failed: " + error.message() + "; retrying every " +
+          std::to_string(kAcceptRetry.count()) + " ms");
+    }
     auto retry = std::make_shared<asio::steady_timer>(*strand_, kAcceptRetry);
     retry->async_wait([this, retry](const boost::system::error_code& e) {
       if (!e && acceptor_->is_open()) doAccept();
     });
     return;
   }
+  std::uint64_t failedBefore = 0;
+  {
+    std::lock_guard lock(mutex_);
+    failedBefore = std::exchange(failedAccepts_, 0);
+  }
+  if (failedBefore > 0) {
+    log("accepting again after " + std::to_string(failedBefore) + " failed accepts");
+  }
   bool refuse = false;
+  bool stall = false;
   {
     std::lock_guard lock(mutex_);
     refuse = refusing_;
     if (refuse) {
       ++counters_.connectionsRefused;
+      stall = refusalMode_ == RefusalMode::stall;
+      if (stall) stalled_.push_back(std::make_shared<tcp::socket>(std::move(socket)));
     } else {
       ++counters_.connectionsAccepted;
     }
     ++version_;
   }
   changed_.notify_all();
-  if (refuse) {
+  if (stall) {
+    log("stalling a connection");
+  } else if (refuse) {
     boost::system::error_code ignored;
     socket.set_option(asio::socket_base::linger(true, 0), ignored);
     socket.close(ignored);
@@ -337,7 +367,21 @@ void Server::endRefusal(std::uint64_t generation) {
     ++version_;
   }
   changed_.notify_all();
+  releaseStalled();
   log("accepting connections again");
+}
+
+void Server::releaseStalled() {
+  std::vector<std::shared_ptr<tcp::socket>> stalled;
+  {
+    std::lock_guard lock(mutex_);
+    stalled.swap(stalled_);
+  }
+  for (const auto& socket : stalled) {
+    boost::system::error_code ignored;
+    socket->set_option(asio::socket_base::linger(true, 0), ignored);
+    socket->close(ignored);
+  }
 }
 
 bool Server::isRefusingConnections() const {
@@ -381,14 +425,34 @@ std::size_t Server::closeSockets(const Recipients& which, std::uint16_t code, st
   return targets.size();
 }
 
-std::size_t Server::dropSockets(const Recipients& which) {
+std::size_t Server::dropSockets(const Recipients& which, DropMode mode) {
   std::vector<std::shared_ptr<WebSocketConnection>> targets;
   {
     std::lock_guard lock(mutex_);
     targets = select(which, true);
   }
-  for (const auto& target : targets) target->drop();
+  for (const auto& target : targets) target->drop(mode);
   return targets.size();
+}
+
+std::size_t Server::deafenSockets(const Recipients& which) {
+  std::vector<std::shared_ptr<WebSocketConnection>> targets;
+  {
+    std::lock_guard lock(mutex_);
+    targets = select(which, true);
+  }
+  for (const auto& target : targets) target->deafen();
+  return targets.size();
+}
+
+void Server::setUpgradeAnswer(UpgradeAnswer answer) {
+  std::lock_guard lock(mutex_);
+  upgradeAnswer_ = std::move(answer);
+}
+
+UpgradeAnswer Server::upgradeAnswer() const {
+  std::lock_guard lock(mutex_);
+  return upgradeAnswer_;
 }
 
 void Server::armFault(Fault fault, RequestFilter filter, std::optional<std::size_t> count) {
@@ -453,6 +517,7 @@ std::vector<ReceivedFrame> Server::receivedFrames(std::optional<SocketId> id) co
 void Server::clearReceivedFrames() {
   std::lock_guard lock(mutex_);
   frames_.clear();
+  frameBytes_ = 0;
 }
 
 Counters Server::counters() const {
@@ -497,7 +562,7 @@ SocketId Server::nextSocketId() {
 void Server::socketOpened(const std::shared_ptr<WebSocketConnection>& connection, SocketInfo info) {
   if (logging()) {
     log("socket " + std::to_string(info.id) + " opened from " + info.remoteAddress + " on " +
-        info.path + (info.subprotocol.empty() ? "" : " (" + info.subprotocol + ")"));
+        targetForLog(info.path) + (info.subprotocol.empty() ? "" : " (" + info.subprotocol + ")"));
   }
   {
     std::lock_guard lock(mutex_);
@@ -512,7 +577,7 @@ void Server::socketOpened(const std::shared_ptr<WebSocketConnection>& connection
 }
 
 void Server::socketClosed(SocketId id, ClosedBy closedBy, std::optional<std::uint16_t> code,
-                          std::string reason) {
+                          std::string reason, bool clean) {
   {
     std::lock_guard lock(mutex_);
     auto it = sockets_.find(id);
@@ -522,6 +587,7 @@ void Server::socketClosed(SocketId id, ClosedBy closedBy, std::optional<std::uin
     entry.info.closedBy = closedBy;
     entry.info.closeCode = code;
     entry.info.closeReason = std::move(reason);
+    entry.info.cleanClose = clean;
     entry.connection.reset();
     closedSockets_.push_back(id);
     while (closedSockets_.size() > kClosedSocketsKept) {
@@ -533,7 +599,8 @@ void Server::socketClosed(SocketId id, ClosedBy closedBy, std::optional<std::uin
   changed_.notify_all();
 }
 
-void Server::frameReceived(SocketId id, FrameKind kind, bool binary, std::string_view data) {
+void Server::frameReceived(SocketId id, FrameKind kind, bool binary, std::string_view data,
+                           bool keep) {
   {
     std::lock_guard lock(mutex_);
     if (auto it = sockets_.find(id); it != sockets_.end()) {
@@ -544,9 +611,16 @@ void Server::frameReceived(SocketId id, FrameKind kind, bool binary, std::string
     }
     if (kind == FrameKind::request) ++counters_.requests;
     if (kind == FrameKind::malformed) ++counters_.malformedFrames;
-    if (options_.recordFrames && options_.frameLogLimit > 0) {
-      frames_.push_back(ReceivedFrame{id, kind, binary, std::string(data)});
-      while (frames_.size() > options_.frameLogLimit) frames_.pop_front();
+    if (keep && options_.recordFrames && options_.frameLogLimit > 0) {
+      const auto kept =
+          std::min({data.size(), options_.recordedPayloadBytes, options_.frameLogBytes});
+      frames_.push_back(
+          ReceivedFrame{id, kind, binary, std::string(data.substr(0, kept)), data.size()});
+      frameBytes_ += kept;
+      while (frames_.size() > options_.frameLogLimit || frameBytes_ > options_.frameLogBytes) {
+        frameBytes_ -= frames_.front().data.size();
+        frames_.pop_front();
+      }
     }
     ++version_;
   }
@@ -557,6 +631,33 @@ void Server::pongReceived(SocketId id) {
   {
     std::lock_guard lock(mutex_);
     if (auto it = sockets_.find(id); it != sockets_.end()) ++it->second.info.pongsReceived;
+    ++version_;
+  }
+  changed_.notify_all();
+}
+
+void Server::pingReceived(SocketId id) {
+  {
+    std::lock_guard lock(mutex_);
+    if (auto it = sockets_.find(id); it != sockets_.end()) ++it->second.info.pingsReceived;
+    ++version_;
+  }
+  changed_.notify_all();
+}
+
+void Server::authTimedOut() {
+  {
+    std::lock_guard lock(mutex_);
+    ++counters_.authTimeouts;
+    ++version_;
+  }
+  changed_.notify_all();
+}
+
+void Server::upgradeRejected() {
+  {
+    std::lock_guard lock(mutex_);
+    ++counters_.upgradesRejected;
     ++version_;
   }
   changed_.notify_all();
@@ -621,7 +722,7 @@ void Server::httpRequestServed() {
 void Server::log(std::string_view line) const {
   if (!options_.log) return;
   try {
-    options_.log(line);
+    options_.log(escapeForLog(line));
   } catch (...) {
     // A failing log sink must not take a network thread down.
   }

@@ -61,7 +61,10 @@ class Server {
   std::size_t sendTo(const Recipients& to, Outgoing::Type type, std::string data,
                      std::uint64_t SocketInfo::*counter = nullptr);
   std::size_t closeSockets(const Recipients& which, std::uint16_t code, std::string reason);
-  std::size_t dropSockets(const Recipients& which);
+  std::size_t dropSockets(const Recipients& which, DropMode mode);
+  std::size_t deafenSockets(const Recipients& which);
+  void setUpgradeAnswer(UpgradeAnswer answer);
+  UpgradeAnswer upgradeAnswer() const;
 
   void armFault(Fault fault, RequestFilter filter, std::optional<std::size_t> count);
   void clearFaults();
@@ -85,9 +88,13 @@ class Server {
   SocketId nextSocketId();
   void socketOpened(const std::shared_ptr<WebSocketConnection>& connection, SocketInfo info);
   void socketClosed(SocketId id, ClosedBy closedBy, std::optional<std::uint16_t> code,
-                    std::string reason);
-  void frameReceived(SocketId id, FrameKind kind, bool binary, std::string_view data);
+                    std::string reason, bool clean);
+  /// `keep`: whether the frame may be kept (it comes from an authenticated socket).
+  void frameReceived(SocketId id, FrameKind kind, bool binary, std::string_view data, bool keep);
   void pongReceived(SocketId id);
+  void pingReceived(SocketId id);
+  void authTimedOut();
+  void upgradeRejected();
   void socketAuthenticated(SocketId id, const Session& session, const std::string& kapiId);
   void authenticationFailed(SocketId id);
   void responseQueued(SocketId id);
@@ -119,6 +126,7 @@ class Server {
                 boost::asio::ip::tcp::socket socket);
   void schedulePing();
   void endRefusal(std::uint64_t generation);
+  void releaseStalled();
 
   const Options options_;
   SessionStore store_;
@@ -136,6 +144,11 @@ class Server {
   std::map<SocketId, Entry> sockets_;
   std::deque<SocketId> closedSockets_;  // oldest first, for forgetting
   std::deque<ReceivedFrame> frames_;
+  std::size_t frameBytes_ = 0;  // the payload bytes in frames_
+  UpgradeAnswer upgradeAnswer_;
+  // Connections held without a word while refusing with RefusalMode::stall.
+  std::vector<std::shared_ptr<boost::asio::ip::tcp::socket>> stalled_;
+  std::uint64_t failedAccepts_ = 0;  // in a row; logged when they start and end
   Counters counters_;
   std::vector<ArmedFault> faults_;
   std::atomic<std::size_t> armedCount_{0};  // faults_.size(), readable without the mutex
