@@ -1,23 +1,17 @@
 #include "emulator/LogText.h"
 
-#include <cctype>
-#include <cstdio>
-
 #include <nlohmann/json.hpp>
 
+#include "ServerClient/Common/SafeText.h"
 #include "ServerClient/Socket/Model/AuthFrame.h"
 
 namespace kel::emulator {
 
 namespace {
 
+// The client library's rule for which names hold secrets, so both sides of a session agree.
 bool namesASecret(std::string_view name) {
-  std::string lower(name);
-  for (auto& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  for (std::string_view word : {"token", "password", "secret", "cookie", "authorization"}) {
-    if (lower.find(word) != std::string::npos) return true;
-  }
-  return false;
+  return isSecretName(name);
 }
 
 void redactMembers(nlohmann::json& value) {
@@ -37,21 +31,7 @@ void redactMembers(nlohmann::json& value) {
 }  // namespace
 
 std::string escapeForLog(std::string_view text) {
-  std::string escaped;
-  escaped.reserve(text.size());
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte == '\n') {
-      escaped += "\\n";
-    } else if (byte < 0x20 || byte == 0x7f) {
-      char hex[5];
-      std::snprintf(hex, sizeof hex, "\\x%02x", byte);
-      escaped += hex;
-    } else {
-      escaped += c;
-    }
-  }
-  return escaped;
+  return escapeControlCharacters(text);
 }
 
 std::string redactSecret(std::string_view secret) {

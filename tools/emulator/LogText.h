@@ -9,9 +9,9 @@
 
 namespace kel::emulator {
 
-/// The text with each control character (C0 and DEL) escaped: a newline as the two characters
-/// "\n", every other one as "\xNN" (two lower-case hex digits). A backslash stays as it is; other
-/// bytes, UTF-8 included, pass unchanged.
+/// The text with each control character (C0, DEL and C1) and each byte that is not UTF-8 escaped:
+/// a newline as the two characters "\n", every other one as "\xNN". A backslash stays as it is;
+/// printable text, UTF-8 included, passes unchanged.
 std::string escapeForLog(std::string_view text);
 
 /// A secret as a log may show it: at most its first four characters (none of a short one), then
