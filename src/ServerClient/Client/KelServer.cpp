@@ -290,38 +290,30 @@ rx::Single<AuthenticationData> KelServer::connect(std::string token) {
 
   std::weak_ptr<KelServer> weak = weak_from_this();
   std::weak_ptr<AuthService> weakAuth = authService;
-  return rx::Single<AuthenticationData>::deferred(
-             [weakAuth, token = std::move(token), url = kelURL_, appVersion = appVersion_] {
-               auto auth = weakAuth.lock();
-               if (!auth) {
-                 return rx::Single<AuthenticationData>::error(
-                     std::make_exception_ptr(ServiceProvider::serviceNotFound()));
-               }
-               return auth->registerUser(token, url, appVersion);
-             })
-      .map([weak](AuthenticationData data) {
-        if (auto self = weak.lock()) {
-          if (auto error = self->options_.userDefaults->setBool(true, keychainService())) {
-            KEL_LOG_ERROR("connect(using:)", "Error saving the restore flag: " + error.message());
-          }
-          self->saveToken(data, "connect(using:)");
-          self->onNewAuthenticationData(data);
-        }
-        return data;
-      })
-      .subscribeOn(userInitiatedScheduler())
-      .observeOn(options_.mainScheduler)
-      .doOnSuccess([](const AuthenticationData& data) {
-        KEL_LOG_DEBUG("connect(using:)", "User connected: " + description(data.user));
-      })
-      .doOnError([weak](std::exception_ptr error) {
-        auto self = weak.lock();
-        KEL_LOG_ERROR("connect(using:)",
-                      "Error connecting KEL session >> " +
-                          describeErrorWithSocketFailure(
-                              error, self ? self->socketClient_.value() : nullptr));
-        if (self) self->sessionState_->emit(State::error);
-      });
+  auto chain =
+      rx::Single<AuthenticationData>::deferred(
+          [weakAuth, token = std::move(token), url = kelURL_, appVersion = appVersion_] {
+            auto auth = weakAuth.lock();
+            if (!auth) {
+              return rx::Single<AuthenticationData>::error(
+                  std::make_exception_ptr(ServiceProvider::serviceNotFound()));
+            }
+            return auth->registerUser(token, url, appVersion);
+          })
+          .map([weak](AuthenticationData data) {
+            if (auto self = weak.lock()) {
+              if (auto error = self->options_.userDefaults->setBool(true, keychainService())) {
+                KEL_LOG_ERROR("connect(using:)",
+                              "Error saving the restore flag: " + error.message());
+              }
+              self->saveToken(data, "connect(using:)");
+              self->onNewAuthenticationData(data);
+            }
+            return data;
+          })
+          .subscribeOn(userInitiatedScheduler())
+          .observeOn(options_.mainScheduler);
+  return reportOutcome(std::move(chain), "connect(using:)", "Error connecting KEL session >> ");
 }
 
 rx::Single<AuthenticationData> KelServer::restoreSession(bool shouldCheckBackgroundState) {
@@ -417,27 +409,34 @@ rx::Single<AuthenticationData> KelServer::restoreSession(bool shouldCheckBackgro
         std::string("Should retry restoring KEL session >> ") + (decision ? "true" : "false"));
     return decision;
   };
-  return retry(attempt, 1, RepeatBehavior::delayed(restoreAttempts, restoreDelaySeconds),
-               options_.mainScheduler, shouldRetry)
-      .map([weak](AuthenticationData data) {
-        if (auto self = weak.lock()) {
-          self->onNewAuthenticationData(data);
-          self->saveToken(data, "restoreSession(shouldCheckBackgroundState:)");
-        }
-        return data;
+  auto chain = retry(attempt, 1, RepeatBehavior::delayed(restoreAttempts, restoreDelaySeconds),
+                     options_.mainScheduler, shouldRetry)
+                   .map([weak](AuthenticationData data) {
+                     if (auto self = weak.lock()) {
+                       self->onNewAuthenticationData(data);
+                       self->saveToken(data, "restoreSession(shouldCheckBackgroundState:)");
+                     }
+                     return data;
+                   })
+                   .subscribeOn(scheduler)
+                   .observeOn(options_.mainScheduler);
+  return reportOutcome(std::move(chain), "restoreSession(shouldCheckBackgroundState:)",
+                       "Error restoring KEL session >> ");
+}
+
+rx::Single<AuthenticationData> KelServer::reportOutcome(rx::Single<AuthenticationData> chain,
+                                                        std::string_view function,
+                                                        std::string_view failure) {
+  std::weak_ptr<KelServer> weak = weak_from_this();
+  return chain
+      .doOnSuccess([function](const AuthenticationData& data) {
+        KEL_LOG_DEBUG(function, "User connected: " + description(data.user));
       })
-      .subscribeOn(scheduler)
-      .observeOn(options_.mainScheduler)
-      .doOnSuccess([](const AuthenticationData& data) {
-        KEL_LOG_DEBUG("restoreSession(shouldCheckBackgroundState:)",
-                      "User connected: " + description(data.user));
-      })
-      .doOnError([weak](std::exception_ptr error) {
+      .doOnError([weak, function, failure](std::exception_ptr error) {
         auto self = weak.lock();
-        KEL_LOG_ERROR("restoreSession(shouldCheckBackgroundState:)",
-                      "Error restoring KEL session >> " +
-                          describeErrorWithSocketFailure(
-                              error, self ? self->socketClient_.value() : nullptr));
+        KEL_LOG_ERROR(function, std::string(failure) +
+                                    describeErrorWithSocketFailure(
+                                        error, self ? self->socketClient_.value() : nullptr));
         if (self) self->sessionState_->emit(State::error);
       });
 }

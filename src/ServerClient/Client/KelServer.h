@@ -194,6 +194,10 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
   KeychainTokenItem tokenItem() const;
   std::string storedServerURL() const;
   void saveToken(const AuthenticationData& data, std::string_view function) const;
+  /// Logs how a sign-in or restore chain ended, as `function`, and moves to `error` on failure.
+  /// Both texts are literals.
+  rx::Single<AuthenticationData> reportOutcome(rx::Single<AuthenticationData> chain,
+                                               std::string_view function, std::string_view failure);
   rx::SchedulerPtr userInitiatedScheduler() const;
   std::optional<GenericError> cleartextSocketError() const;
 
