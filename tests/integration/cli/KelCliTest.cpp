@@ -51,8 +51,8 @@ std::string quoted(const std::string& text) {
 /// stderr. A kel still running after 60 s is killed and fails the test.
 KelRun runKel(const std::vector<std::string>& arguments, const fs::path& configHome) {
   const std::string errors = configHome.string() + ".err";
-  std::string command = "XDG_CONFIG_HOME=" + quoted(configHome) + " timeout -s KILL 60 " +
-                        quoted(KEL_CLI_PATH);
+  std::string command =
+      "XDG_CONFIG_HOME=" + quoted(configHome) + " timeout -s KILL 60 " + quoted(KEL_CLI_PATH);
   for (const auto& argument : arguments) command += " " + quoted(argument);
   command += " 2>" + quoted(errors);
   KelRun run;
@@ -62,7 +62,8 @@ KelRun runKel(const std::vector<std::string>& arguments, const fs::path& configH
     return run;
   }
   char buffer[4096];
-  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) run.out.append(buffer, n);
+  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+    run.out.append(buffer, n);
   const int status = ::pclose(pipe);
   run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   std::ostringstream err;

@@ -31,7 +31,9 @@ std::string uniqueService() {
   return "io.kelclient.test." + std::to_string(random()) + std::to_string(random());
 }
 
-fs::path testBinary() { return fs::read_symlink("/proc/self/exe"); }
+fs::path testBinary() {
+  return fs::read_symlink("/proc/self/exe");
+}
 
 /// Runs the disabled KeychainChild test `name` in a new process of this binary, behind the shell
 /// words of `prefix` (environment changes, a wrapper). A hung child and its daemons are killed.
@@ -44,7 +46,8 @@ void runChildTest(const std::string& name, const std::string& prefix) {
   ASSERT_NE(nullptr, pipe);
   std::string output;
   char buffer[4096];
-  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) output.append(buffer, n);
+  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+    output.append(buffer, n);
   const int status = ::pclose(pipe);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << output;
   // A filter that matched nothing would pass as well.

@@ -125,10 +125,13 @@ TEST_F(AuthServiceTest, EachServerAnswerBecomesItsResult) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::to_string(c.status) + " " + c.body.substr(0, 30));
-    http_->setResponder([&](const platform::HTTPRequest&) { return Outcome::respond(c.status, c.body); });
+    http_->setResponder(
+        [&](const platform::HTTPRequest&) { return Outcome::respond(c.status, c.body); });
     const auto error = outcome(service->login("x-secret-1", base(), "1")).second;
     EXPECT_EQ(c.kind, cli::errorKind(error)) << describeError(error);
-    if (!c.description.empty()) EXPECT_EQ(c.description, describeError(error));
+    if (!c.description.empty()) {
+      EXPECT_EQ(c.description, describeError(error));
+    }
   }
 
   // Transport failures arrive wrapped; a malformed URL is refused without a request.
