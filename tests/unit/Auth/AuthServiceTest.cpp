@@ -130,7 +130,8 @@ TEST_F(AuthServiceTest, EachServerAnswerBecomesItsResult) {
     const auto error = outcome(service->login("x-secret-1", base(), "1")).second;
     EXPECT_EQ(c.kind, cli::errorKind(error)) << describeError(error);
     if (!c.description.empty()) {
-      EXPECT_EQ(c.description, describeError(error));
+      ASSERT_NE(nullptr, errorAs<AuthError>(error));
+      EXPECT_EQ(c.description, errorAs<AuthError>(error)->description());
     }
   }
 
