@@ -118,6 +118,12 @@ class KelServerTest : public ::testing::Test {
     ASSERT_EQ(1u, result.values().size()) << describeError(result.error());
   }
 
+  void suspend() {
+    server_->suspend();
+    scheduler_->advanceBy(0s);
+    signIns_ = 0;
+  }
+
   std::size_t count(const std::string& request) const {
     return static_cast<std::size_t>(std::count(requests_.begin(), requests_.end(), request));
   }
@@ -187,9 +193,7 @@ TEST_F(KelServerTest, RenewsEvery20SecondsWhileConnectedWithOneLoopPerConnectedP
 
 TEST_F(KelServerTest, RestoreRetriesEveryTwoSecondsUpToThirtyAttempts) {
   signIn();
-  server_->suspend();
-  scheduler_->advanceBy(0s);
-  signIns_ = 0;
+  suspend();
 
   failuresLeft_ = 29;
   StreamRecorder restored(server_->restoreSession(false));
@@ -201,9 +205,7 @@ TEST_F(KelServerTest, RestoreRetriesEveryTwoSecondsUpToThirtyAttempts) {
   ASSERT_EQ(1u, restored.values().size()) << describeError(restored.error());
 
   // Thirty failures: the thirtieth is the answer, a thirty-first attempt never comes.
-  server_->suspend();
-  scheduler_->advanceBy(0s);
-  signIns_ = 0;
+  suspend();
   failuresLeft_ = 100;
   StreamRecorder failed(server_->restoreSession(false));
   scheduler_->advanceBy(120s);
@@ -214,9 +216,7 @@ TEST_F(KelServerTest, RestoreRetriesEveryTwoSecondsUpToThirtyAttempts) {
 
 TEST_F(KelServerTest, RestoreStopsAtWrongCredentialsAndInTheBackground) {
   signIn();
-  server_->suspend();
-  scheduler_->advanceBy(0s);
-  signIns_ = 0;
+  suspend();
 
   // A server that no longer knows the stored token: one attempt, not thirty over a minute.
   failuresLeft_ = 100;
@@ -371,8 +371,7 @@ TEST_F(KelServerTest, ASocketClosedNormallyDuringSignInIsAConnectionErrorThatSay
 TEST_F(KelServerTest, LogLinesNameTheOperationThatWroteThem) {
   testing::LogCapture log;
   signIn();
-  server_->suspend();
-  scheduler_->advanceBy(0s);
+  suspend();
   failuresLeft_ = 1;
   failureStatus_ = 404;
   StreamRecorder restored(server_->restoreSession(false));
