@@ -7,6 +7,7 @@
 #include "ServerClient/Common/Decoding.h"
 #include "ServerClient/Common/SDKError.h"
 #include "ServerClient/Utils/UnretainedError.h"
+#include "cli/Output.h"
 #include "support/FakeSocketClient.h"
 #include "support/SignInAnswer.h"
 
@@ -53,6 +54,8 @@ TEST_F(AuthServiceTest, RegisterPostsTheTokenThenConnectsAndReadsThePermissions)
   ASSERT_TRUE(data) << describeError(error);
   ASSERT_TRUE(data->permissions);
   EXPECT_TRUE(data->permissions->recordingTypeGranted("all"));
+  EXPECT_EQ("/permissions", socket->requests().at(0).at("path"));
+  EXPECT_EQ("GET", socket->requests().at(0).at("method"));
 
   const auto requests = http_->requests();
   ASSERT_EQ(1u, requests.size());
@@ -61,15 +64,21 @@ TEST_F(AuthServiceTest, RegisterPostsTheTokenThenConnectsAndReadsThePermissions)
                                                     {"Accept", "application/json"}}),
             requests[0].headerFields);
   EXPECT_EQ(std::chrono::milliseconds(60'000), requests[0].timeout);
-  const auto body = nlohmann::json::parse(requests[0].body);
+  auto body = nlohmann::json::parse(requests[0].body);
   EXPECT_EQ("outside", body.at("token"));
-  // A device without an identifier is a new device every time.
-  outcome(service->login("outside", base(), "4.2.0"));
-  EXPECT_NE(body.at("context").at("deviceId"),
-            nlohmann::json::parse(http_->requests().at(1).body).at("context").at("deviceId"));
+  const auto deviceId = body["context"]["deviceId"];
+  body["context"].erase("deviceId");
+  EXPECT_EQ((nlohmann::json{{"location", "https://kel.example.com/api"},
+                            {"platform", "Linux"},
+                            {"useragent", "Linux 1.0;ModelID - x86_64;App version 4.2.0"}}),
+            body["context"]);
 
-  EXPECT_EQ("/permissions", socket->requests().at(0).at("path"));
-  EXPECT_EQ("GET", socket->requests().at(0).at("method"));
+  // The base URL is used exactly as configured; a device without an identifier is a new device
+  // every time.
+  outcome(service->login("outside", boost::urls::url("https://kel.example.com/api/"), "4.2.0"));
+  EXPECT_EQ("https://kel.example.com/api//login", http_->requests().at(1).url.buffer());
+  EXPECT_NE(deviceId,
+            nlohmann::json::parse(http_->requests().at(1).body).at("context").at("deviceId"));
 }
 
 TEST_F(AuthServiceTest, SocketStepFailures) {
@@ -93,47 +102,51 @@ TEST_F(AuthServiceTest, SocketStepFailures) {
   EXPECT_NE(nullptr, errorAs<UnretainedError>(late));
 }
 
-TEST_F(AuthServiceTest, HttpFailuresAreAdaptedAndTransportErrorsWrapped) {
+TEST_F(AuthServiceTest, EachServerAnswerBecomesItsResult) {
   auto service = makeService(nullptr);
+  // A refusal says "Wrong credentials", with the status and what the body says, but never a
+  // secret and never a page of text. An error document means the same whatever the status.
+  const struct {
+    int status;
+    std::string body, kind, description;
+  } cases[] = {
+      {401, R"({"message":"unknown x-secret-1","access_token":"T9","Set-Cookie":"c=1"})",
+       "auth/Wrong credentials",
+       R"(HTTP 401: {"message":"unknown <redacted>","access_token":"<redacted>",)"
+       R"("Set-Cookie":"<redacted>"})"},
+      {403, std::string(500, 'a'), "auth/Wrong credentials",
+       "HTTP 403: " + std::string(200, 'a') + "… (500 bytes)"},
+      {500, R"({"type": "Wrong credentials", "message": "no"})", "auth/Wrong credentials", ""},
+      {404, "{}", "connection/notFound", ""},
+      {502, "<html>bad gateway</html>", "generic/decoding", ""},
+      {200, "", "generic/invalidResponse", ""},
+      {200, R"({"access_token": "T1"})", "generic/decoding", ""},
+      {500, kAnswer, "none", ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.status) + " " + c.body.substr(0, 30));
+    http_->setResponder(
+        [&](const platform::HTTPRequest&) { return Outcome::respond(c.status, c.body); });
+    const auto error = outcome(service->login("x-secret-1", base(), "1")).second;
+    EXPECT_EQ(c.kind, cli::errorKind(error)) << describeError(error);
+    if (!c.description.empty()) {
+      ASSERT_NE(nullptr, errorAs<AuthError>(error));
+      EXPECT_EQ(c.description, errorAs<AuthError>(error)->description());
+    }
+  }
+
+  // Transport failures arrive wrapped; a malformed URL is refused without a request.
   const auto failed = std::make_exception_ptr(
       platform::HTTPClientError(platform::HTTPClientError::Kind::timedOut, {}, "slow"));
   http_->setResponder([&](const platform::HTTPRequest&) { return Outcome::fail(failed); });
   const auto transport = outcome(service->login("x", base(), "1")).second;
   ASSERT_NE(nullptr, errorAs<GenericError>(transport));
   EXPECT_EQ(failed, errorAs<GenericError>(transport)->type().underlyingError());
-
+  const auto requests = http_->requests().size();
   const auto invalid = outcome(service->post("not a url", "{}")).second;
   ASSERT_NE(nullptr, errorAs<GenericError>(invalid));
   EXPECT_EQ(GenericErrorType::invalidURL("not a url"), errorAs<GenericError>(invalid)->type());
-  EXPECT_EQ(1u, http_->requests().size());
-
-  // The server refuses the token: "Wrong credentials", with the status and what the body says,
-  // but never a secret and never a page of text.
-  struct Refusal {
-    int status;
-    std::string body;
-    std::string description;
-  };
-  const std::vector<Refusal> refusals = {
-      {401, R"({"message":"unknown x-secret-1","access_token":"T9","Set-Cookie":"c=1"})",
-       R"(HTTP 401: {"message":"unknown <redacted>","access_token":"<redacted>",)"
-       R"("Set-Cookie":"<redacted>"})"},
-      {403, std::string(500, 'a'), "HTTP 403: " + std::string(200, 'a') + "… (500 bytes)"},
-  };
-  for (const auto& [status, body, description] : refusals) {
-    http_->setResponder(
-        [&](const platform::HTTPRequest&) { return Outcome::respond(status, body); });
-    const auto refused = outcome(service->login("x-secret-1", base(), "1")).second;
-    const auto* wrong = errorAs<AuthError>(refused);
-    ASSERT_NE(nullptr, wrong) << describeError(refused);
-    EXPECT_EQ(AuthErrorType::wrongCredentials, wrong->type());
-    EXPECT_EQ(description, wrong->description());
-  }
-  http_->setResponder([](const platform::HTTPRequest&) { return Outcome::respond(404, "{}"); });
-  const auto missing = outcome(service->login("x", base(), "1")).second;
-  const auto* notFound = errorAs<ConnectionError>(missing);
-  ASSERT_NE(nullptr, notFound);
-  EXPECT_EQ(ConnectionErrorType::notFound, notFound->type());
+  EXPECT_EQ(requests, http_->requests().size());
 }
 
 TEST_F(AuthServiceTest, DisposingASignInLetsTheExchangeFinishAndDropsItsResult) {
@@ -157,10 +170,8 @@ TEST_F(AuthServiceTest, UnregisterDeletesTheSession) {
   socket->queueReply(testing::FakeSocketClient::Reply::withBody(nlohmann::json::object()));
   auto service = makeService(socket);
   auto user = from<AuthenticationData>(kAnswer);
-  const auto [done, error] = outcome(service->unregister(user));
   // A reply without a resource (the socket closed) is a failure, not a success.
-  EXPECT_FALSE(done);
-  EXPECT_NE(nullptr, error);
+  EXPECT_NE(nullptr, outcome(service->unregister(user)).second);
   EXPECT_TRUE(outcome(service->unregister(user)).first.has_value());
   EXPECT_EQ("/sessions/S1", socket->requests().at(0).at("path"));
   EXPECT_EQ("DELETE", socket->requests().at(0).at("method"));

@@ -50,11 +50,6 @@ TEST_F(ServerStateTest, MapsSocketStatesToFacadeStates) {
   state_->emit(disconnected);
   socket_.onNext(SocketState::authenticated());
   EXPECT_EQ(connected, states_.back());
-
-  // An empty session emits nothing.
-  const auto count = states_.size();
-  state_->setUserSession(std::nullopt);
-  EXPECT_EQ(count, states_.size());
 }
 
 TEST_F(ServerStateTest, AnExpectedCloseAsksForANewSessionOnceUntilTheNextAuthentication) {
@@ -66,13 +61,6 @@ TEST_F(ServerStateTest, AnExpectedCloseAsksForANewSessionOnceUntilTheNextAuthent
   EXPECT_FALSE(state_->isLogout());
   socket_.onNext(SocketState::disconnected(Reason::expectedClose));
   EXPECT_EQ(2, needsNewSession_);
-
-  // A logout in progress closes without the signal.
-  socket_.onNext(SocketState::authenticated());
-  state_->setIsLogout(true);
-  socket_.onNext(SocketState::disconnected(Reason::expectedClose));
-  EXPECT_EQ(2, needsNewSession_);
-  EXPECT_EQ(disconnected, states_.back());
 }
 
 TEST_F(ServerStateTest, FollowsOnlyTheLatestSocketAndNothingOnceGone) {

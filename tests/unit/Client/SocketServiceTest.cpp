@@ -42,8 +42,6 @@ TEST_F(SocketServiceTest, AnEmptySlotFailsAtOnceAndAClientPutThereLaterIsUsed) {
   const auto* error = errorAs<ConnectionError>(missing.error());
   ASSERT_NE(nullptr, error);
   EXPECT_EQ(ConnectionErrorType::noSocketClient, error->type());
-  EXPECT_EQ(-1, error->code());
-  EXPECT_EQ("", error->description());
 
   slot_.accept(client_);
   StreamRecorder sent(service_.sendRequestOrError(request(2)));
@@ -51,9 +49,7 @@ TEST_F(SocketServiceTest, AnEmptySlotFailsAtOnceAndAClientPutThereLaterIsUsed) {
       (nlohmann::json{{"id", 2}, {"path", "/things"}, {"method", "GET"}, {"body", {{"k", "v"}}}}),
       client_->lastRequest());
   EXPECT_TRUE(client_->respond(2, {{"ok", true}}));
-  ASSERT_EQ(1u, sent.values().size());
-  EXPECT_EQ((Resource{"2", R"({"ok":true})"}), sent.values().front());
-  EXPECT_TRUE(sent.completed());
+  EXPECT_EQ((std::vector{Resource{"2", R"({"ok":true})"}}), sent.values());
 
   // Emptying the slot again stops the service from reaching the old client.
   slot_.accept(nullptr);

@@ -60,7 +60,7 @@ TEST_F(KeychainTokenItemTest, SavingTwiceKeepsOnePairWithTheLatestValues) {
                                               Field(&KeychainItem::service, kURLService)));
 }
 
-TEST_F(KeychainTokenItemTest, ReadNeedsTheTokenItemButNotAReadableURL) {
+TEST_F(KeychainTokenItemTest, ReadNeedsAUTF8TokenButNotAReadableURLAndReportsOtherFailures) {
   put(kURLService, "https://a.example/");
   EXPECT_EQ(thrownBy([&] { item_.readToken(); }), KeychainError::noToken());
 
@@ -70,14 +70,11 @@ TEST_F(KeychainTokenItemTest, ReadNeedsTheTokenItemButNotAReadableURL) {
   ASSERT_EQ(keychain_->deleteItems({kURLService, std::nullopt}), platform::errSecSuccess);
   EXPECT_EQ(item_.readToken(), (KeychainTokenItem::StoredToken{"token", ""}));
 
-  put(kURLService, "\xff\xfe");
-  EXPECT_EQ(item_.readToken(), (KeychainTokenItem::StoredToken{"token", ""}));
-
   keychain_->injectFailure(Call::copyMatching, kURLService, platform::errSecInteractionNotAllowed);
   EXPECT_EQ(item_.readToken(), (KeychainTokenItem::StoredToken{"token", ""}));
-}
 
-TEST_F(KeychainTokenItemTest, ReadRejectsNonUTF8TokenAndReportsOtherFailuresWithTheirStatus) {
+  // A token that is not UTF-8 is refused; any other failure is reported with its status.
+  item_.deleteItem();
   put(kService, "tok\xc0\xafn");
   EXPECT_EQ(thrownBy([&] { item_.readToken(); }), KeychainError::unexpectedTokenData());
 
@@ -103,11 +100,6 @@ TEST_F(KeychainTokenItemTest, AFailedSaveReportsTheFirstFailedAddAndRollsNothing
        Stored{"new", ""}},
       // The new URL item stays without a token.
       {{{Call::add, kService}},
-       platform::errSecNotAvailable,
-       platform::errSecNotAvailable,
-       std::nullopt},
-      // Both adds run; the URL's status wins.
-      {{{Call::add, kURLService}, {Call::add, kService}},
        platform::errSecNotAvailable,
        platform::errSecNotAvailable,
        std::nullopt},
