@@ -93,19 +93,6 @@ void say(std::string_view text) {
   std::fflush(stream);
 }
 
-std::string errorKind(const std::exception_ptr& error) {
-  if (const auto* auth = errorAs<AuthError>(error)) {
-    return "auth/" + std::string(rawValue(auth->type()));
-  }
-  if (const auto* connection = errorAs<ConnectionError>(error)) {
-    return "connection/" + std::string(rawValue(connection->type()));
-  }
-  if (const auto* generic = errorAs<GenericError>(error)) {
-    return "generic/" + std::string(generic->type().rawValue());
-  }
-  return error ? "other" : "none";
-}
-
 nlohmann::json errorJson(const std::exception_ptr& error) {
   return {{"kind", errorKind(error)}, {"message", describeError(error)}};  // without secrets
 }

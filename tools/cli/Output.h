@@ -34,9 +34,6 @@ void narrateTo(std::FILE* stream);
 /// long-running demo appear as things happen. Safe from any thread.
 void say(std::string_view text);
 
-/// A short, stable name of the error's kind: "auth/Wrong credentials", "connection/timeout",
-/// "generic/notAllowed", ...
-std::string errorKind(const std::exception_ptr& error);
 /// {"kind": errorKind, "message": describeError}.
 nlohmann::json errorJson(const std::exception_ptr& error);
 

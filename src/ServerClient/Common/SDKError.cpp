@@ -140,6 +140,19 @@ std::exception_ptr adaptSDKError<AuthErrorType>(std::exception_ptr error,
   return toSDKError(std::move(error));
 }
 
+std::string errorKind(const std::exception_ptr& error) {
+  if (const auto* auth = errorAs<AuthError>(error)) {
+    return "auth/" + std::string(rawValue(auth->type()));
+  }
+  if (const auto* connection = errorAs<ConnectionError>(error)) {
+    return "connection/" + std::string(rawValue(connection->type()));
+  }
+  if (const auto* generic = errorAs<GenericError>(error)) {
+    return "generic/" + std::string(generic->type().rawValue());
+  }
+  return error ? "other" : "none";
+}
+
 std::string describeError(const std::exception_ptr& error) {
   if (!error) return "no error";
   try {

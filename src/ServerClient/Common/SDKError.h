@@ -204,6 +204,11 @@ const E* errorAs(std::exception_ptr&& error) noexcept = delete;
 /// A readable text of any error, for log lines and messages, without secrets (SafeText.h).
 std::string describeError(const std::exception_ptr& error);
 
+/// A short, stable name of the error's kind, for programs that branch on it or print it:
+/// "auth/Wrong credentials", "connection/timeout", "generic/notAllowed"; "other" for an error
+/// outside the SDK's model and "none" for no error.
+std::string errorKind(const std::exception_ptr& error);
+
 template <class E>
 std::exception_ptr makeError(E error) {
   return std::make_exception_ptr(std::move(error));

@@ -7,7 +7,6 @@
 #include "ServerClient/Common/Decoding.h"
 #include "ServerClient/Common/SDKError.h"
 #include "ServerClient/Utils/UnretainedError.h"
-#include "cli/Output.h"
 #include "support/FakeSocketClient.h"
 #include "support/SignInAnswer.h"
 
@@ -128,7 +127,7 @@ TEST_F(AuthServiceTest, EachServerAnswerBecomesItsResult) {
     http_->setResponder(
         [&](const platform::HTTPRequest&) { return Outcome::respond(c.status, c.body); });
     const auto error = outcome(service->login("x-secret-1", base(), "1")).second;
-    EXPECT_EQ(c.kind, cli::errorKind(error)) << describeError(error);
+    EXPECT_EQ(c.kind, errorKind(error)) << describeError(error);
     if (!c.description.empty()) {
       ASSERT_NE(nullptr, errorAs<AuthError>(error));
       EXPECT_EQ(c.description, errorAs<AuthError>(error)->description());
