@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <deque>
 #include <exception>
-#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -56,8 +55,6 @@ class FakeSocketClient final : public SocketClient,
   /// completes it. Returns false when no such request is pending.
   bool respond(std::int64_t id, const nlohmann::json& body);
   bool fail(std::int64_t id, std::exception_ptr error);
-  /// Completes the pending request without an element, as closing the socket does.
-  bool complete(std::int64_t id);
 
   // SocketClient
   SocketState currentStatus() const override;
@@ -67,9 +64,8 @@ class FakeSocketClient final : public SocketClient,
   rx::Observable<Resource> send(AnyRequest request) override;
 
  private:
-  using Answer = std::function<void(const rx::Observer<Resource>&)>;
-  bool answer(std::int64_t id, const Answer& answer);
-  void deliver(const rx::Observer<Resource>& observer, std::int64_t id, const Reply& reply);
+  bool answer(std::int64_t id, const Reply& reply);
+  static void deliver(const rx::Observer<Resource>& observer, std::int64_t id, const Reply& reply);
 
   rx::BehaviorSubject<SocketState> state_;
   mutable std::mutex mutex_;  // guards everything below

@@ -1,5 +1,5 @@
-// Sends, responses, cancellations and a stop racing on real threads and the real queues. The
-// ThreadSanitizer build runs this to prove the client's shared state is guarded.
+// Sends, responses, time-outs, cancellations and a stop racing on real threads and the real
+// queues. The ThreadSanitizer build runs this to prove the client's shared state is guarded.
 
 #include <gtest/gtest.h>
 
@@ -11,9 +11,6 @@
 #include <thread>
 #include <vector>
 
-#include "ServerClient/Socket/Client/KelSocketClient.h"
-#include "ServerClient/Socket/Events/KelSocketEventHandler.h"
-#include "ServerClient/platform/InMemorySocket.h"
 #include "ServerClient/rx/Schedulers.h"
 #include "SocketTestSupport.h"
 
@@ -22,42 +19,7 @@ namespace {
 
 using platform::SocketCloseCode;
 
-/// Request frames written on the socket, for the server threads to answer.
-class FrameQueue {
- public:
-  void push(std::string frame) {
-    {
-      std::lock_guard lock(mutex_);
-      frames_.push_back(std::move(frame));
-    }
-    ready_.notify_one();
-  }
-  /// The next frame, or nothing once closed and drained.
-  std::optional<std::string> pop() {
-    std::unique_lock lock(mutex_);
-    ready_.wait(lock, [&] { return closed_ || !frames_.empty(); });
-    if (frames_.empty()) return std::nullopt;
-    auto frame = std::move(frames_.front());
-    frames_.pop_front();
-    return frame;
-  }
-  void close() {
-    {
-      std::lock_guard lock(mutex_);
-      closed_ = true;
-    }
-    ready_.notify_all();
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable ready_;
-  std::deque<std::string> frames_;
-  bool closed_ = false;
-};
-
 struct Outcome {
-  std::int64_t id = 0;
   bool cancelled = false;
   std::vector<Resource> resources;
   std::exception_ptr error;
@@ -65,7 +27,7 @@ struct Outcome {
   bool settled = false;
 };
 
-TEST(KelSocketClientConcurrency, SendsResponsesCancelsAndAStopFromSeveralThreads) {
+TEST(KelSocketClientConcurrency, SendsResponsesTimeOutsCancelsAndAStopFromSeveralThreads) {
   constexpr int kSenders = 3;
   constexpr int kPerSender = 300;
   constexpr int kTotal = kSenders * kPerSender;
@@ -73,52 +35,56 @@ TEST(KelSocketClientConcurrency, SendsResponsesCancelsAndAStopFromSeveralThreads
   auto socketScheduler = std::make_shared<rx::SerialDispatchQueueScheduler>("KelSocket");
   auto socket =
       std::make_shared<platform::InMemorySocket>(boost::urls::url("wss://kel.test/ws/kel"));
-  auto handler = KelSocketEventHandler::create(socket);
   KelSocketClient::Options options;
   options.socketScheduler = socketScheduler;
   options.networkManager = std::make_shared<platform::InMemoryNetworkManager>();
   options.applicationLifecycle = std::make_shared<platform::ApplicationLifecycle>();
   auto client = KelSocketClient::create(
-      socket, handler, nullptr, [] { return std::nullopt; }, 3s, options);
+      socket, KelSocketEventHandler::create(socket), nullptr, [] { return std::nullopt; }, 3s,
+      options);
 
-  FrameQueue frames;
+  std::mutex mutex;  // guards everything below
+  std::condition_variable changed;
+  std::deque<std::string> frames;  // written by the client, for the server threads to answer
+  bool framesClosed = false;
+  int settled = 0;
+  std::vector<Outcome> outcomes(kTotal);
+
   socket->setSendHandler([&](const std::string& text) {
-    if (text.starts_with("AUTH ")) {
-      socket->receiveMessage(R"({"kapiId":"k"})");
-    } else {
-      frames.push(text);
-    }
+    if (text.starts_with("AUTH ")) return socket->receiveMessage(R"({"kapiId":"k"})");
+    std::lock_guard lock(mutex);
+    frames.push_back(text);
+    changed.notify_all();
   });
   std::atomic<bool> authenticated{false};
   client->connect("tok").subscribe([&](rx::Unit) { authenticated = true; });
   ASSERT_TRUE(authenticated);
 
-  std::mutex mutex;  // guards settled and every outcome's fields after its subscription
-  std::condition_variable settledChanged;
-  int settled = 0;
-  std::vector<Outcome> outcomes(kTotal);
-  // Each request settles once: answered, failed, or cancelled by its caller (a notification
-  // already under way when the caller cancels may still arrive).
+  // Each request settles once: answered, failed, timed out or cancelled by its caller (a
+  // notification already under way when the caller cancels may still arrive).
   auto settle = [&](Outcome& outcome, auto&& record) {
-    {
-      std::lock_guard lock(mutex);
-      record();
-      if (outcome.settled) return;
-      outcome.settled = true;
-      ++settled;
-    }
-    settledChanged.notify_all();
+    std::lock_guard lock(mutex);
+    record();
+    if (outcome.settled) return;
+    outcome.settled = true;
+    ++settled;
+    changed.notify_all();
   };
 
   std::vector<std::thread> servers;
   for (int i = 0; i < 2; ++i) {
     servers.emplace_back([&] {
-      while (auto frame = frames.pop()) {
-        auto id = nlohmann::json::parse(frame->substr(1))["id"].get<std::int64_t>();
-        nlohmann::json members = {{"body", {{"echo", id}}}};
-        if (id % 7 == 0) members = {{"status", 500}};
+      for (;;) {
+        std::unique_lock lock(mutex);
+        changed.wait(lock, [&] { return framesClosed || !frames.empty(); });
+        if (frames.empty()) return;
+        auto frame = std::move(frames.front());
+        frames.pop_front();
+        lock.unlock();
+        auto id = nlohmann::json::parse(frame.substr(1))["id"].get<std::int64_t>();
         try {
-          socket->receiveMessage(responseFrame(id, members));
+          socket->receiveMessage(responseFrame(
+              id, {{"status", id % 7 == 0 ? 500 : 200}, {"body", nlohmann::json::array({id})}}));
         } catch (const std::logic_error&) {
           // The socket was closed by the stop: a real server's answer would be lost as well.
         }
@@ -134,15 +100,13 @@ TEST(KelSocketClientConcurrency, SendsResponsesCancelsAndAStopFromSeveralThreads
       for (int i = 0; i < kPerSender; ++i) {
         const int index = s * kPerSender + i;
         Outcome& outcome = outcomes[index];
-        outcome.id = index + 1;
+        // Every fifth request's time-out races its answer.
         auto subscription =
-            client->send(testRequest(outcome.id))
+            client->send(testRequest(index + 1, i % 5 == 4 ? 0s : 20s))
                 .subscribe(
                     [&](const Resource& r) {
-                      {
-                        std::lock_guard lock(mutex);
-                        outcome.resources.push_back(r);
-                      }
+                      std::lock_guard lock(mutex);
+                      outcome.resources.push_back(r);
                       ++answers;
                     },
                     [&](std::exception_ptr e) { settle(outcome, [&] { outcome.error = e; }); },
@@ -158,9 +122,8 @@ TEST(KelSocketClientConcurrency, SendsResponsesCancelsAndAStopFromSeveralThreads
 
   // The stop lands mid-stream: once half the requests went out and answers are flowing.
   std::thread stopper([&] {
-    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while ((sent.load() < kTotal / 2 || answers.load() < 20) &&
-           std::chrono::steady_clock::now() < giveUp) {
+    const auto giveUp = std::chrono::steady_clock::now() + 10s;
+    while ((sent < kTotal / 2 || answers < 20) && std::chrono::steady_clock::now() < giveUp) {
       std::this_thread::yield();
     }
     client->stop(SocketCloseCode::normalClosure);
@@ -170,11 +133,11 @@ TEST(KelSocketClientConcurrency, SendsResponsesCancelsAndAStopFromSeveralThreads
   stopper.join();
   {
     std::unique_lock lock(mutex);
-    ASSERT_TRUE(
-        settledChanged.wait_for(lock, std::chrono::seconds(30), [&] { return settled == kTotal; }))
+    ASSERT_TRUE(changed.wait_for(lock, 30s, [&] { return settled == kTotal; }))
         << settled << " of " << kTotal << " requests settled";
+    framesClosed = true;
+    changed.notify_all();
   }
-  frames.close();
   for (auto& t : servers) t.join();
   // Removals of cancelled requests are posted to the socket queue: let them run.
   socketScheduler->queue()->sync([] {});
@@ -184,17 +147,23 @@ TEST(KelSocketClientConcurrency, SendsResponsesCancelsAndAStopFromSeveralThreads
             client->currentStatus());
   std::lock_guard lock(mutex);
   int answered = 0;
-  for (const auto& outcome : outcomes) {
+  int timedOut = 0;
+  for (std::int64_t id = 1; id <= kTotal; ++id) {
+    const auto& outcome = outcomes[id - 1];
     if (outcome.cancelled) continue;
-    EXPECT_TRUE(outcome.completed != static_cast<bool>(outcome.error)) << outcome.id;
+    EXPECT_TRUE(outcome.completed != static_cast<bool>(outcome.error)) << id;
+    if (const auto* e = errorAs<ConnectionError>(outcome.error)) {
+      timedOut += e->type() == ConnectionErrorType::timeout;
+      EXPECT_TRUE(e->code() == 500 || e->type() == ConnectionErrorType::timeout) << id;
+    }
     if (outcome.resources.empty()) continue;
     ++answered;
-    ASSERT_EQ(1u, outcome.resources.size());
-    EXPECT_EQ(std::to_string(outcome.id), outcome.resources[0].requestID);
-    EXPECT_EQ(nlohmann::json({{"echo", outcome.id}}).dump(), outcome.resources[0].data);
-    EXPECT_NE(0, outcome.id % 7);
+    EXPECT_EQ((std::vector{Resource{std::to_string(id), "[" + std::to_string(id) + "]"}}),
+              outcome.resources);
+    EXPECT_NE(0, id % 7);
   }
   EXPECT_GT(answered, 0);
+  EXPECT_GT(timedOut, 0);
 }
 
 }  // namespace
