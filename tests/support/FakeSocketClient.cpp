@@ -10,33 +10,11 @@
 
 namespace kel::testing {
 
-FakeSocketClient::FakeSocketClient(SocketState state) : state_(std::move(state)) {}
-
-void FakeSocketClient::setTimeoutScheduler(rx::SchedulerPtr scheduler) {
-  std::lock_guard lock(mutex_);
-  timeoutScheduler_ = std::move(scheduler);
-}
-
-void FakeSocketClient::queueReply(Reply reply) {
-  std::lock_guard lock(mutex_);
-  replies_.push_back(std::move(reply));
-}
-
-std::vector<nlohmann::json> FakeSocketClient::requests() const {
-  std::lock_guard lock(mutex_);
-  return requests_;
-}
-
 nlohmann::json FakeSocketClient::lastRequest() const {
   auto all = requests();
   if (!all.empty()) return all.back();
   ADD_FAILURE() << "no request was sent";
   return nullptr;
-}
-
-std::size_t FakeSocketClient::pendingCount() const {
-  std::lock_guard lock(mutex_);
-  return pending_.size();
 }
 
 bool FakeSocketClient::answer(std::int64_t id, const Reply& reply) {
@@ -57,26 +35,6 @@ void FakeSocketClient::deliver(const rx::Observer<Resource>& observer, std::int6
   if (reply.error) return observer.onError(reply.error);
   if (reply.body) observer.onNext(Resource{std::to_string(id), reply.body->dump()});
   observer.onCompleted();
-}
-
-bool FakeSocketClient::respond(std::int64_t id, const nlohmann::json& body) {
-  return answer(id, Reply::withBody(body));
-}
-
-bool FakeSocketClient::fail(std::int64_t id, std::exception_ptr error) {
-  return answer(id, Reply::failure(std::move(error)));
-}
-
-SocketState FakeSocketClient::currentStatus() const {
-  return state_.value();
-}
-
-rx::Observable<SocketState> FakeSocketClient::socketConnectionEventChannel() const {
-  return state_.asObservable();
-}
-
-rx::Observable<rx::Unit> FakeSocketClient::connect(std::string) {
-  return rx::Observable<rx::Unit>::just(rx::Unit{});
 }
 
 void FakeSocketClient::stop(platform::SocketCloseCode) {

@@ -65,25 +65,15 @@ TEST_F(SocketBuilderTest, TheSubProtocolIsTheLastPathSegmentWhenItIsAToken) {
   EXPECT_EQ(nullptr, builder("wss://kel.test/ws/kel", {})->newSocket()) << "no socket, no client";
 }
 
-TEST_F(SocketBuilderTest, EachNewSocketIsAFreshClientListeningToAFreshSocket) {
-  auto made = builder();
-  auto first = made->newSocket();
-  auto second = made->newSocket();
-  ASSERT_TRUE(first && second);
-  EXPECT_NE(first, second);
-  ASSERT_EQ(2u, sockets_.size());
-  EXPECT_EQ(std::vector<std::string>{"kel"}, sockets_[0]->protocols());
-  EXPECT_TRUE(sockets_[0]->request().shouldHandleCookies());
-  sockets_[0]->connect();
-  EXPECT_EQ(SocketState::connected(), first->currentStatus());
-  EXPECT_EQ(SocketState::newSocket(), second->currentStatus());
-}
-
-TEST_F(SocketBuilderTest, AReconnectionUsesTheCurrentSessionTokenWhileTheBuilderLives) {
+TEST_F(SocketBuilderTest, EachClientIsFreshAndReconnectsWithTheSessionTokenWhileTheBuilderLives) {
   auto made = builder();
   auto client = std::dynamic_pointer_cast<KelSocketClient>(made->newSocket());
   ASSERT_NE(nullptr, client);
+  EXPECT_NE(client, made->newSocket());
+  ASSERT_EQ(2u, sockets_.size());
   auto socket = sockets_[0];
+  EXPECT_EQ(std::vector<std::string>{"kel"}, socket->protocols());
+  EXPECT_TRUE(socket->request().shouldHandleCookies());
   socket->setOptions({.openOnConnect = false});
   auto loseConnection = [&] {
     socket->connect();

@@ -16,36 +16,17 @@ using namespace std::chrono_literals;
 using platform::InMemorySocket;
 using Fields = std::vector<platform::UpgradeRequest::HeaderField>;
 
-struct Outcome {
-  int elements = 0;
-  std::exception_ptr error;
-  std::optional<rx::TimePoint> at;
-};
-
 class ConnectionTest : public ::testing::Test {
  protected:
-  const Outcome& run(const rx::Single<rx::Unit>& single) {
-    auto outcome = std::make_shared<Outcome>();
-    auto at = [this, outcome] { outcome->at = scheduler_->now(); };
-    subscriptions_.push_back(single.subscribe(
-        [=](rx::Unit) {
-          ++outcome->elements;
-          at();
-        },
-        [=](std::exception_ptr e) {
-          outcome->error = e;
-          at();
-        }));
-    outcomes_.push_back(outcome);
-    return *outcome;
+  std::shared_ptr<testing::Record> run(const rx::Single<rx::Unit>& single) {
+    return records_.emplace_back(testing::record(single.asObservable(), scheduler_));
   }
 
   std::shared_ptr<rx::TestScheduler> scheduler_ = std::make_shared<rx::TestScheduler>();
   std::shared_ptr<InMemorySocket> socket_ =
       std::make_shared<InMemorySocket>(boost::urls::url("wss://kel.test/wss/kel?wss=1"));
   std::shared_ptr<KelSocketEventHandler> handler_ = KelSocketEventHandler::create(socket_);
-  std::vector<std::shared_ptr<Outcome>> outcomes_;
-  std::vector<rx::Disposable> subscriptions_;
+  std::vector<std::shared_ptr<testing::Record>> records_;
 };
 
 using SocketConnectorTest = ConnectionTest;
@@ -57,15 +38,15 @@ TEST_F(SocketConnectorTest, SucceedsWhenTheSocketOpensWithinItsTimeOut) {
                                   {.connectionScheduler = scheduler_});
   auto connecting = connector.connect();
   EXPECT_EQ(0u, socket_->connectCount()) << "nothing happens before the subscription";
-  const auto& outcome = run(connecting);
+  auto outcome = run(connecting);
   EXPECT_EQ(1u, socket_->connectCount());
   scheduler_->advanceBy(19s);
-  EXPECT_EQ(0, outcome.elements);
+  EXPECT_EQ(0, outcome->elements);
   socket_->open();
-  EXPECT_EQ(1, outcome.elements);
+  EXPECT_EQ(1, outcome->elements);
   EXPECT_EQ(0u, scheduler_->pendingCount()) << "the time-out was cancelled";
   EXPECT_TRUE(log.contains("]: Trying to connect socket"));
-  EXPECT_EQ(1, run(connector.connect()).elements) << "already connected: answered at once";
+  EXPECT_EQ(1, run(connector.connect())->elements) << "already connected: answered at once";
 }
 
 TEST_F(SocketConnectorTest, SendsTheCookiesOfTheSocketURLOrElseOfItsHttpsTwin) {
@@ -98,9 +79,11 @@ TEST_F(SocketConnectorTest, SendsTheCookiesOfTheSocketURLOrElseOfItsHttpsTwin) {
                             {.connectionScheduler = scheduler_, .cookieHeaders = cookies})
                 .connect());
     EXPECT_EQ(c.asked, asked);
-    EXPECT_EQ(c.fails, static_cast<bool>(outcome.error));
+    EXPECT_EQ(c.fails, static_cast<bool>(outcome->error));
     ASSERT_EQ(c.fails ? 0u : 1u, socket->connectRequests().size());
-    if (!c.fails) EXPECT_EQ(c.cookie, socket->connectRequests()[0].headerField("Cookie"));
+    if (!c.fails) {
+      EXPECT_EQ(c.cookie, socket->connectRequests()[0].headerField("Cookie"));
+    }
   }
 }
 
@@ -109,20 +92,20 @@ TEST_F(ConnectionTest, AuthenticationSendsTheTokenAndFailsAfterTwentySecondsWith
   socket_->connect();
   const SocketAuthenticator authenticator(socket_, handler_, kConnectionTimeout,
                                           {.authenticationScheduler = scheduler_});
-  const auto& outcome = run(authenticator.authenticate("tok-4"));
+  auto outcome = run(authenticator.authenticate("tok-4"));
   EXPECT_EQ(std::vector<std::string>{"AUTH tok-4"}, socket_->sentTexts());
   EXPECT_TRUE(log.contains("]: Trying to authenticate socket"));
   scheduler_->advanceBy(19'999ms);
-  EXPECT_FALSE(outcome.error);
+  EXPECT_FALSE(outcome->error);
   scheduler_->advanceBy(1ms);
-  testing::expectConnectionError(outcome.error, ConnectionErrorType::timeout, -1);
-  EXPECT_EQ(rx::TestScheduler::at(20s), outcome.at);
+  testing::expectConnectionError(outcome->error, ConnectionErrorType::timeout, -1);
+  EXPECT_EQ(rx::TestScheduler::at(20s), outcome->at);
 
   socket_->receiveMessage(R"({"kapiId":"k"})");
-  EXPECT_EQ(0, outcome.elements) << "nothing after the failure";
-  const auto& again = run(authenticator.authenticate("tok-5"));
-  EXPECT_EQ(1, again.elements) << "already authenticated: answered at once";
-  EXPECT_EQ(rx::TestScheduler::at(20s), again.at);
+  EXPECT_EQ(0, outcome->elements) << "nothing after the failure";
+  auto again = run(authenticator.authenticate("tok-5"));
+  EXPECT_EQ(1, again->elements) << "already authenticated: answered at once";
+  EXPECT_EQ(rx::TestScheduler::at(20s), again->at);
 }
 
 }  // namespace

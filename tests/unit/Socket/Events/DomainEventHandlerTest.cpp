@@ -61,7 +61,8 @@ TEST(DomainEventHandler, KeepsItsDomainAndMethodDeliversOnItsSchedulerAndEndsWit
   scheduler->start();
   ASSERT_EQ(1u, undecodable->events().size());
   ASSERT_TRUE(undecodable->events()[0].value.isError());
-  const auto* error = errorAs<GenericError>(undecodable->events()[0].value.error());
+  const auto failure = undecodable->events()[0].value.error();
+  const auto* error = errorAs<GenericError>(failure);
   ASSERT_NE(nullptr, error);
   EXPECT_EQ(GenericErrorType::Kind::decoding, error->type().kind());
   EXPECT_EQ((std::vector<std::string>{"u4", "u9"}), deleted->values());

@@ -59,7 +59,9 @@ TEST(SocketMessage, ClassifiesFramesByTheirFirstByteAndResponsesByAnInt64Id) {
   for (const auto& c : cases) {
     const auto message = SocketMessage::create(c.frame);
     EXPECT_EQ(c.kind, message.kind()) << c.frame.substr(0, 40);
-    if (c.kind == Kind::response) EXPECT_EQ(c.id, message.asResponse()->id) << c.frame;
+    if (c.kind == Kind::response) {
+      EXPECT_EQ(c.id, message.asResponse()->id) << c.frame;
+    }
   }
   EXPECT_NE(Kind::response, SocketMessage::create(R"(3{"id":1e400})").kind());
   // What the handlers are given: the whole object.
