@@ -10,82 +10,31 @@
 
 namespace kel::testing {
 
-FakeSocketClient::FakeSocketClient(SocketState state) : state_(std::move(state)) {}
-
-void FakeSocketClient::setTimeoutScheduler(rx::SchedulerPtr scheduler) {
-  std::lock_guard lock(mutex_);
-  timeoutScheduler_ = std::move(scheduler);
-}
-
-void FakeSocketClient::queueReply(Reply reply) {
-  std::lock_guard lock(mutex_);
-  replies_.push_back(std::move(reply));
-}
-
-std::vector<nlohmann::json> FakeSocketClient::requests() const {
-  std::lock_guard lock(mutex_);
-  return requests_;
-}
-
 nlohmann::json FakeSocketClient::lastRequest() const {
   auto all = requests();
-  if (all.empty()) {
-    ADD_FAILURE() << "no request was sent";
-    return nullptr;
-  }
-  return all.back();
+  if (!all.empty()) return all.back();
+  ADD_FAILURE() << "no request was sent";
+  return nullptr;
 }
 
-std::size_t FakeSocketClient::pendingCount() const {
-  std::lock_guard lock(mutex_);
-  return pending_.size();
-}
-
-bool FakeSocketClient::answer(std::int64_t id, const Answer& answer) {
+bool FakeSocketClient::answer(std::int64_t id, const Reply& reply) {
   rx::Observer<Resource> observer;
   {
     std::lock_guard lock(mutex_);
     const auto it = pending_.find(id);
     if (it == pending_.end()) return false;
-    observer = it->second;
+    observer = std::move(it->second);
     pending_.erase(it);
   }
-  answer(observer);
+  deliver(observer, id, reply);
   return true;
 }
 
 void FakeSocketClient::deliver(const rx::Observer<Resource>& observer, std::int64_t id,
                                const Reply& reply) {
-  if (reply.error) {
-    observer.onError(reply.error);
-    return;
-  }
+  if (reply.error) return observer.onError(reply.error);
   if (reply.body) observer.onNext(Resource{std::to_string(id), reply.body->dump()});
   observer.onCompleted();
-}
-
-bool FakeSocketClient::respond(std::int64_t id, const nlohmann::json& body) {
-  return answer(id, [&](const auto& observer) { deliver(observer, id, Reply::withBody(body)); });
-}
-
-bool FakeSocketClient::fail(std::int64_t id, std::exception_ptr error) {
-  return answer(id, [&](const auto& observer) { observer.onError(error); });
-}
-
-bool FakeSocketClient::complete(std::int64_t id) {
-  return answer(id, [](const auto& observer) { observer.onCompleted(); });
-}
-
-SocketState FakeSocketClient::currentStatus() const {
-  return state_.value();
-}
-
-rx::Observable<SocketState> FakeSocketClient::socketConnectionEventChannel() const {
-  return state_.asObservable();
-}
-
-rx::Observable<rx::Unit> FakeSocketClient::connect(std::string) {
-  return rx::Observable<rx::Unit>::just(rx::Unit{});
 }
 
 void FakeSocketClient::stop(platform::SocketCloseCode) {
@@ -111,15 +60,15 @@ rx::Observable<Resource> FakeSocketClient::send(AnyRequest request) {
         {
           std::lock_guard lock(self->mutex_);
           self->requests_.push_back(request.toDictionary());
-          if (!self->replies_.empty()) {
+          if (self->replies_.empty()) {
+            self->pending_[id] = observer;
+          } else {
             reply = std::move(self->replies_.front());
             self->replies_.pop_front();
-          } else {
-            self->pending_[id] = observer;
           }
         }
         if (reply) {
-          self->deliver(observer, id, *reply);
+          deliver(observer, id, *reply);
           return rx::Disposable();
         }
         return rx::Disposable::create([weak, id] {
@@ -129,7 +78,6 @@ rx::Observable<Resource> FakeSocketClient::send(AnyRequest request) {
           }
         });
       });
-
   std::lock_guard lock(mutex_);
   if (!timeoutScheduler_) return responses;
   return responses.timeout(

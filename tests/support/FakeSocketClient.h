@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <deque>
 #include <exception>
-#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -19,6 +18,7 @@
 #include <nlohmann/json.hpp>
 
 #include "ServerClient/Socket/Client/SocketClient.h"
+#include "ServerClient/rx/Observable.h"
 #include "ServerClient/rx/Scheduler.h"
 #include "ServerClient/rx/Subjects.h"
 
@@ -37,39 +37,57 @@ class FakeSocketClient final : public SocketClient,
     static Reply empty() { return {}; }
   };
 
-  explicit FakeSocketClient(SocketState state = SocketState::authenticated());
+  explicit FakeSocketClient(SocketState state = SocketState::authenticated())
+      : state_(std::move(state)) {}
 
   /// Unanswered requests fail with ConnectionError(timeout, -1) after their time-out on
   /// `scheduler`. Without one they stay pending until answered.
-  void setTimeoutScheduler(rx::SchedulerPtr scheduler);
+  void setTimeoutScheduler(rx::SchedulerPtr scheduler) {
+    std::lock_guard lock(mutex_);
+    timeoutScheduler_ = std::move(scheduler);
+  }
 
   /// Answers the next request(s) sent, in order, as soon as they are subscribed.
-  void queueReply(Reply reply);
+  void queueReply(Reply reply) {
+    std::lock_guard lock(mutex_);
+    replies_.push_back(std::move(reply));
+  }
 
   /// The wire objects ("id", "path", "method", "body") of every request sent, oldest first.
-  std::vector<nlohmann::json> requests() const;
+  std::vector<nlohmann::json> requests() const {
+    std::lock_guard lock(mutex_);
+    return requests_;
+  }
   /// The last request's wire object; fails the test when nothing was sent.
   nlohmann::json lastRequest() const;
-  std::size_t pendingCount() const;
+  std::size_t pendingCount() const {
+    std::lock_guard lock(mutex_);
+    return pending_.size();
+  }
 
   /// Answers the pending request `id` with one Resource holding `body`'s compact JSON, then
   /// completes it. Returns false when no such request is pending.
-  bool respond(std::int64_t id, const nlohmann::json& body);
-  bool fail(std::int64_t id, std::exception_ptr error);
-  /// Completes the pending request without an element, as closing the socket does.
-  bool complete(std::int64_t id);
+  bool respond(std::int64_t id, const nlohmann::json& body) {
+    return answer(id, Reply::withBody(body));
+  }
+  bool fail(std::int64_t id, std::exception_ptr error) {
+    return answer(id, Reply::failure(std::move(error)));
+  }
 
   // SocketClient
-  SocketState currentStatus() const override;
-  rx::Observable<SocketState> socketConnectionEventChannel() const override;
-  rx::Observable<rx::Unit> connect(std::string token) override;
+  SocketState currentStatus() const override { return state_.value(); }
+  rx::Observable<SocketState> socketConnectionEventChannel() const override {
+    return state_.asObservable();
+  }
+  rx::Observable<rx::Unit> connect(std::string) override {
+    return rx::Observable<rx::Unit>::just(rx::Unit{});
+  }
   void stop(platform::SocketCloseCode reason) override;
   rx::Observable<Resource> send(AnyRequest request) override;
 
  private:
-  using Answer = std::function<void(const rx::Observer<Resource>&)>;
-  bool answer(std::int64_t id, const Answer& answer);
-  void deliver(const rx::Observer<Resource>& observer, std::int64_t id, const Reply& reply);
+  bool answer(std::int64_t id, const Reply& reply);
+  static void deliver(const rx::Observer<Resource>& observer, std::int64_t id, const Reply& reply);
 
   rx::BehaviorSubject<SocketState> state_;
   mutable std::mutex mutex_;  // guards everything below

@@ -12,61 +12,44 @@ namespace {
 
 using nlohmann::json;
 
-std::optional<int> codeOf(const char* response) {
-  return errorCode(*parseJson(response));
-}
-
-TEST(ErrorCode, StatusFailsFrom400Through500Inclusive) {
-  EXPECT_EQ(std::nullopt, codeOf(R"({"id":1,"status":399})"));
-  EXPECT_EQ(400, codeOf(R"({"id":1,"status":400})"));
-  EXPECT_EQ(404, codeOf(R"({"id":1,"status":404})"));
-  EXPECT_EQ(500, codeOf(R"({"id":1,"status":500})"));
-  EXPECT_EQ(std::nullopt, codeOf(R"({"id":1,"status":501})"));
-  EXPECT_EQ(std::nullopt, codeOf(R"({"id":1,"status":200})"));
-  EXPECT_EQ(std::nullopt, codeOf(R"({"id":1,"status":-404})"));
-  EXPECT_EQ(std::nullopt, codeOf(R"({"id":1})"));
-  // Only JSON integers are statuses.
-  EXPECT_EQ(std::nullopt, codeOf(R"({"status":"404"})"));
-  EXPECT_EQ(std::nullopt, codeOf(R"({"status":404.0})"));
-  EXPECT_EQ(std::nullopt, codeOf(R"({"status":18446744073709551615})"));
-}
-
-TEST(ErrorCode, AnIntegerErrorFailsWhateverItsValueAndWinsOverStatus) {
-  EXPECT_EQ(0, codeOf(R"({"id":1,"error":0})"));
-  EXPECT_EQ(-3, codeOf(R"({"error":-3,"status":200})"));
-  EXPECT_EQ(7, codeOf(R"({"error":7,"status":404})"));
-  EXPECT_EQ(200, codeOf(R"({"error":200})"));
-  // Out of int's range it still fails, clamped.
-  EXPECT_EQ(INT_MAX, codeOf(R"({"error":18446744073709551615})"));
-  EXPECT_EQ(INT_MAX, codeOf(R"({"error":4294967296})"));
-  EXPECT_EQ(INT_MIN, codeOf(R"({"error":-9223372036854775808})"));
-  // A non-integer error is no error code; the status decides.
-  EXPECT_EQ(std::nullopt, codeOf(R"({"error":"boom"})"));
-  EXPECT_EQ(std::nullopt, codeOf(R"({"error":null,"status":200})"));
-  EXPECT_EQ(403, codeOf(R"({"error":true,"status":403})"));
-  EXPECT_EQ(std::nullopt, codeOf(R"({"error":1.5})"));
-  EXPECT_EQ(std::nullopt, errorCode(json::array({1})));
-}
-
-Resource resourceOf(const char* response) {
-  return Resource::fromResponse(12, *parseJson(response));
-}
-
-TEST(Resource, CarriesTheCompactBodyOfObjectsAndLists) {
-  EXPECT_EQ((Resource{"12", "{\"a\":[1,{\"b\":\"\xc3\xa9\"}]}"}),
-            resourceOf("{\"id\":12,\"body\":{ \"a\" : [1, {\"b\": \"\\u00e9\"}] }}"))
-      << "re-serialised compactly, UTF-8 written out";
-  EXPECT_EQ("[]", resourceOf(R"({"id":12,"body":[]})").data);
-  EXPECT_EQ("{}", resourceOf(R"({"id":12})").data);  // missing body
-  EXPECT_EQ("-5", Resource::fromResponse(-5, json::object()).requestID);
-}
-
-TEST(Resource, BodiesThatAreNotObjectsOrListsGiveEmptyData) {
-  for (const char* response : {R"({"body":"text"})", R"({"body":""})", R"({"body":42})",
-                               R"({"body":true})", R"({"body":null})"}) {
-    EXPECT_EQ((Resource{"12", ""}), resourceOf(response)) << response;
+TEST(ErrorCode, AnIntegerErrorOrAStatusFrom400Through500Fails) {
+  const std::pair<const char*, std::optional<int>> cases[] = {
+      {R"({"id":1,"status":399})", std::nullopt},
+      {R"({"id":1,"status":400})", 400},
+      {R"({"id":1,"status":500})", 500},
+      {R"({"id":1,"status":501})", std::nullopt},
+      {R"({"id":1,"status":-404})", std::nullopt},
+      {R"({"id":1})", std::nullopt},
+      {R"({"status":"404"})", std::nullopt},  // only JSON integers are statuses
+      {R"({"status":404.0})", std::nullopt},
+      {R"({"status":18446744073709551615})", std::nullopt},
+      {R"({"id":1,"error":0})", 0},  // an integer error fails whatever its value
+      {R"({"error":-3,"status":200})", -3},
+      {R"({"error":7,"status":404})", 7},
+      {R"({"error":18446744073709551615})", INT_MAX},  // clamped to int
+      {R"({"error":-9223372036854775808})", INT_MIN},
+      {R"({"error":"boom"})", std::nullopt},  // a non-integer error leaves it to the status
+      {R"({"error":true,"status":403})", 403},
+      {R"({"error":1.5})", std::nullopt},
+      {R"([1])", std::nullopt},
+  };
+  for (const auto& [response, code] : cases) {
+    EXPECT_EQ(code, errorCode(*parseJson(response))) << response;
   }
-  EXPECT_EQ("", Resource::fromResponse(1, json{{"body", std::string("\xff")}}).data);
+}
+
+TEST(Resource, CarriesTheCompactBodyOfObjectsAndListsAndNothingElse) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"{\"body\":{ \"a\" : [1, {\"b\": \"\\u00e9\"}] }}", "{\"a\":[1,{\"b\":\"\xc3\xa9\"}]}"},
+      {R"({"body":[]})", "[]"},
+      {R"({"id":12})", "{}"},
+      {R"({"body":"text"})", ""},
+      {R"({"body":42})", ""},
+      {R"({"body":null})", ""},
+  };
+  for (const auto& [response, data] : cases) {
+    EXPECT_EQ((Resource{"12", data}), Resource::fromResponse(12, *parseJson(response))) << response;
+  }
   EXPECT_EQ("", Resource::fromResponse(1, json{{"body", {std::string("\xff")}}}).data);
 }
 
