@@ -1,5 +1,5 @@
-// The emulator as a server: where it listens, plain HTTP beside the socket, TLS, stopping, and the
-// kel-emulator program.
+// The emulator as a server: where it listens, stopping, and the kel-emulator program (TLS
+// included).
 
 #include <fcntl.h>
 #include <poll.h>
@@ -31,7 +31,6 @@ namespace fs = std::filesystem;
 
 TEST_F(EmulatorTest, StartReportsWhereItListensAndAnAddressServesOneEmulator) {
   const auto authority = "127.0.0.1:" + std::to_string(urls_.port);
-  EXPECT_NE(0, urls_.port);
   EXPECT_EQ("http://" + authority, urls_.kelURL);
   EXPECT_EQ("ws://" + authority + "/kel/websocket", urls_.socketURL);
   EXPECT_THROW(emulator().start(), std::logic_error);
@@ -40,6 +39,8 @@ TEST_F(EmulatorTest, StartReportsWhereItListensAndAnAddressServesOneEmulator) {
   EXPECT_THROW(samePort.start(), std::system_error);
   Emulator byName({.host = "localhost"});
   EXPECT_THROW(byName.start(), std::invalid_argument);
+  Emulator broken({.tls = TlsOptions{"not a certificate", "not a key"}});
+  EXPECT_THROW(broken.start(), std::invalid_argument);
 
   Emulator v6({.host = "::1", .socketPath = "/socket/v2"});
   v6.addUser("carol");
@@ -50,25 +51,6 @@ TEST_F(EmulatorTest, StartReportsWhereItListensAndAnAddressServesOneEmulator) {
   ASSERT_TRUE(client.open());
   client.send("AUTH " + token);
   EXPECT_EQ(200, client.request("GET", "/echo").at("status"));
-}
-
-TEST_F(EmulatorTest, PlainHttpOnTheSamePortGoesToTheHttpRouter) {
-  auto missing = httpRequest(urls_.kelURL, "POST", "/greeting", "{}");
-  EXPECT_EQ(404, missing.statusCode);
-  EXPECT_EQ((json{{"message", "no resource at /greeting"}}), json::parse(missing.body));
-
-  emulator().http().route("POST", "/greeting", [](const HttpRequest& request) {
-    auto body = request.json();
-    auto response = HttpResponse::json(200, {{"token", body ? body->value("token", "") : ""}});
-    response.headers.emplace_back("Set-Cookie", "kelSession=1; Path=/; HttpOnly");
-    return response;
-  });
-  auto signedIn = httpRequest(urls_.kelURL, "POST", "/greeting", R"({"token": "outside"})");
-  EXPECT_EQ(200, signedIn.statusCode);
-  EXPECT_EQ((json{{"token", "outside"}}), json::parse(signedIn.body));
-  EXPECT_EQ("kelSession=1; Path=/; HttpOnly", signedIn.value("Set-Cookie"));
-  EXPECT_EQ(405, httpRequest(urls_.kelURL, "GET", "/greeting").statusCode);
-  EXPECT_EQ(3u, emulator().counters().httpRequests);
 }
 
 TEST_F(EmulatorTest, StopClosesSocketsWithGoingAwayAndDropsLaterAnswers) {
@@ -90,30 +72,7 @@ TEST_F(EmulatorTest, StopClosesSocketsWithGoingAwayAndDropsLaterAnswers) {
 
   emulator_.reset();
   EXPECT_TRUE(responder.respond(Reply::ok())) << "the first answer counts even if it goes nowhere";
-}
-
-TEST_F(EmulatorTest, TlsServesTheSocketAndHttpWithTheGivenCertificate) {
-  const auto& certificates = TestCertificates::shared();
-  Options options;
-  options.tls =
-      TlsOptions{certificates.localhost().certificatePem, certificates.localhost().privateKeyPem};
-  start(std::move(options));
-  EXPECT_TRUE(urls_.kelURL.starts_with("https://127.0.0.1:"));
-  EXPECT_TRUE(urls_.socketURL.starts_with("wss://127.0.0.1:"));
-
-  auto client = connectAs(aliceToken_, {.caPem = certificates.caCertificatePem()});
-  EXPECT_EQ((json{{"secure", true}}),
-            client->request("POST", "/echo", {{"secure", true}}).at("body"));
-  EXPECT_TRUE(emulator().socket(lastSocket_)->tls);
-  EXPECT_EQ(404,
-            httpRequest(urls_.kelURL, "GET", "/", {}, certificates.caCertificatePem()).statusCode);
-
-  // A client that does not trust the CA fails the handshake; the emulator serves on.
-  EXPECT_FALSE(canConnect());
-  EXPECT_EQ(200, client->request("GET", "/echo").at("status"));
-
-  Emulator broken({.tls = TlsOptions{"not a certificate", "not a key"}});
-  EXPECT_THROW(broken.start(), std::invalid_argument);
+  EXPECT_FALSE(responder.respond(Reply::withStatus(500))) << "answered once only";
 }
 
 // --- The program ---------------------------------------------------------------------------
@@ -250,15 +209,6 @@ TEST(EmulatorProgram, KeepsServingWhenIdleSocketsExhaustItsDescriptors) {
   for (const auto& socket : idle) {
     EXPECT_EQ(platform::socketCloseCodeFrom(kAuthTimeoutCloseCode), socket->end());
   }
-}
-
-TEST(EmulatorProgram, HelpDescribesTheFlagsAndBadArgumentsFail) {
-  if (!fs::exists(programPath())) GTEST_SKIP() << "kel-emulator is not built at " << programPath();
-  Program help({"--help"});
-  EXPECT_NE(std::string::npos, help.firstLine().find("Usage:"));
-  EXPECT_EQ(0, help.waitForExit());
-  Program bad({"--listen", "nowhere"});
-  EXPECT_EQ(2, bad.waitForExit());
 }
 
 }  // namespace

@@ -36,8 +36,6 @@ struct ClientOptions {
   std::string cookie{};
   /// TLS: trust this authority (PEM) besides none of the system's.
   std::string caPem{};
-  std::chrono::milliseconds openTimeout = kWait;
-  std::size_t maxMessageSize = 16 * 1024 * 1024;
 };
 
 /// One client socket and what it received.
@@ -47,8 +45,6 @@ class Client {
       : delegate_(std::make_shared<RecordingSocketDelegate>()) {
     platform::WebSocketTaskConnectionWrapper::Options socketOptions;
     socketOptions.cookieStorage = std::make_shared<platform::HTTPCookieStorage>();
-    socketOptions.openTimeout = options.openTimeout;
-    socketOptions.maxMessageSize = options.maxMessageSize;
     if (!options.caPem.empty()) {
       socketOptions.useSystemTrustStore = false;
       socketOptions.extraCertificateAuthoritiesPem = options.caPem;
@@ -90,18 +86,16 @@ class Client {
          nlohmann::json{{"id", id}, {"path", path}, {"method", method}, {"body", body}}.dump());
     return id;
   }
-  /// Reads on until the response to `id`, skipping whatever comes before it.
-  nlohmann::json awaitResponse(std::int64_t id) {
+  /// Sends a request and reads on until its response, skipping whatever comes before it.
+  nlohmann::json request(std::string_view method, std::string_view path,
+                         const nlohmann::json& body = nlohmann::json::object()) {
+    const auto id = sendRequest(method, path, body);
     for (;;) {
       const auto message = next();
       if (!message.starts_with('3')) continue;
       auto object = nlohmann::json::parse(message.substr(1), nullptr, false);
       if (object.is_object() && object.value("id", nlohmann::json()) == id) return object;
     }
-  }
-  nlohmann::json request(std::string_view method, std::string_view path,
-                         const nlohmann::json& body = nlohmann::json::object()) {
-    return awaitResponse(sendRequest(method, path, body));
   }
   /// The response object of the next message ("3" and a JSON object).
   nlohmann::json nextObject() { return nlohmann::json::parse(next().substr(1)); }
@@ -110,7 +104,6 @@ class Client {
   std::optional<SocketCloseCode> end() { return delegate_->waitForDisconnect(1, kWait); }
 
   platform::WebSocketTaskConnectionWrapper& socket() { return *socket_; }
-  RecordingSocketDelegate& delegate() { return *delegate_; }
 
  private:
   std::shared_ptr<RecordingSocketDelegate> delegate_;
@@ -121,12 +114,9 @@ class Client {
 
 /// One exchange with the library's HTTP client; throws what the client reports.
 inline platform::HTTPResponse httpRequest(const std::string& baseUrl, std::string method,
-                                          const std::string& target, std::string body = {},
-                                          const std::string& caPem = {}) {
+                                          const std::string& target, std::string body = {}) {
   platform::BeastHTTPClient::Options options;
   options.cookieStorage = std::make_shared<platform::HTTPCookieStorage>();
-  options.trust.useSystemTrustStore = caPem.empty();
-  options.trust.extraCertificateAuthoritiesPem = caPem;
   auto client = std::make_shared<platform::BeastHTTPClient>(std::move(options));
   platform::HTTPRequest request(std::move(method),
                                 boost::urls::parse_uri(baseUrl + target).value());
