@@ -4,10 +4,17 @@
 
 #include <boost/url/scheme.hpp>
 
+#include "ServerClient/AddressBooks/Event/AddressBooksEventHandler.h"
+#include "ServerClient/AddressBooks/Service/AddressBooksService.h"
 #include "ServerClient/Auth/Service/AuthService.h"
 #include "ServerClient/Common/SDKError.h"
+#include "ServerClient/Contact/Service/UserContactsService.h"
+#include "ServerClient/Group/Event/GroupEventHandler.h"
+#include "ServerClient/Group/Service/GroupService.h"
 #include "ServerClient/KeepConnection/KeepConnectionService.h"
 #include "ServerClient/Log/ServerLog.h"
+#include "ServerClient/Presence/Event/PresencesEventHandler.h"
+#include "ServerClient/Presence/Service/PresencesService.h"
 #include "ServerClient/Push/PushService.h"
 #include "ServerClient/User/UserService.h"
 #include "ServerClient/Utils/Description.h"
@@ -113,6 +120,46 @@ std::shared_ptr<UserService> KelServer::userService() {
 
 std::shared_ptr<PushService> KelServer::pushService() {
   return service<PushService>(Domain::push);
+}
+
+std::shared_ptr<CacheAddressBooksService> KelServer::addressBooks() {
+  return service<CacheAddressBooksService>(Domain::addressBooks);
+}
+
+std::shared_ptr<UserContactsService> KelServer::userContacts() {
+  return service<UserContactsService>(Domain::userContacts);
+}
+
+std::shared_ptr<CachePresencesService> KelServer::presencesService() {
+  return service<CachePresencesService>(Domain::presence);
+}
+
+std::shared_ptr<CacheGroupService> KelServer::groupService() {
+  return service<CacheGroupService>(Domain::groups);
+}
+
+std::shared_ptr<AddressBooksEventHandler> KelServer::addressBooksEventHandler() {
+  return addressBooksEventHandler_.get(kelEventHandler_, options_.mainScheduler);
+}
+
+void KelServer::setAddressBooksEventHandler(std::shared_ptr<AddressBooksEventHandler> handler) {
+  addressBooksEventHandler_.set(std::move(handler));
+}
+
+std::shared_ptr<PresencesEventHandler> KelServer::presenceEventHandler() {
+  return presenceEventHandler_.get(kelEventHandler_, options_.mainScheduler);
+}
+
+void KelServer::setPresenceEventHandler(std::shared_ptr<PresencesEventHandler> handler) {
+  presenceEventHandler_.set(std::move(handler));
+}
+
+std::shared_ptr<GroupEventHandler> KelServer::groupEventHandler() {
+  return groupEventHandler_.get(kelEventHandler_, options_.mainScheduler);
+}
+
+void KelServer::setGroupEventHandler(std::shared_ptr<GroupEventHandler> handler) {
+  groupEventHandler_.set(std::move(handler));
 }
 
 // --- Wiring -------------------------------------------------------------------------------------

@@ -31,9 +31,37 @@
 
 namespace kel {
 
+class AddressBooksEventHandler;
+class CacheAddressBooksService;
+class CacheGroupService;
+class CachePresencesService;
+class GroupEventHandler;
 class KeepConnectionService;
+class PresencesEventHandler;
 class PushService;
+class UserContactsService;
 class UserService;
+
+/// A domain event handler that the facade makes on first use, with its own KelEventHandler, and
+/// that the application may replace. Thread-safe.
+template <class Handler>
+class LazyEventHandler {
+ public:
+  std::shared_ptr<Handler> get(const std::shared_ptr<KelEventHandler>& kelEventHandler,
+                               const rx::SchedulerPtr& scheduler) {
+    std::lock_guard lock(mutex_);
+    if (!handler_) handler_ = std::make_shared<Handler>(kelEventHandler, scheduler);
+    return handler_;
+  }
+  void set(std::shared_ptr<Handler> handler) {
+    std::lock_guard lock(mutex_);
+    handler_ = std::move(handler);
+  }
+
+ private:
+  std::mutex mutex_;  // guards handler_
+  std::shared_ptr<Handler> handler_;
+};
 
 /// What the facade takes from its surroundings; empty members take the defaults named.
 struct KelServerOptions {
@@ -155,6 +183,20 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
   // Services. Each throws the provider's errors, or GenericError(underlying, "Service not found").
   std::shared_ptr<UserService> userService();
   std::shared_ptr<PushService> pushService();
+  std::shared_ptr<CacheAddressBooksService> addressBooks();
+  std::shared_ptr<UserContactsService> userContacts();
+  /// Refused (GenericError notAllowed "presence") while the user lacks the presence capability.
+  std::shared_ptr<CachePresencesService> presencesService();
+  std::shared_ptr<CacheGroupService> groupService();
+
+  // Domain event handlers: each made on first use and then kept; the application may set its
+  // own. They deliver on the main scheduler (Options::mainScheduler).
+  std::shared_ptr<AddressBooksEventHandler> addressBooksEventHandler();
+  void setAddressBooksEventHandler(std::shared_ptr<AddressBooksEventHandler> handler);
+  std::shared_ptr<PresencesEventHandler> presenceEventHandler();
+  void setPresenceEventHandler(std::shared_ptr<PresencesEventHandler> handler);
+  std::shared_ptr<GroupEventHandler> groupEventHandler();
+  void setGroupEventHandler(std::shared_ptr<GroupEventHandler> handler);
 
   // The parts, for the application and for tests.
   const std::shared_ptr<KelEventHandler>& kelEventHandler() const noexcept {
@@ -223,6 +265,10 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
 
   mutable std::mutex providerMutex_;  // guards serviceProvider_ (replaced by logout)
   std::shared_ptr<ServiceProvider> serviceProvider_;
+
+  LazyEventHandler<AddressBooksEventHandler> addressBooksEventHandler_;
+  LazyEventHandler<PresencesEventHandler> presenceEventHandler_;
+  LazyEventHandler<GroupEventHandler> groupEventHandler_;
 
   std::once_flag renewOnce_;
   rx::Observable<rx::Unit> renewSession_ = rx::Observable<rx::Unit>::empty();

@@ -2,7 +2,11 @@
 
 #include <utility>
 
+#include "ServerClient/AddressBooks/Service/KelCacheAddressBooksService.h"
+#include "ServerClient/Contact/Service/KelUserContactsService.h"
+#include "ServerClient/Group/Service/KelCacheGroupService.h"
 #include "ServerClient/KeepConnection/KeepConnectionService.h"
+#include "ServerClient/Presence/Service/KelCachePresencesService.h"
 #include "ServerClient/Push/KelPushService.h"
 #include "ServerClient/User/KelUserService.h"
 
@@ -38,9 +42,13 @@ std::string ServiceProvider::Dependencies::description() const {
 
 std::map<ServiceProvider::Domain, ServiceProvider::Factory> ServiceProvider::defaultFactories() {
   return {
+      {Domain::addressBooks, factoryOf<KelCacheAddressBooksService>()},
+      {Domain::groups, factoryOf<KelCacheGroupService>()},
       {Domain::keepConnection, factoryOf<KeepConnectionService>()},
+      {Domain::presence, factoryOf<KelCachePresencesService>()},
       {Domain::push, factoryOf<KelPushService>()},
       {Domain::user, factoryOf<KelUserService>()},
+      {Domain::userContacts, factoryOf<KelUserContactsService>()},
   };
 }
 

@@ -12,7 +12,12 @@ SocketService::SocketService(SocketClientSlot socketClient)
 SocketService::~SocketService() = default;
 
 rx::Observable<Resource> SocketService::sendRequestOrError(AnyRequest request) {
-  const auto client = socketClient_.value();
+  return sendThrough(socketClient_, std::move(request));
+}
+
+rx::Observable<Resource> SocketService::sendThrough(const SocketClientSlot& slot,
+                                                    AnyRequest request) {
+  const auto client = slot.value();
   if (!client) {
     return rx::Observable<Resource>::error(
         makeError(ConnectionError(ConnectionErrorType::noSocketClient, -1)));

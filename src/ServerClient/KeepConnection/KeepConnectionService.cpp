@@ -1,6 +1,5 @@
 #include "ServerClient/KeepConnection/KeepConnectionService.h"
 
-#include <map>
 #include <string>
 #include <utility>
 
@@ -30,14 +29,11 @@ rx::Observable<rx::Unit> KeepConnectionService::renewSessionOrError(
   }
   if (!data) return rx::Observable<rx::Unit>::empty();
 
-  Request<std::map<std::string, std::string>, Path> request{
-      .pathname = {Path::sessions, {PathRule::append(data->session.sessionID)}},
-      .body = std::map<std::string, std::string>{{"registered", data->credential.credentialId}},
-      .method = "PUT",
-  };
-  return firstResource(sendRequestOrError(std::move(request)))
-      .asObservable()
-      .map([](const Resource&) { return rx::Unit{}; });
+  return fetch<rx::Unit>(
+             Call<Path>{.pathname = {Path::sessions, {PathRule::append(data->session.sessionID)}},
+                        .method = "PUT",
+                        .body = {{"registered", data->credential.credentialId}}})
+      .asObservable();
 }
 
 }  // namespace kel

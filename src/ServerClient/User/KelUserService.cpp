@@ -4,7 +4,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include "ServerClient/Common/Decoding.h"
 #include "ServerClient/Utils/JsonCollection.h"
 
 namespace kel {
@@ -13,14 +12,9 @@ KelUserService::KelUserService(SocketClientSlot socketClient)
     : SocketService(std::move(socketClient)) {}
 
 rx::Single<User> KelUserService::user(const std::string& id) {
-  JsonRequest<Path> request{
-      .pathname = {Path::users, {PathRule::append(id)}},
-      .body = nlohmann::json::object(),
-      .method = "GET",
-  };
-  return firstResource(sendRequestOrError(std::move(request))).map([](const Resource& resource) {
-    return from<User>(resource.data);
-  });
+  return fetch<User>(Call<Path>{.pathname = {Path::users, {PathRule::append(id)}},
+                                .method = "GET",
+                                .body = nlohmann::json::object()});
 }
 
 rx::Observable<User> KelUserService::update(const User& user) {
@@ -30,25 +24,15 @@ rx::Observable<User> KelUserService::update(const User& user) {
   } catch (...) {
     return rx::Observable<User>::error(std::current_exception());
   }
-  JsonRequest<Path> request{
-      .pathname = {Path::users, {PathRule::append(user.userId)}},
-      .body = std::move(body),
-      .method = "PUT",
-  };
-  return sendRequestOrError(std::move(request)).map([](const Resource& resource) {
-    return from<User>(resource.data);
-  });
+  return send(Call<Path>{.pathname = {Path::users, {PathRule::append(user.userId)}},
+                         .method = "PUT",
+                         .body = std::move(body)})
+      .map(&decode<User>);
 }
 
 rx::Single<std::shared_ptr<const Capabilities>> KelUserService::fetchCapabilities() {
-  JsonRequest<Path> request{
-      .pathname = Path::capabilities,
-      .body = nlohmann::json::object(),
-      .method = "GET",
-  };
-  return firstResource(sendRequestOrError(std::move(request))).map([](const Resource& resource) {
-    return from<std::shared_ptr<const Capabilities>>(resource.data);
-  });
+  return fetch<std::shared_ptr<const Capabilities>>(Call<Path>{
+      .pathname = Path::capabilities, .method = "GET", .body = nlohmann::json::object()});
 }
 
 }  // namespace kel

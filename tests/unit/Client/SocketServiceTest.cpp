@@ -30,6 +30,15 @@ JsonRequest<Path> request(std::int64_t id) {
           .method = "GET"};
 }
 
+/// An operation written the way every domain writes its own.
+class ThingService : public SocketService {
+ public:
+  using SocketService::SocketService;
+  rx::Single<std::vector<int>> things() const {
+    return fetch<std::vector<int>>(Call<Path>{.pathname = Path::things, .method = "GET"});
+  }
+};
+
 class SocketServiceTest : public ::testing::Test {
  protected:
   SocketClientSlot slot_{nullptr};
@@ -86,6 +95,35 @@ TEST_F(SocketServiceTest, FirstResourceTakesOneAndTurnsAnEmptyEndIntoAnSDKError)
   const auto* error = errorAs<GenericError>(closed.error());
   ASSERT_NE(nullptr, error);
   EXPECT_NE(nullptr, errorAs<rx::NoElementsError>(error->type().underlyingError()));
+}
+
+TEST_F(SocketServiceTest, EachSubscriptionSendsItsOwnRequestEvenAfterTheServiceIsGone) {
+  slot_.accept(client_);
+  auto service = std::make_shared<ThingService>(slot_);
+  const auto things = service->things();
+  service.reset();
+  EXPECT_TRUE(client_->requests().empty());
+
+  StreamRecorder first(things);
+  StreamRecorder retried(things.retry(2));
+  ASSERT_EQ(2u, client_->requests().size());
+  const auto firstId = client_->requests()[0]["id"].get<std::int64_t>();
+  const auto retriedId = client_->requests()[1]["id"].get<std::int64_t>();
+  EXPECT_NE(firstId, retriedId);
+  EXPECT_EQ(nlohmann::json::array(), client_->requests()[0]["body"]);
+
+  client_->fail(retriedId, makeError(ConnectionError(ConnectionErrorType::timeout, -1)));
+  ASSERT_EQ(3u, client_->requests().size());
+  const auto againId = client_->requests()[2]["id"].get<std::int64_t>();
+  EXPECT_NE(retriedId, againId);
+  client_->respond(againId, {1, 2});
+  EXPECT_EQ((std::vector{std::vector{1, 2}}), retried.values());
+
+  // A response that is not the record fails only its own stream.
+  client_->respond(firstId, {{"not", "a list"}});
+  const auto* decoding = errorAs<GenericError>(first.error());
+  ASSERT_NE(nullptr, decoding);
+  EXPECT_EQ(GenericErrorType::Kind::decoding, decoding->type().kind());
 }
 
 }  // namespace

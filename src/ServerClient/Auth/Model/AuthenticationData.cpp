@@ -5,8 +5,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "ServerClient/Auth/Model/detail/JsonFields.h"
 #include "ServerClient/Utils/Description.h"
+#include "ServerClient/Utils/detail/JsonFields.h"
 
 namespace kel {
 

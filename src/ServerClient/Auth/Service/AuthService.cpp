@@ -169,7 +169,7 @@ rx::Single<AuthenticationData> AuthService::post(std::string url, std::string da
 }
 
 rx::Single<AuthenticationData> AuthService::connectSocket(const AuthenticationData& authData) {
-  auto self = weak_from_this().lock();
+  auto self = weakSelf(this).lock();
   if (!self) return failure(makeError(UnretainedError::failedRetaining()));
   auto client = socketClient().value();
   if (!client) {
@@ -182,7 +182,7 @@ rx::Single<AuthenticationData> AuthService::connectSocket(const AuthenticationDa
 }
 
 rx::Single<AuthenticationData> AuthService::signInChain(rx::Single<AuthenticationData> httpSignIn) {
-  std::weak_ptr<AuthService> weak = weak_from_this();
+  std::weak_ptr<AuthService> weak = weakSelf(this);
   const auto closedDuringSignIn = [](std::exception_ptr error) {
     if (endedWithoutElement(error)) {
       return failure(makeError(ConnectionError(ConnectionErrorType::noSocketClient, -1,
@@ -216,25 +216,22 @@ rx::Single<AuthenticationData> AuthService::session(std::string associatedToToke
 }
 
 rx::Single<AuthenticationData> AuthService::getPermissions(AuthenticationData authData) {
-  JsonRequest<Path> request{
-      .pathname = Path::permissions, .body = nlohmann::json::object(), .method = "GET"};
-  return firstResource(sendRequestOrError(std::move(request)))
-      .map([authData = std::move(authData)](const Resource& resource) {
+  return fetch<Permissions>(Call<Path>{.pathname = Path::permissions,
+                                       .method = "GET",
+                                       .body = nlohmann::json::object()})
+      .map([authData = std::move(authData)](const Permissions& permissions) {
         auto updated = authData;
-        updated.permissions = from<Permissions>(resource.data);
+        updated.permissions = permissions;
         return updated;
       });
 }
 
 rx::Single<rx::Unit> AuthService::unregister(AuthenticationData user) {
-  JsonRequest<Path> request{
+  return fetch<rx::Unit>(Call<Path>{
       .pathname = Pathname<Path>(Path::session, {PathRule::append(user.session.sessionID)}),
-      .headers = {{"Authorization", user.tokenType + " " + user.token}},
+      .method = "DELETE",
       .body = nlohmann::json::object(),
-      .method = "DELETE"};
-  return firstResource(sendRequestOrError(std::move(request))).map([](const Resource&) {
-    return rx::Unit{};
-  });
+      .headers = {{"Authorization", user.tokenType + " " + user.token}}});
 }
 
 }  // namespace kel

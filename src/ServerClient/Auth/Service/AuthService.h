@@ -57,7 +57,7 @@ namespace kel {
 inline constexpr std::string_view kClosedDuringSignIn =
     "The server closed the connection during sign-in";
 
-class AuthService : public SocketService, public std::enable_shared_from_this<AuthService> {
+class AuthService : public SocketService {
  public:
   enum class Path { login, restoreSession, session, permissions };
   friend constexpr auto pathTable(Path) {

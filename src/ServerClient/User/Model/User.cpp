@@ -2,7 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "ServerClient/Auth/Model/detail/JsonFields.h"
+#include "ServerClient/Utils/detail/JsonFields.h"
 
 namespace kel {
 

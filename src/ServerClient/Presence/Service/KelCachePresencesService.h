@@ -1,0 +1,52 @@
+#pragma once
+
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "ServerClient/Presence/Service/KelPresencesService.h"
+
+namespace kel {
+
+/// Presence with the cache the facade hands out: records by cache key (the address without
+/// "kel-user:", and "username@domain"), and the addresses whose subscription the server has
+/// confirmed. Both start empty, are never persisted and only grow.
+///
+/// It reaches the server through a KelPresencesService of its own rather than by deriving from
+/// it: both interfaces have a subscribe for one address, with different results, and one class
+/// cannot implement both.
+///
+/// Thread safety: the cache is written from the network thread (answers) and from callers'
+/// threads (updateCache); one mutex guards both maps and is never held while a stream emits or a
+/// request is sent, so every member may be called from any thread.
+class KelCachePresencesService : public SocketService, public CachePresencesService {
+ public:
+  explicit KelCachePresencesService(SocketClientSlot socketClient);
+
+  rx::Single<CachedPresence> subscribe(const std::string& address) override;
+  rx::Single<CachedPresences> subscribe(const std::vector<std::string>& addresses) override;
+  using CachePresencesService::presence;
+  rx::Single<PresenceDTO> presence(const std::string& address, bool avatar,
+                                   bool fromCache) override;
+  rx::Single<PresenceDTO> update(const PresenceUpdateRequest& request) override;
+  PresenceDTO updateCache(const PresenceDTO& presence) override;
+
+  /// The server operations, without the cache.
+  KelPresencesService& server() noexcept { return server_; }
+
+  /// Copies of the cache: records by key, and the confirmed subscriptions.
+  std::map<std::string, PresenceDTO> cachedPresences() const;
+  std::map<std::string, bool> subscriptions() const;
+
+ private:
+  /// The record of `address` when its subscription is confirmed and it is cached.
+  std::optional<PresenceDTO> subscribedPresence(const std::string& address) const;
+  void confirmSubscription(const PresenceDTO& presence);
+
+  KelPresencesService server_;
+  mutable std::mutex mutex_;  // guards presences_ and subscriptions_
+  std::map<std::string, PresenceDTO> presences_;
+  std::map<std::string, bool> subscriptions_;
+};
+
+}  // namespace kel
