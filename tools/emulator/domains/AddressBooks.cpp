@@ -26,8 +26,7 @@ bool wanted(const json& book, const std::vector<std::string>& types) {
 
 }  // namespace
 
-AddressBooks::AddressBooks(DomainContext context, const UserContacts& contacts)
-    : context_(std::move(context)), contacts_(contacts) {}
+AddressBooks::AddressBooks(const UserContacts& contacts) : contacts_(contacts) {}
 
 void AddressBooks::install(ResourceRouter& resources) {
   resources.route("GET", "/addressbooks", refusing([this](const ResourceRequest& r) {

@@ -30,7 +30,7 @@ namespace kel::emulator {
 
 class AddressBooks {
  public:
-  AddressBooks(DomainContext context, const UserContacts& contacts);
+  explicit AddressBooks(const UserContacts& contacts);
 
   AddressBooks(const AddressBooks&) = delete;
   AddressBooks& operator=(const AddressBooks&) = delete;
@@ -53,7 +53,6 @@ class AddressBooks {
   static void checkBook(const nlohmann::json& book, std::string_view where);
   void store(nlohmann::json book);
 
-  DomainContext context_;
   const UserContacts& contacts_;
   mutable std::mutex mutex_;  // guards directories_
   std::vector<nlohmann::json> directories_;

@@ -16,7 +16,7 @@ namespace kel::emulator {
 struct Domains {
   Domains(SessionStore& store, SignIn& signIn, const PushEvent& push)
       : userContacts({store, signIn, push}),
-        addressBooks({store, signIn, push}, userContacts),
+        addressBooks(userContacts),
         presences({store, signIn, push}),
         groups({store, signIn, push}) {}
 

@@ -50,9 +50,9 @@ void Presences::install(ResourceRouter& resources) {
 }
 
 std::optional<std::string> Presences::resolve(std::string_view address) const {
-  if (address.starts_with(kUserAddressPrefix))
+  if (address.starts_with(kUserAddressPrefix)) {
     address.remove_prefix(kUserAddressPrefix.size());
-  else if (const auto at = address.find('@'); at != std::string_view::npos) {
+  } else if (const auto at = address.find('@'); at != std::string_view::npos) {
     const auto username = address.substr(0, at);
     const auto domain = address.substr(at + 1);
     for (const auto& user : context_.store.users()) {
