@@ -122,6 +122,7 @@ TEST(EmulatorFixture, FilesThatAreNoFixturesAreRefusedWithTheReason) {
 
 TEST(EmulatorFixture, EveryEmulatorServesTheDomains) {
   Emulator emulator;
+  emulator.addUser("alice");
   emulator.loadFixture(kFixture);
   std::optional<Reply> answer;
   ResourceRequest request;
