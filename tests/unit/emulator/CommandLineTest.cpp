@@ -14,27 +14,10 @@ CommandLineResult parse(std::vector<std::string_view> arguments) {
 }
 
 TEST(EmulatorCommandLine, FlagsFillTheOptions) {
-  auto result = parse({"--listen",
-                       "[::1]:8080",
-                       "--ping-period=0.25",
-                       "--user",
-                       "alice",
-                       "--token",
-                       "t1",
-                       "--user=bob",
-                       "--socket-path",
-                       "/ws",
-                       "--threads",
-                       "2",
-                       "--session-lifetime",
-                       "60",
-                       "--log-frames",
-                       "--auth-timeout",
-                       "2.5",
-                       "--record-frames",
-                       "50",
-                       "--fixture",
-                       "f.json"});
+  auto result =
+      parse({"--listen", "[::1]:8080", "--ping-period=0.25", "--user", "alice", "--token", "t1",
+             "--user=bob", "--socket-path", "/ws", "--threads", "2", "--session-lifetime", "60",
+             "--log-frames", "--auth-timeout", "2.5", "--record-frames", "50"});
   ASSERT_TRUE(result.commandLine) << result.error;
   const auto& line = *result.commandLine;
   EXPECT_EQ("::1", line.options.host);
@@ -47,7 +30,7 @@ TEST(EmulatorCommandLine, FlagsFillTheOptions) {
   EXPECT_EQ(2500ms, line.options.authTimeout);
   EXPECT_EQ(50u, line.options.frameLogLimit);
   EXPECT_TRUE(line.options.recordFrames);
-  EXPECT_EQ("f.json", line.fixtureFile);
+  EXPECT_EQ("f.json", parse({"--fixture", "f.json"}).commandLine->fixtureFile);
   ASSERT_EQ(2u, line.users.size());
   EXPECT_EQ("t1", line.users[0].token);
   EXPECT_FALSE(line.users[1].token);
