@@ -222,16 +222,6 @@ TEST_F(WebSocketTest, TheUpgradeCarriesSubProtocolHeaderFieldsAndCookies) {
   EXPECT_EQ(1u, cookies_->allCookies().size());
 }
 
-TEST_F(WebSocketTest, ASubProtocolThatWasNotAskedForFailsTheUpgrade) {
-  server_->setUpgradeAnswer({.subprotocol = "other"});
-  auto socket = makeSocket(url("/kel"), {"kel"});
-  socket->connect();
-  EXPECT_EQ(SocketCloseCode::abnormalClosure, delegate_->waitForDisconnect());
-  EXPECT_EQ(0u, delegate_->count(Kind::connected));
-  ASSERT_EQ(1u, delegate_->errors().size());
-  EXPECT_THAT(delegate_->errors()[0], HasSubstr("sub-protocol \"other\""));
-}
-
 TEST_F(WebSocketTest, ThePeersCloseCodeOrALostTransportIsReportedAndTheSocketConnectsAgain) {
   auto socket = makeSocket(url("/ws"));
   // Code 0: a close frame without a code.
@@ -260,26 +250,28 @@ TEST_F(WebSocketTest, ThePeersCloseCodeOrALostTransportIsReportedAndTheSocketCon
   EXPECT_EQ(2u, delegate_->count(Kind::error));
 }
 
-TEST_F(WebSocketTest, MessagesAboveTheLimitEndTheConnectionWithMessageTooBig) {
+TEST_F(WebSocketTest, FramesAboveTheLimitOrNotUtf8EndTheConnectionWithTheirCode) {
   for (auto [limit, size] : {std::pair<std::size_t, std::size_t>{64 * 1024, 64 * 1024 + 1},
                              {Options{}.maxMessageSize, 16 * 1024 * 1024 + 1}}) {
     Options options;
     options.maxMessageSize = limit;
-    EXPECT_EQ("", delegate_->contractViolations());
-    delegate_ = std::make_shared<RecordingSocketDelegate>();
-    const auto& delegate = delegate_;
     auto socket = makeSocket(url("/ws"), {}, options);
     const auto id = open(*socket);
+    const auto reports = delegate_->disconnects().size();
     server_->sendText(Recipients::socket(id), std::string(limit, 'a'));  // exactly the limit
-    ASSERT_TRUE(delegate->waitFor(Kind::message)) << limit;
+    ASSERT_TRUE(delegate_->waitFor(Kind::message, reports + 1)) << limit;
     server_->sendBinary(Recipients::socket(id), std::string(size, 'b'));
-    EXPECT_EQ(SocketCloseCode::messageTooBig, delegate->waitForDisconnect()) << limit;
-    EXPECT_EQ(0u, delegate->count(Kind::data));
+    EXPECT_EQ(SocketCloseCode::messageTooBig, delegate_->waitForDisconnect(reports + 1)) << limit;
     const auto end = waitForEnd(id);
     ASSERT_TRUE(end);
     EXPECT_EQ(ClosedBy::client, end->closedBy);
     EXPECT_EQ(1009, end->closeCode);
   }
+  auto socket = makeSocket(url("/ws"));
+  server_->sendMalformed(Recipients::socket(open(*socket)), emulator::Malformed::invalidUtf8);
+  EXPECT_EQ(SocketCloseCode::invalidFramePayloadData, delegate_->waitForDisconnect(3));
+  EXPECT_EQ(2u, delegate_->count(Kind::message));
+  EXPECT_EQ(0u, delegate_->count(Kind::data));
 }
 
 // --- Closing ---
@@ -400,19 +392,26 @@ TEST_F(WebSocketTest, FramesAreWrittenOnlyWhileOpenAndNeverKeptForLater) {
 // --- Opening failures and time limits ---
 
 TEST_F(WebSocketTest, FailuresToOpenAreReportedAsAbnormalClosureWithTheirCause) {
-  {
-    auto socket = makeSocket("ws://127.0.0.1:" + std::to_string(closedPort()) + "/ws");
+  const struct {
+    emulator::UpgradeAnswer answer;
+    std::string url;
+    const char* cause;
+  } cases[] = {
+      {{},
+       "ws://127.0.0.1:" + std::to_string(closedPort()) + "/ws",
+       "connecting to ws://127.0.0.1:"},
+      {{.rejectStatus = 403}, url("/ws"), "HTTP 403"},
+      {{.subprotocol = "other"}, url("/kel"), "sub-protocol \"other\""},
+  };
+  std::size_t reports = 0;
+  for (const auto& c : cases) {
+    server_->setUpgradeAnswer(c.answer);
+    auto socket = makeSocket(c.url, {"kel"});
     socket->connect();
-    EXPECT_EQ(SocketCloseCode::abnormalClosure, delegate_->waitForDisconnect(1));
-    EXPECT_THAT(delegate_->errors().at(0), HasSubstr("connecting to ws://127.0.0.1:"));
+    EXPECT_EQ(SocketCloseCode::abnormalClosure, delegate_->waitForDisconnect(++reports)) << c.cause;
+    EXPECT_THAT(delegate_->errors().back(), HasSubstr(c.cause));
   }
-  {
-    server_->setUpgradeAnswer({.rejectStatus = 403});
-    auto socket = makeSocket(url("/ws"));
-    socket->connect();
-    EXPECT_EQ(SocketCloseCode::abnormalClosure, delegate_->waitForDisconnect(2));
-    EXPECT_THAT(delegate_->errors().at(1), HasSubstr("HTTP 403"));
-  }
+  EXPECT_EQ(reports, delegate_->errors().size());
   EXPECT_EQ(0u, delegate_->count(Kind::connected));
 }
 

@@ -44,10 +44,8 @@ class KelServerTest : public ::testing::Test {
       return Outcome::respond(200, kAnswer);
     });
     KelServer::Options options;
-    options.mainScheduler = scheduler_;
+    options.mainScheduler = options.resumeTimeoutScheduler = options.renewalScheduler = scheduler_;
     options.makeUserInitiatedScheduler = [this] { return scheduler_; };
-    options.resumeTimeoutScheduler = scheduler_;
-    options.renewalScheduler = scheduler_;
     options.keychain = keychain_;
     options.userDefaults = defaults_;
     options.applicationLifecycle = lifecycle_;
@@ -68,10 +66,9 @@ class KelServerTest : public ::testing::Test {
       return std::make_shared<platform::InMemoryNetworkManager>(
           platform::OvNetworkStatus::notReachable);
     };
-    platform.clientOptions.socketScheduler = scheduler_;
-    platform.clientOptions.connectionScheduler = scheduler_;
-    platform.clientOptions.authenticationScheduler = scheduler_;
-    platform.clientOptions.reconnectionScheduler = scheduler_;
+    platform.clientOptions.socketScheduler = platform.clientOptions.connectionScheduler =
+        platform.clientOptions.authenticationScheduler =
+            platform.clientOptions.reconnectionScheduler = scheduler_;
     options.socketPlatform = platform;
     options_ = options;
     server_ = makeServer("wss://kel.example/ws/kel");
@@ -272,17 +269,7 @@ TEST_F(KelServerTest, RestoreWaitsThreeSecondsForAReconnectingSocketThenSignsInA
   EXPECT_EQ(GenericErrorType::notAllowed("No token to restore the session"), error->type());
 }
 
-TEST_F(KelServerTest, AServerSideCloseAsksForANewSessionAndClearsIt) {
-  signIn();
-  StreamRecorder needs(server_->needsNewSession());
-  sockets_.back()->close(platform::SocketCloseCode::normalClosure);
-  scheduler_->advanceBy(0s);
-  EXPECT_EQ(1u, needs.values().size());
-  EXPECT_FALSE(server_->canRestoreSession());
-  EXPECT_FALSE(server_->userSession().value());
-}
-
-TEST_F(KelServerTest, LogoutEndsWithTheServerOrWithADisconnectionWhicheverComesFirst) {
+TEST_F(KelServerTest, OnlyAServerSideCloseAsksForANewSessionAndLogoutEndsWithTheServerOrTheSocket) {
   signIn();
   StreamRecorder needs(server_->needsNewSession());
   StreamRecorder done(server_->logout("device-1"));
@@ -292,6 +279,14 @@ TEST_F(KelServerTest, LogoutEndsWithTheServerOrWithADisconnectionWhicheverComesF
   EXPECT_EQ(1u, done.values().size()) << describeError(done.error());
   EXPECT_TRUE(needs.values().empty()) << "a logout's own close asks for nothing";
   EXPECT_FALSE(server_->canRestoreSession());
+
+  // The server closing the socket by itself asks for a new session and forgets the stored one.
+  signIn();
+  sockets_.back()->close(platform::SocketCloseCode::normalClosure);
+  scheduler_->advanceBy(0s);
+  EXPECT_EQ(1u, needs.values().size());
+  EXPECT_FALSE(server_->canRestoreSession());
+  EXPECT_FALSE(server_->userSession().value());
 
   // The server never answers, but the socket goes away: that ends the logout as well.
   signIn();

@@ -180,6 +180,9 @@ TEST_F(KelSocketClientTest, StopCompletesEveryPendingRequestWithoutAnElement) {
 
 TEST_F(KelSocketClientTest, OnlyALostConnectionWithATokenStartsAReconnectionUntilAStop) {
   authenticate();
+  // A request outlives lost connections; only the stop ends it.
+  auto pending = send(testRequest(1, 600s));
+  scheduler_->advanceBy(0s);
   socket_->setOptions({.openOnConnect = false});
   socket_->close(SocketCloseCode::goingBackground);
   handler_->disconnect(SocketCloseCode::normalClosure);
@@ -212,7 +215,9 @@ TEST_F(KelSocketClientTest, OnlyALostConnectionWithATokenStartsAReconnectionUnti
   EXPECT_TRUE(client_->socketReconnector()->isReconnecting());
   scheduler_->advanceBy(2s);
   EXPECT_FALSE(client_->socketReconnector()->isReconnecting()) << "the next tick saw the stop";
-  EXPECT_EQ(0u, scheduler_->pendingCount()) << "no pulse and no attempt left";
+  EXPECT_EQ(0u, scheduler_->pendingCount()) << "no pulse, no attempt and no time-out left";
+  EXPECT_TRUE(pending->completed);
+  EXPECT_EQ(0, pending->elements);
   scheduler_->advanceBy(60s);
   EXPECT_EQ(connects + 2, socket_->connectCount());
 }
