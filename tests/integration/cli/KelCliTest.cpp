@@ -1,23 +1,23 @@
 // The kel program as a user runs it: separate processes that share the session only through the
 // keychain (the test command's private Secret Service) and a private defaults file.
 
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "emulator/Emulator.h"
+#include "support/Shell.h"
 #include "support/SignInAnswer.h"
 
 #ifndef KEL_CLI_PATH
@@ -41,31 +41,15 @@ struct KelRun {
   }
 };
 
-std::string quoted(const std::string& text) {
-  std::string result = "'";
-  for (const char c : text) result += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return result + "'";
-}
-
 /// Runs kel with `arguments` and XDG_CONFIG_HOME set to `configHome`, capturing stdout and
 /// stderr. A kel still running after 60 s is killed and fails the test.
 KelRun runKel(const std::vector<std::string>& arguments, const fs::path& configHome) {
   const std::string errors = configHome.string() + ".err";
-  std::string command =
-      "XDG_CONFIG_HOME=" + quoted(configHome) + " timeout -s KILL 60 " + quoted(KEL_CLI_PATH);
-  for (const auto& argument : arguments) command += " " + quoted(argument);
-  command += " 2>" + quoted(errors);
+  std::string command = "XDG_CONFIG_HOME=" + test::shellQuoted(configHome) +
+                        " timeout -s KILL 60 " + test::shellQuoted(KEL_CLI_PATH);
+  for (const auto& argument : arguments) command += " " + test::shellQuoted(argument);
   KelRun run;
-  FILE* pipe = ::popen(command.c_str(), "r");
-  if (pipe == nullptr) {
-    ADD_FAILURE() << "cannot start kel";
-    return run;
-  }
-  char buffer[4096];
-  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-    run.out.append(buffer, n);
-  const int status = ::pclose(pipe);
-  run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  std::tie(run.exitCode, run.out) = test::runShell(command + " 2>" + test::shellQuoted(errors));
   std::ostringstream err;
   err << std::ifstream(errors, std::ios::binary).rdbuf();
   run.err = err.str();

@@ -4,6 +4,7 @@
 
 #include "ServerClient/Log/ServerLog.h"
 #include "support/LogCapture.h"
+#include "support/Thrown.h"
 
 namespace kel {
 namespace {
@@ -23,13 +24,9 @@ TEST(Model, AFailureCarriesTheDataAndLogsTheDecodersText) {
   ServerLog::sharedInstance().addLoggers(LogLevel::error, false);  // the complaint is an error
   EXPECT_EQ(4, Model::from<std::vector<Contact>>(R"([{"id":"b","age":4}])").at(0).age);
   const std::string data = R"({"id":"a","age":"old"})";
-  try {
-    Model::from<Contact>(data);
-    ADD_FAILURE() << "decoded";
-  } catch (const GenericError& error) {
-    EXPECT_EQ(GenericErrorType::decoding(data), error.type());
-    EXPECT_EQ("", error.description());
-  }
+  const auto error = test::thrown<GenericError>([&] { Model::from<Contact>(data); }).value();
+  EXPECT_EQ(GenericErrorType::decoding(data), error.type());
+  EXPECT_EQ("", error.description());
   const auto lines = log.lines();
   ASSERT_EQ(1u, lines.size()) << "one line, for the failure only";
   EXPECT_TRUE(lines[0].starts_with("SDKLog - KEL - [Model]:[")) << lines[0];

@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "ServerClient/Socket/SocketAuthenticator.h"
-#include "support/LogCapture.h"
 #include "unit/Socket/Client/SocketTestSupport.h"
 
 namespace kel {
@@ -32,7 +31,6 @@ class ConnectionTest : public ::testing::Test {
 using SocketConnectorTest = ConnectionTest;
 
 TEST_F(SocketConnectorTest, SucceedsWhenTheSocketOpensWithinItsTimeOut) {
-  testing::LogCapture log;
   socket_->setOptions({.openOnConnect = false});
   const SocketConnector connector(socket_, handler_, kConnectionTimeout,
                                   {.connectionScheduler = scheduler_});
@@ -45,7 +43,6 @@ TEST_F(SocketConnectorTest, SucceedsWhenTheSocketOpensWithinItsTimeOut) {
   socket_->open();
   EXPECT_EQ(1, outcome->elements);
   EXPECT_EQ(0u, scheduler_->pendingCount()) << "the time-out was cancelled";
-  EXPECT_TRUE(log.contains("]: Trying to connect socket"));
   EXPECT_EQ(1, run(connector.connect())->elements) << "already connected: answered at once";
 }
 
@@ -88,13 +85,11 @@ TEST_F(SocketConnectorTest, SendsTheCookiesOfTheSocketURLOrElseOfItsHttpsTwin) {
 }
 
 TEST_F(ConnectionTest, AuthenticationSendsTheTokenAndFailsAfterTwentySecondsWithoutAnAnswer) {
-  testing::LogCapture log;
   socket_->connect();
   const SocketAuthenticator authenticator(socket_, handler_, kConnectionTimeout,
                                           {.authenticationScheduler = scheduler_});
   auto outcome = run(authenticator.authenticate("tok-4"));
   EXPECT_EQ(std::vector<std::string>{"AUTH tok-4"}, socket_->sentTexts());
-  EXPECT_TRUE(log.contains("]: Trying to authenticate socket"));
   scheduler_->advanceBy(19'999ms);
   EXPECT_FALSE(outcome->error);
   scheduler_->advanceBy(1ms);

@@ -81,12 +81,8 @@ TEST_F(KelSocketEventHandlerTest, PingsArePongedAndOnlyResponsesAndEventsArePubl
   handler_->stateEventPublisher().subscribe([&](const SocketState& s) { late.push_back(s); });
   EXPECT_EQ(std::vector{SocketState::authenticated()}, late) << "the current state first";
 
-  EXPECT_EQ(2u, log.count("]: Ping received"));
-  EXPECT_TRUE(log.contains("]: Event received "));
   EXPECT_TRUE(log.contains("]: Unknown message received: 3not json"));
   EXPECT_TRUE(log.contains("]: KelSocket: Error broken pipe"));
-  EXPECT_TRUE(log.contains("]: Message received Optional(\"\x01\x02\")"));
-  EXPECT_TRUE(log.contains("SDKLog - KEL - [KelSocketEventHandler]:["));
   EXPECT_FALSE(log.contains("MARK"));
 }
 
