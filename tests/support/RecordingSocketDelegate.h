@@ -41,9 +41,9 @@ class RecordingSocketDelegate final : public platform::WebSocketConnectionDelega
   struct Event {
     Kind kind = Kind::connected;
     platform::SocketCloseCode code = platform::SocketCloseCode::invalid;  // disconnected
-    std::string text;  // message, data; the error's what() for error
-    std::exception_ptr error;
-    std::thread::id thread;
+    std::string text{};  // message, data; the error's what() for error
+    std::exception_ptr error{};
+    std::thread::id thread{};
   };
 
   void socketDidConnect() override { record({Kind::connected}); }

@@ -311,15 +311,18 @@ TEST_F(WebSocketTest, DisconnectReportsTheGivenCodeExactlyOnce) {
   EXPECT_EQ(0u, delegate_->count(Kind::error));
 }
 
-TEST_F(WebSocketTest, DisconnectWhileOpeningEndsTheAttemptWithTheGivenCode) {
+TEST_F(WebSocketTest, WhileOpeningADisconnectEndsTheAttemptWithItsCodeAndDestructionWithNone) {
   server_->refuseConnections(std::nullopt, emulator::RefusalMode::stall);
-  auto socket = makeSocket(url("/ws"));
-  socket->connect();
-  ASSERT_TRUE(server_->waitUntil([&] { return server_->counters().connectionsRefused == 1; },
-                                 kDefaultWait));
-  socket->connect();  // already opening: nothing
-  socket->disconnect(SocketCloseCode::otherExpectedClosure);
-  EXPECT_EQ(SocketCloseCode::otherExpectedClosure, delegate_->waitForDisconnect());
+  for (const unsigned attempt : {1u, 2u}) {
+    auto socket = makeSocket(url("/ws"));
+    socket->connect();
+    ASSERT_TRUE(server_->waitUntil(
+        [&] { return server_->counters().connectionsRefused == attempt; }, kDefaultWait));
+    if (attempt == 2) continue;  // destroyed: no call at all
+    socket->connect();           // already opening: nothing
+    socket->disconnect(SocketCloseCode::otherExpectedClosure);
+    EXPECT_EQ(SocketCloseCode::otherExpectedClosure, delegate_->waitForDisconnect());
+  }
   EXPECT_EQ(1u, delegate_->events().size());
 }
 
@@ -394,7 +397,7 @@ TEST_F(WebSocketTest, FramesAreWrittenOnlyWhileOpenAndNeverKeptForLater) {
 TEST_F(WebSocketTest, FailuresToOpenAreReportedAsAbnormalClosureWithTheirCause) {
   const struct {
     emulator::UpgradeAnswer answer;
-    std::string url;
+    std::string target;
     const char* cause;
   } cases[] = {
       {{},
@@ -406,7 +409,7 @@ TEST_F(WebSocketTest, FailuresToOpenAreReportedAsAbnormalClosureWithTheirCause) 
   std::size_t reports = 0;
   for (const auto& c : cases) {
     server_->setUpgradeAnswer(c.answer);
-    auto socket = makeSocket(c.url, {"kel"});
+    auto socket = makeSocket(c.target, {"kel"});
     socket->connect();
     EXPECT_EQ(SocketCloseCode::abnormalClosure, delegate_->waitForDisconnect(++reports)) << c.cause;
     EXPECT_THAT(delegate_->errors().back(), HasSubstr(c.cause));
@@ -447,24 +450,14 @@ TEST_F(WebSocketTest, AnIdleConnectionIsKeptAliveAndADeafPeerIsDetected) {
 // --- Destruction ---
 
 TEST_F(WebSocketTest, DestroyingTheSocketDropsItsConnectionWithoutAnyFurtherCall) {
-  {
-    auto socket = makeSocket(url("/ws"));
-    const auto id = open(*socket);
-    for (int i = 0; i < 100; ++i) socket->send("pending " + std::to_string(i));
-    socket.reset();  // joins the network thread
-    const auto end = waitForEnd(id);
-    ASSERT_TRUE(end);
-    EXPECT_NE(ClosedBy::client, end->closedBy) << "no close frame";
-  }
-  {
-    server_->refuseConnections(std::nullopt, emulator::RefusalMode::stall);
-    auto socket = makeSocket(url("/ws"));
-    socket->connect();
-    ASSERT_TRUE(server_->waitUntil([&] { return server_->counters().connectionsRefused == 1; },
-                                   kDefaultWait));
-    socket.reset();
-  }
-  EXPECT_EQ(1u, delegate_->events().size());  // the first socketDidConnect only
+  auto socket = makeSocket(url("/ws"));
+  const auto id = open(*socket);
+  for (int i = 0; i < 100; ++i) socket->send("pending " + std::to_string(i));
+  socket.reset();  // joins the network thread
+  const auto end = waitForEnd(id);
+  ASSERT_TRUE(end);
+  EXPECT_NE(ClosedBy::client, end->closedBy) << "no close frame";
+  EXPECT_EQ(1u, delegate_->events().size());  // the socketDidConnect only
 }
 
 TEST_F(WebSocketTest, ASocketMayBeDestroyedFromInsideItsOwnCallbacks) {
