@@ -156,24 +156,35 @@ class WebSocketTest : public testing::Test {
 
 // --- Plain connections ---
 
-TEST_F(WebSocketTest, ExchangesTextAndBinaryFramesWithCallbacksOnTheNetworkThread) {
+TEST_F(WebSocketTest, ExchangesFramesOnlyWhileOpenWithCallbacksOnTheNetworkThread) {
   auto socket = makeSocket(url("/ws"));
   EXPECT_FALSE(socket->isConnected());
-  const auto id = openAuthenticated(*socket);
+  socket->send("before");
+  socket->sendPong();
+  const auto first = openAuthenticated(*socket);
   EXPECT_TRUE(socket->isConnected());
-
-  socket->send("hello");
-  server_->sendBinary(Recipients::socket(id), std::string("\x00\xff", 2));
+  socket->sendPong();
+  socket->send("during");
+  server_->sendBinary(Recipients::socket(first), std::string("\x00\xff", 2));
   ASSERT_TRUE(delegate_->waitFor(Kind::data, 1));
   EXPECT_EQ(std::string("\x00\xff", 2), delegate_->events().back().text);
-  ASSERT_TRUE(waitFor(id, [](const SocketInfo& s) { return s.framesReceived == 2; }));
-  EXPECT_EQ((std::vector<std::string>{"hello"}), framesAfterAuth(id));
-
+  ASSERT_TRUE(waitFor(first, [](const SocketInfo& s) { return s.framesReceived == 2; }));
+  EXPECT_TRUE(waitFor(first, [](const SocketInfo& s) { return s.pongsReceived == 1; }));
   const auto events = delegate_->events();
   for (const auto& event : events) {
     EXPECT_EQ(events.front().thread, event.thread);
     EXPECT_NE(std::this_thread::get_id(), event.thread);
   }
+
+  // Nothing is kept for a later connection.
+  socket->disconnect(SocketCloseCode::normalClosure);
+  ASSERT_TRUE(delegate_->waitForDisconnect());
+  socket->send("after");
+  const auto second = openAuthenticated(*socket);
+  socket->send("again");
+  ASSERT_TRUE(waitFor(second, [](const SocketInfo& s) { return s.framesReceived == 2; }));
+  EXPECT_EQ((std::vector<std::string>{"during"}), framesAfterAuth(first));
+  EXPECT_EQ((std::vector<std::string>{"again"}), framesAfterAuth(second));
 }
 
 TEST_F(WebSocketTest, TheUpgradeCarriesSubProtocolHeaderFieldsAndCookies) {
@@ -370,26 +381,6 @@ TEST_F(WebSocketTest, SendsFromManyThreadsKeepEachThreadsOrderBothWays) {
     const int n = idOf(messages[m]);
     EXPECT_EQ(answered[n / kEach]++, n % kEach) << messages[m];
   }
-}
-
-TEST_F(WebSocketTest, FramesAreWrittenOnlyWhileOpenAndNeverKeptForLater) {
-  auto socket = makeSocket(url("/ws"));
-  socket->send("before");
-  socket->sendPong();
-  const auto first = openAuthenticated(*socket);
-  socket->sendPong();
-  socket->send("during");
-  ASSERT_TRUE(waitFor(first, [](const SocketInfo& s) { return s.framesReceived == 2; }));
-  EXPECT_TRUE(waitFor(first, [](const SocketInfo& s) { return s.pongsReceived == 1; }));
-  socket->disconnect(SocketCloseCode::normalClosure);
-  ASSERT_TRUE(delegate_->waitForDisconnect());
-  socket->send("after");
-
-  const auto second = openAuthenticated(*socket);
-  socket->send("again");
-  ASSERT_TRUE(waitFor(second, [](const SocketInfo& s) { return s.framesReceived == 2; }));
-  EXPECT_EQ((std::vector<std::string>{"during"}), framesAfterAuth(first));
-  EXPECT_EQ((std::vector<std::string>{"again"}), framesAfterAuth(second));
 }
 
 // --- Opening failures and time limits ---
