@@ -208,6 +208,8 @@ TEST_F(KelSocketClientTest, OnlyALostConnectionWithATokenStartsAReconnectionUnti
   // Lost again; the user stops the client between two attempts.
   socket_->close(SocketCloseCode::abnormalClosure);
   scheduler_->advanceBy(4s);
+  EXPECT_EQ(std::vector<std::int64_t>{1}, client_->pendingRequests());
+  EXPECT_FALSE(pending->terminated());
   client_->stop(SocketCloseCode::normalClosure);
   EXPECT_TRUE(client_->socketReconnector()->isReconnecting());
   scheduler_->advanceBy(2s);
