@@ -3,7 +3,6 @@
 #include "ServerClient/AddressBooks/Event/AddressBooksEventHandler.h"
 #include "ServerClient/AddressBooks/Service/KelCacheAddressBooksService.h"
 #include "ServerClient/Contact/Service/KelUserContactsService.h"
-#include "ServerClient/rx/TestScheduler.h"
 #include "support/LogCapture.h"
 #include "support/OperationTable.h"
 
@@ -195,33 +194,6 @@ TEST(CacheAddressBooksService, FillsFromTheServerAnswersFromItselfAndFollowsEven
   EXPECT_EQ("c3", outcome(service->contact({"contacts"}, "u1"))["id"]);
   EXPECT_EQ(nullptr, outcome(service->contact({"static"}, "u1")));
   EXPECT_EQ(1u, client->requests().size());
-}
-
-TEST(AddressBooksEventHandler, SortsContactEventsByMethodAndEndsOnlyTheStreamThatFailsToDecode) {
-  auto scheduler = std::make_shared<rx::TestScheduler>();
-  auto channel = std::make_shared<KelEventHandler>();
-  AddressBooksEventHandler handler(channel, scheduler);
-  auto created = scheduler->createObserver<AddressBookSocketDTO>();
-  auto updated = scheduler->createObserver<AddressBookSocketDTO>();
-  auto deleted = scheduler->createObserver<AddressBookSocketDTO>();
-  handler.newContact().subscribe(created);
-  handler.contactUpdated().subscribe(updated);
-  handler.contactDeleted().subscribe(deleted);
-  scheduler->start();
-  const json body = {{"addressBookId", "b1"}, {"addressBookType", "contacts"}};
-  for (const char* method : {"POST", "put", "DELETE"}) {
-    channel->handle({{"path", "/addressbooks/b1"}, {"method", method}, {"body", body}});
-  }
-  channel->handle({{"path", "/presence"}, {"method", "POST"}, {"body", body}});
-  channel->handle(
-      {{"path", "/addressbooks"}, {"method", "PUT"}, {"body", {{"addressBookType", 1}}}});
-  channel->handle({{"path", "/addressbooks"}, {"method", "DELETE"}, {"body", body}});
-  scheduler->start();
-  EXPECT_EQ(1u, created->values().size());
-  EXPECT_EQ(std::optional<std::string>("b1"), created->values()[0].id);
-  ASSERT_EQ(2u, updated->events().size());
-  EXPECT_TRUE(updated->events()[1].value.isError());
-  EXPECT_EQ(2u, deleted->values().size());
 }
 
 }  // namespace

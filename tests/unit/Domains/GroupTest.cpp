@@ -2,7 +2,6 @@
 
 #include "ServerClient/Group/Event/GroupEventHandler.h"
 #include "ServerClient/Group/Service/KelCacheGroupService.h"
-#include "ServerClient/rx/TestScheduler.h"
 #include "support/LogCapture.h"
 #include "support/OperationTable.h"
 
@@ -171,37 +170,6 @@ TEST(CacheGroupService, ReadsFromItselfWhenAskedAndKeepsAcceptedChangesOfCachedG
   client->queueReply(Reply::withBody(group("g2")));
   outcome(service->group("g2", true));
   EXPECT_EQ("/usersGroup/g2", client->lastRequest()["path"]);
-}
-
-TEST(GroupEventHandler, SortsGroupEventsAndDropsIdPayloadsOfAnotherShape) {
-  auto scheduler = std::make_shared<rx::TestScheduler>();
-  auto channel = std::make_shared<KelEventHandler>();
-  GroupEventHandler handler(channel, scheduler);
-  auto created = scheduler->createObserver<GroupDTO>();
-  auto updated = scheduler->createObserver<GroupDTO>();
-  auto deleted = scheduler->createObserver<std::string>();
-  auto removed = scheduler->createObserver<std::string>();
-  handler.newGroup().subscribe(created);
-  handler.groupUpdated().subscribe(updated);
-  handler.groupDeleted().subscribe(deleted);
-  handler.groupDidRemoveParticipant().subscribe(removed);
-  scheduler->start();
-  auto push = [&](const char* path, const char* method, json body) {
-    channel->handle({{"path", path}, {"method", method}, {"body", std::move(body)}});
-  };
-  push("/usersGroup", "POST", group("g1"));
-  push("/usersGroup/g1", "PUT", group("g1"));
-  push("/usersGroup/g1", "DELETE", {{"groupId", "g1"}, {"name", "G"}});
-  push("/usersGroup/g2", "DELETE", {{"groupId", "g2"}, {"count", 1}});
-  push("/usersGroup/g3", "DELETE", {{"name", "no id"}});
-  push("/usersGroup/g4", "DELETE", json::array());
-  push("/usersGroup/participant", "DELETE", {{"groupId", "g5"}});
-  push("/usersGroup/participant", "PUT", {{"groupId", "g6"}});
-  scheduler->start();
-  EXPECT_EQ(1u, created->values().size());
-  EXPECT_EQ("g1", updated->values().at(0).groupId);
-  EXPECT_EQ(std::vector<std::string>{"g1"}, deleted->values());
-  EXPECT_EQ(std::vector<std::string>{"g5"}, removed->values());
 }
 
 }  // namespace

@@ -121,22 +121,5 @@ TEST(CachePresencesService, AnswersConfirmedSubscriptionsFromTheCacheAndFetchesO
   EXPECT_EQ("connection/timeout", errorKind(waiting.error()));
 }
 
-TEST(PresencesEventHandler, KeepsThePresenceChangesAlone) {
-  auto scheduler = std::make_shared<rx::TestScheduler>();
-  auto channel = std::make_shared<KelEventHandler>();
-  PresencesEventHandler handler(channel, scheduler);
-  auto updated = scheduler->createObserver<PresenceDTO>();
-  handler.presenceUpdated().subscribe(updated);
-  scheduler->start();
-  for (const char* method : {"PUT", "POST", "DELETE"}) {
-    channel->handle(
-        {{"path", "/presence/kel-user:1"}, {"method", method}, {"body", {{"note", method}}}});
-  }
-  channel->handle({{"path", "/usersGroup"}, {"method", "PUT"}, {"body", {{"note", "group"}}}});
-  scheduler->start();
-  ASSERT_EQ(1u, updated->values().size());
-  EXPECT_EQ(std::optional<std::string>("PUT"), updated->values()[0].note);
-}
-
 }  // namespace
 }  // namespace kel

@@ -1,0 +1,81 @@
+#include <gtest/gtest.h>
+
+#include "ServerClient/AddressBooks/Event/AddressBooksEventHandler.h"
+#include "ServerClient/Group/Event/GroupEventHandler.h"
+#include "ServerClient/Presence/Event/PresencesEventHandler.h"
+#include "ServerClient/rx/TestScheduler.h"
+
+namespace kel {
+namespace {
+
+using nlohmann::json;
+
+TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndecodableRecord) {
+  auto scheduler = std::make_shared<rx::TestScheduler>();
+  auto channel = std::make_shared<KelEventHandler>();
+  AddressBooksEventHandler books(channel, scheduler);
+  PresencesEventHandler presence(channel, scheduler);
+  GroupEventHandler groups(channel, scheduler);
+  auto created = scheduler->createObserver<AddressBookSocketDTO>();
+  auto updated = scheduler->createObserver<AddressBookSocketDTO>();
+  auto deleted = scheduler->createObserver<AddressBookSocketDTO>();
+  auto presenceUpdated = scheduler->createObserver<PresenceDTO>();
+  auto newGroup = scheduler->createObserver<GroupDTO>();
+  auto groupDeleted = scheduler->createObserver<std::string>();
+  auto participantRemoved = scheduler->createObserver<std::string>();
+  books.newContact().subscribe(created);
+  books.contactUpdated().subscribe(updated);
+  books.contactDeleted().subscribe(deleted);
+  presence.presenceUpdated().subscribe(presenceUpdated);
+  groups.newGroup().subscribe(newGroup);
+  groups.groupDeleted().subscribe(groupDeleted);
+  groups.groupDidRemoveParticipant().subscribe(participantRemoved);
+  scheduler->start();
+
+  const json book = {{"addressBookId", "b1"}, {"addressBookType", "contacts"}};
+  const json group = {{"groupId", "g1"},
+                      {"chatId", "c"},
+                      {"name", "G"},
+                      {"participants", {"u"}},
+                      {"owner",
+                       {{"id", "u"},
+                        {"domain", "d"},
+                        {"email", "e"},
+                        {"username", "n"},
+                        {"alias", "a"},
+                        {"mobilePhone", json::array()},
+                        {"role", "r"}}}};
+  for (const auto& [path, method, body] : std::vector<std::tuple<const char*, const char*, json>>{
+           {"/addressbooks/b1", "POST", book},
+           {"/addressbooks/b1", "put", book},
+           {"/addressbooks", "PUT", {{"addressBookType", 1}}},  // ends contactUpdated only
+           {"/addressbooks", "PUT", book},
+           {"/addressbooks", "DELETE", book},
+           {"/presence/kel-user:1", "PUT", {{"note", "PUT"}}},
+           {"/presence/kel-user:1", "POST", {{"note", "POST"}}},
+           {"/usersGroup", "POST", group},
+           {"/usersGroup", "POST", book},  // not a group: ends newGroup
+           {"/usersGroup/g1", "DELETE", {{"groupId", "g1"}, {"name", "G"}}},
+           {"/usersGroup/g2", "DELETE", {{"groupId", "g2"}, {"count", 1}}},  // not all texts
+           {"/usersGroup/g3", "DELETE", {{"name", "no id"}}},
+           {"/usersGroup/participant", "DELETE", {{"groupId", "g5"}}},
+           {"/usersGroup/participant", "PUT", {{"groupId", "g6"}}},
+       }) {
+    channel->handle({{"path", path}, {"method", method}, {"body", body}});
+  }
+  scheduler->start();
+
+  EXPECT_EQ(std::optional<std::string>("b1"), created->values().at(0).id);
+  ASSERT_EQ(2u, updated->events().size());
+  EXPECT_TRUE(updated->events()[1].value.isError());
+  EXPECT_EQ(1u, deleted->values().size());
+  ASSERT_EQ(1u, presenceUpdated->values().size());
+  EXPECT_EQ(std::optional<std::string>("PUT"), presenceUpdated->values()[0].note);
+  EXPECT_EQ("g1", newGroup->values().at(0).groupId);
+  EXPECT_TRUE(newGroup->events().back().value.isError());
+  EXPECT_EQ(std::vector<std::string>{"g1"}, groupDeleted->values());
+  EXPECT_EQ(std::vector<std::string>{"g5"}, participantRemoved->values());
+}
+
+}  // namespace
+}  // namespace kel
