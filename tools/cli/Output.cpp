@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <ctime>
 #include <mutex>
+#include <type_traits>
 
 #include <spdlog/details/log_msg.h>
 #include <spdlog/sinks/base_sink.h>
@@ -113,6 +114,40 @@ nlohmann::json sessionJson(const AuthenticationData& data) {
   json["capabilities"] =
       data.capabilities ? nlohmann::json(data.capabilities->active()) : nlohmann::json::array();
   return json;
+}
+
+nlohmann::json redactedJson(nlohmann::json value) {
+  if (value.is_object()) {
+    for (auto& [key, member] : value.items()) {
+      member = isSecretName(key) ? nlohmann::json(kRedacted) : redactedJson(std::move(member));
+    }
+  } else if (value.is_array()) {
+    for (auto& element : value) element = redactedJson(std::move(element));
+  }
+  return value;
+}
+
+std::string contactText(const Contact& contact) {
+  std::string text = contact.id + " \"" + contact.name + "\"";
+  if (contact.favorite) text += " (favorite)";
+  auto entries = [&](std::string_view title, const auto& list) {
+    if (!list) return;
+    text += std::string(", ") + std::string(title) + ":";
+    for (std::size_t i = 0; i < list->size(); ++i) {
+      const auto& entry = (*list)[i];
+      text += (i == 0 ? " " : "; ") + entry.type;
+      if constexpr (std::is_same_v<std::decay_t<decltype(entry.value)>, std::string>) {
+        text += " " + entry.value;
+      } else if (entry.value) {
+        text += " " + *entry.value;
+      }
+      if (entry.primary) text += " (primary)";
+    }
+  };
+  entries("phones", contact.phones);
+  entries("emails", contact.emails);
+  if (contact.associatedUserId) text += ", user " + *contact.associatedUserId;
+  return text;
 }
 
 }  // namespace kel::cli

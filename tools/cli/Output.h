@@ -11,6 +11,7 @@
 #include <nlohmann/json.hpp>
 
 #include "ServerClient/Auth/Model/AuthenticationData.h"
+#include "ServerClient/Contact/Model/Contact.h"
 
 namespace kel::cli {
 
@@ -40,5 +41,12 @@ nlohmann::json errorJson(const std::exception_ptr& error);
 nlohmann::json userJson(const User& user);
 /// The user, its session and what it may do.
 nlohmann::json sessionJson(const AuthenticationData& data);
+
+/// `value` with the value of every member whose name is a secret's (isSecretName) replaced, at
+/// any depth: for JSON that the server sent and no record describes.
+nlohmann::json redactedJson(nlohmann::json value);
+
+/// One line for people: `c1 "Ann" (favorite), phones: work +1 (primary); emails: ...; user u1`.
+std::string contactText(const Contact& contact);
 
 }  // namespace kel::cli
