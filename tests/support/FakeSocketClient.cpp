@@ -33,7 +33,8 @@ bool FakeSocketClient::answer(std::int64_t id, const Reply& reply) {
 void FakeSocketClient::deliver(const rx::Observer<Resource>& observer, std::int64_t id,
                                const Reply& reply) {
   if (reply.error) return observer.onError(reply.error);
-  if (reply.body) observer.onNext(Resource{std::to_string(id), reply.body->dump()});
+  // As the real client reads a response: a scalar body yields empty data.
+  if (reply.body) observer.onNext(Resource::fromResponse(id, {{"body", *reply.body}}));
   observer.onCompleted();
 }
 

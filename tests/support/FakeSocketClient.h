@@ -65,8 +65,9 @@ class FakeSocketClient final : public SocketClient,
     return pending_.size();
   }
 
-  /// Answers the pending request `id` with one Resource holding `body`'s compact JSON, then
-  /// completes it. Returns false when no such request is pending.
+  /// Answers the pending request `id` with one Resource made of `body` as the real client makes it
+  /// (compact JSON; empty for a scalar body), then completes it. False when no such request is
+  /// pending.
   bool respond(std::int64_t id, const nlohmann::json& body) {
     return answer(id, Reply::withBody(body));
   }

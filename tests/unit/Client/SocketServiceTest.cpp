@@ -117,7 +117,7 @@ TEST_F(SocketServiceTest, EachSubscriptionSendsItsOwnRequestEvenAfterTheServiceI
   const auto againId = client_->requests()[2]["id"].get<std::int64_t>();
   EXPECT_NE(retriedId, againId);
   client_->respond(againId, {1, 2});
-  EXPECT_EQ((std::vector{std::vector{1, 2}}), retried.values());
+  EXPECT_EQ((std::vector<std::vector<int>>{{1, 2}}), retried.values());
 
   // A response that is not the record fails only its own stream.
   client_->respond(firstId, {{"not", "a list"}});

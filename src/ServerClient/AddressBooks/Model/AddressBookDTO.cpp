@@ -13,8 +13,8 @@ namespace kel {
 namespace {
 
 constexpr std::array<std::string_view, 8> kTypeTexts = {
-    "contacts",      "static",        "domain",        "phonebooks", "groups", "azureOrgContacts",
-    "azureOrgUsers", "azurePersonalContacts"};
+    "contacts", "static",           "domain",        "phonebooks",
+    "groups",   "azureOrgContacts", "azureOrgUsers", "azurePersonalContacts"};
 
 std::optional<AddressBookType> readType(const nlohmann::json& json, std::string_view key) {
   const auto text = detail::readOptionalText(json, key);

@@ -33,10 +33,10 @@ struct AddressBookDTO {
     azurePersonalContacts,
   };
 
-  std::optional<std::string> id;
-  std::optional<std::string> name;
-  std::optional<AddressBookType> type;
-  std::optional<std::vector<Contact>> contacts;
+  std::optional<std::string> id{};
+  std::optional<std::string> name{};
+  std::optional<AddressBookType> type{};
+  std::optional<std::vector<Contact>> contacts{};
 
   bool operator==(const AddressBookDTO&) const = default;
 };
@@ -50,9 +50,9 @@ std::string_view rawValue(AddressBookType type) noexcept;
 std::optional<AddressBookType> addressBookType(std::string_view text) noexcept;
 
 struct AddressBookSocketDTO {
-  std::optional<std::string> id;
-  std::optional<AddressBookType> type;
-  std::optional<Contact> contact;
+  std::optional<std::string> id{};
+  std::optional<AddressBookType> type{};
+  std::optional<Contact> contact{};
 
   bool operator==(const AddressBookSocketDTO&) const = default;
 };

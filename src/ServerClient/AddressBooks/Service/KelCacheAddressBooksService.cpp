@@ -34,13 +34,12 @@ rx::Single<std::vector<AddressBookDTO>> KelCacheAddressBooksService::addressBook
       return rx::Single<std::vector<AddressBookDTO>>::just(std::move(cached));
     }
   }
-  return addressBooks(types).map(
-      [weak = weakSelf(this)](const std::vector<AddressBookDTO>& books) {
-        if (auto self = weak.lock()) {
-          for (const auto& book : books) self->updateCache(book);
-        }
-        return books;
-      });
+  return addressBooks(types).map([weak = weakSelf(this)](const std::vector<AddressBookDTO>& books) {
+    if (auto self = weak.lock()) {
+      for (const auto& book : books) self->updateCache(book);
+    }
+    return books;
+  });
 }
 
 rx::Single<std::optional<Contact>> KelCacheAddressBooksService::contact(
@@ -64,7 +63,8 @@ rx::Single<std::optional<Contact>> KelCacheAddressBooksService::contact(
 
 AddressBookDTO KelCacheAddressBooksService::updateCache(const AddressBookDTO& addressBook) {
   if (!addressBook.id || !addressBook.type) {
-    KEL_LOG_VERBOSE("updateCache(_:)", "AddressBook cache NOT updated: " + description(addressBook));
+    KEL_LOG_VERBOSE("updateCache(_:)",
+                    "AddressBook cache NOT updated: " + description(addressBook));
     return addressBook;
   }
   KEL_LOG_VERBOSE("updateCache(_:)", "AddressBook cache updated: " + description(addressBook));
@@ -75,7 +75,8 @@ AddressBookDTO KelCacheAddressBooksService::updateCache(const AddressBookDTO& ad
 
 AddressBookSocketDTO KelCacheAddressBooksService::updateCache(const AddressBookSocketDTO& event) {
   if (!event.id || !event.type || !event.contact) {
-    KEL_LOG_VERBOSE("updateCache(_:)", "AddressBookSocket cache NOT updated: " + description(event));
+    KEL_LOG_VERBOSE("updateCache(_:)",
+                    "AddressBookSocket cache NOT updated: " + description(event));
     return event;
   }
   KEL_LOG_VERBOSE("updateCache(_:)", "AddressBookSocket cache updated: " + description(event));
@@ -104,7 +105,8 @@ AddressBookSocketDTO KelCacheAddressBooksService::updateCache(const AddressBookS
 
 AddressBookSocketDTO KelCacheAddressBooksService::deleteCache(const AddressBookSocketDTO& event) {
   if (!event.id) {
-    KEL_LOG_VERBOSE("deleteCache(_:)", "AddressBookSocket cache NOT deleted: " + description(event));
+    KEL_LOG_VERBOSE("deleteCache(_:)",
+                    "AddressBookSocket cache NOT deleted: " + description(event));
     return event;
   }
   KEL_LOG_VERBOSE("deleteCache(_:)", "AddressBookSocket cache deleted: " + description(event));

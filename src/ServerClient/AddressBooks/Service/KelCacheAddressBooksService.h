@@ -15,8 +15,7 @@ namespace kel {
 /// threads (updateCache, deleteCache); one mutex guards it and is never held while a stream
 /// emits or a request is sent, so every member may be called from any thread, also from a
 /// subscriber of one of this service's streams.
-class KelCacheAddressBooksService : public KelAddressBooksService,
-                                    public CacheAddressBooksService {
+class KelCacheAddressBooksService : public KelAddressBooksService, public CacheAddressBooksService {
  public:
   explicit KelCacheAddressBooksService(SocketClientSlot socketClient);
 

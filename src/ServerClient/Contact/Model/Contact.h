@@ -20,24 +20,24 @@ namespace kel {
 
 struct Contact {
   struct Phone {
-    std::string type;
-    std::string value;
+    std::string type{};
+    std::string value{};
     bool primary = false;
     bool operator==(const Phone&) const = default;
   };
   struct Email {
-    std::string type;
-    std::optional<std::string> value;
+    std::string type{};
+    std::optional<std::string> value{};
     bool primary = false;
     bool operator==(const Email&) const = default;
   };
 
-  std::string id;
-  std::string name;
-  std::optional<std::vector<Phone>> phones;
-  std::optional<std::vector<Email>> emails;
+  std::string id{};
+  std::string name{};
+  std::optional<std::vector<Phone>> phones{};
+  std::optional<std::vector<Email>> emails{};
   /// The server user this contact stands for.
-  std::optional<std::string> associatedUserId;
+  std::optional<std::string> associatedUserId{};
   bool favorite = false;
 
   bool operator==(const Contact&) const = default;

@@ -4,8 +4,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "ServerClient/Common/SDKError.h"
 #include "ServerClient/Common/Json.h"
+#include "ServerClient/Common/SDKError.h"
 #include "ServerClient/Utils/JsonCollection.h"
 
 namespace kel {
@@ -30,7 +30,8 @@ KelUserContactsService::KelUserContactsService(SocketClientSlot socketClient)
 
 rx::Single<rx::Unit> KelUserContactsService::add(const Contact& contact) {
   try {
-    return accepted(firstResource(send(Call<Path>{.pathname = Path::userContacts, .method = "POST", .body = toCollection(contact)})));
+    return accepted(firstResource(send(Call<Path>{
+        .pathname = Path::userContacts, .method = "POST", .body = toCollection(contact)})));
   } catch (...) {
     return rx::Single<rx::Unit>::error(std::current_exception());
   }
@@ -38,18 +39,20 @@ rx::Single<rx::Unit> KelUserContactsService::add(const Contact& contact) {
 
 rx::Single<rx::Unit> KelUserContactsService::update(const Contact& contact) {
   try {
-    return accepted(firstResource(send(Call<Path>{.pathname = {Path::userContacts, {PathRule::append(contact.id)}},
-                   .method = "PUT",
-                   .body = toCollection(contact)})));
+    return accepted(firstResource(
+        send(Call<Path>{.pathname = {Path::userContacts, {PathRule::append(contact.id)}},
+                        .method = "PUT",
+                        .body = toCollection(contact)})));
   } catch (...) {
     return rx::Single<rx::Unit>::error(std::current_exception());
   }
 }
 
 rx::Single<rx::Unit> KelUserContactsService::deleteContact(const Contact& contact) {
-  return accepted(firstResource(send(Call<Path>{.pathname = {Path::userContacts, {PathRule::append(contact.id)}},
-                 .method = "DELETE",
-                 .body = nlohmann::json::object()})));
+  return accepted(firstResource(
+      send(Call<Path>{.pathname = {Path::userContacts, {PathRule::append(contact.id)}},
+                      .method = "DELETE",
+                      .body = nlohmann::json::object()})));
 }
 
 }  // namespace kel

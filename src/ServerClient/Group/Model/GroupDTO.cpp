@@ -38,21 +38,21 @@ RingingStrategyDTO decodeRingingStrategy(const nlohmann::json& json) {
 }
 
 nlohmann::json encodeRingingStrategy(const RingingStrategyDTO& strategy) {
-  auto inner = std::visit(
-      Overloaded{
-          [](const SequentialRingingStrategyDTO& s) {
-            return nlohmann::json{{"type", "sequential"},
-                                  {"properties", {{"delay", s.delay}, {"steps", s.steps}}}};
-          },
-          [](const SimultaneousReducedRingingStrategyDTO& s) {
-            return nlohmann::json{{"type", "simultaneous-reduced"},
-                                  {"properties", {{"steps", s.steps}}}};
-          },
-          [](const SimultaneousRingingStrategyDTO&) {
-            return nlohmann::json{{"type", "simultaneous"}};
-          },
-      },
-      strategy);
+  auto inner = std::visit(Overloaded{
+                              [](const SequentialRingingStrategyDTO& s) {
+                                return nlohmann::json{
+                                    {"type", "sequential"},
+                                    {"properties", {{"delay", s.delay}, {"steps", s.steps}}}};
+                              },
+                              [](const SimultaneousReducedRingingStrategyDTO& s) {
+                                return nlohmann::json{{"type", "simultaneous-reduced"},
+                                                      {"properties", {{"steps", s.steps}}}};
+                              },
+                              [](const SimultaneousRingingStrategyDTO&) {
+                                return nlohmann::json{{"type", "simultaneous"}};
+                              },
+                          },
+                          strategy);
   return {{"ringingStrategy", std::move(inner)}};
 }
 

@@ -44,9 +44,9 @@ struct SimultaneousRingingStrategyDTO {
 BOOST_DESCRIBE_STRUCT(SimultaneousRingingStrategyDTO, (), ())
 
 /// sequential ("sequential"), simultaneousReduced ("simultaneous-reduced") or simultaneous.
-using RingingStrategyDTO = std::variant<SequentialRingingStrategyDTO,
-                                        SimultaneousReducedRingingStrategyDTO,
-                                        SimultaneousRingingStrategyDTO>;
+using RingingStrategyDTO =
+    std::variant<SequentialRingingStrategyDTO, SimultaneousReducedRingingStrategyDTO,
+                 SimultaneousRingingStrategyDTO>;
 
 /// The strategy of a strategy object {"type": ..., "properties": {...}}: simultaneous when
 /// "type" is not a text or names no other strategy. Throws (nlohmann or std::invalid_argument)
@@ -56,11 +56,11 @@ RingingStrategyDTO decodeRingingStrategy(const nlohmann::json& json);
 nlohmann::json encodeRingingStrategy(const RingingStrategyDTO& strategy);
 
 struct GroupDTO {
-  std::string groupId;
-  std::optional<std::string> chatId;
-  std::string name;
-  std::vector<std::string> participants;
-  User owner;
+  std::string groupId{};
+  std::optional<std::string> chatId{};
+  std::string name{};
+  std::vector<std::string> participants{};
+  User owner{};
   RingingStrategyDTO ringingStrategy = SimultaneousRingingStrategyDTO{};
 
   bool operator==(const GroupDTO&) const = default;

@@ -22,12 +22,13 @@ rx::Single<std::vector<GroupDTO>> KelCacheGroupService::groups(bool userIsPartic
       return rx::Single<std::vector<GroupDTO>>::just(std::move(cached));
     }
   }
-  return groups(userIsParticipanting).map([weak = weakSelf(this)](const std::vector<GroupDTO>& groups) {
-    if (auto self = weak.lock()) {
-      for (const auto& group : groups) self->updateCache(group);
-    }
-    return groups;
-  });
+  return groups(userIsParticipanting)
+      .map([weak = weakSelf(this)](const std::vector<GroupDTO>& groups) {
+        if (auto self = weak.lock()) {
+          for (const auto& group : groups) self->updateCache(group);
+        }
+        return groups;
+      });
 }
 
 rx::Single<GroupDTO> KelCacheGroupService::group(const std::string& groupId, bool fromCache) {
@@ -81,8 +82,9 @@ rx::Completable KelCacheGroupService::changeRingingStrategy(const std::string& g
       .doOnCompleted([weak = weakSelf(this), groupId, strategy] {
         if (auto self = weak.lock()) {
           self->changeCached(groupId, "changeRingingStrategy(groupId:to:)",
-                             "Group RingingStrategy cache updated: ",
-                             [&](GroupDTO& group) { group.ringingStrategy = strategy; });
+                             "Group RingingStrategy cache updated: ", [&](GroupDTO& group) {
+                               group.ringingStrategy = strategy;
+                             });
         }
       });
 }
@@ -93,8 +95,9 @@ rx::Completable KelCacheGroupService::reorderParticipants(
       .doOnCompleted([weak = weakSelf(this), groupId, participants] {
         if (auto self = weak.lock()) {
           self->changeCached(groupId, "reorderParticipants(groupId:participants:)",
-                             "Group Participants cache updated: ",
-                             [&](GroupDTO& group) { group.participants = participants; });
+                             "Group Participants cache updated: ", [&](GroupDTO& group) {
+                               group.participants = participants;
+                             });
         }
       });
 }

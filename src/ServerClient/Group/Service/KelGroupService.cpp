@@ -37,9 +37,8 @@ rx::Completable KelGroupService::deleteGroup(const std::string& groupId) {
 }
 
 rx::Completable KelGroupService::add(const std::string& userId, const std::string& groupId) {
-  return perform(Call<Path>{.pathname = participantsPath(groupId),
-                            .method = "POST",
-                            .body = {{"targetUserId", userId}}});
+  return perform(Call<Path>{
+      .pathname = participantsPath(groupId), .method = "POST", .body = {{"targetUserId", userId}}});
 }
 
 rx::Completable KelGroupService::remove(const std::string& userId, const std::string& groupId) {
@@ -101,9 +100,8 @@ rx::Single<GroupDTO> KelGroupService::group(const std::string& groupId) {
 
 rx::Completable KelGroupService::changeRingingStrategy(const std::string& groupId,
                                                        const RingingStrategyDTO& strategy) {
-  return perform(Call<Path>{.pathname = groupPath(groupId),
-                            .method = "PUT",
-                            .body = encodeRingingStrategy(strategy)});
+  return perform(Call<Path>{
+      .pathname = groupPath(groupId), .method = "PUT", .body = encodeRingingStrategy(strategy)});
 }
 
 rx::Completable KelGroupService::reorderParticipants(const std::string& groupId,

@@ -6,15 +6,14 @@
 namespace kel {
 
 /// Groups over the socket (body [] where none is given):
-///   createGroup(name, id)        POST   "/usersGroup" {"groupId"?, "name"}  -> each answer as GroupDTO
-///   deleteGroup(g)               DELETE "/usersGroup/<g>"
-///   add(u, g) / remove(u, g)     POST / DELETE "/usersGroup/<g>/participants" {"targetUserId": u}
-///   removeAllUsers(g)            DELETE "/usersGroup/<g>/participants"
-///   leaveAllGroups()             DELETE "/usersGroups/participations"
-///   leave(g)                     DELETE "/usersGroup/<g>//leave" (the server's spelling)
-///   user(u, g)                   HEAD   "/usersGroup/<g>/participants/<u>"  -> true; notFound -> false
-///   groups(p)                    GET    "/usersGroup?participating=<p>"     -> list of GroupDTO
-///   group(g)                     GET    "/usersGroup/<g>"                    -> GroupDTO
+///   createGroup(name, id)        POST   "/usersGroup" {"groupId"?, "name"}  -> each answer as
+///   GroupDTO deleteGroup(g)               DELETE "/usersGroup/<g>" add(u, g) / remove(u, g) POST /
+///   DELETE "/usersGroup/<g>/participants" {"targetUserId": u} removeAllUsers(g)            DELETE
+///   "/usersGroup/<g>/participants" leaveAllGroups()             DELETE
+///   "/usersGroups/participations" leave(g)                     DELETE "/usersGroup/<g>//leave"
+///   (the server's spelling) user(u, g)                   HEAD   "/usersGroup/<g>/participants/<u>"
+///   -> true; notFound -> false groups(p)                    GET    "/usersGroup?participating=<p>"
+///   -> list of GroupDTO group(g)                     GET    "/usersGroup/<g>" -> GroupDTO
 ///   changeRingingStrategy(g, s)  PUT    "/usersGroup/<g>" {"ringingStrategy": {...}}
 ///   reorderParticipants(g, l)    PUT    "/usersGroup/<g>/participants" {"participants": l}
 /// Completables ignore the answer's content.

@@ -41,6 +41,14 @@ void to_json(nlohmann::json& json, const PresenceDTO& presence) {
   });
 }
 
+void to_json(nlohmann::json& json, const CachedPresence& presence) {
+  json = {{"presence", presence.presence}, {"fromCache", presence.fromCache}};
+}
+
+void to_json(nlohmann::json& json, const CachedPresences& presences) {
+  json = {{"presences", presences.presences}, {"fromCache", presences.fromCache}};
+}
+
 nlohmann::ordered_json PresenceUpdateRequest::toDictionary() const {
   nlohmann::ordered_json body = nlohmann::ordered_json::object();
   if (activity) {

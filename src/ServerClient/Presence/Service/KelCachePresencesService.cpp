@@ -76,10 +76,11 @@ rx::Single<PresenceDTO> KelCachePresencesService::presence(const std::string& ad
       return rx::Single<PresenceDTO>::just(cached->second);
     }
   }
-  return server_.presence(address, avatar).map([weak = weakSelf(this)](const PresenceDTO& presence) {
-    if (auto self = weak.lock()) self->updateCache(presence);
-    return presence;
-  });
+  return server_.presence(address, avatar)
+      .map([weak = weakSelf(this)](const PresenceDTO& presence) {
+        if (auto self = weak.lock()) self->updateCache(presence);
+        return presence;
+      });
 }
 
 rx::Single<PresenceDTO> KelCachePresencesService::update(const PresenceUpdateRequest& request) {

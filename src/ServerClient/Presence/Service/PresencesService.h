@@ -23,18 +23,6 @@ class PresencesService {
   virtual rx::Single<PresenceDTO> update(const PresenceUpdateRequest& request) = 0;
 };
 
-struct CachedPresence {
-  PresenceDTO presence;
-  bool fromCache = false;
-  bool operator==(const CachedPresence&) const = default;
-};
-
-struct CachedPresences {
-  std::vector<PresenceDTO> presences;
-  bool fromCache = false;
-  bool operator==(const CachedPresences&) const = default;
-};
-
 /// Presence with an in-memory cache of records and of confirmed subscriptions. The application
 /// keeps it in step with the presence events (PresencesEventHandler) through updateCache.
 class CachePresencesService {

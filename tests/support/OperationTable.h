@@ -1,0 +1,98 @@
+#pragma once
+
+// Operation tables for the domain services: each row is one operation, the frame it must write
+// (method, path, body; the random id aside) and what it must make of the answer, run against a
+// recording socket client. What a result "is" is written as JSON: the record's encoding, a list,
+// null for nothing, "completed" for a Completable, {"error": errorKind} for a failure.
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "ServerClient/Client/SocketService.h"
+#include "ServerClient/Common/SDKError.h"
+#include "support/FakeSocketClient.h"
+#include "support/StreamRecorder.h"
+
+namespace kel::testing {
+
+template <class T>
+nlohmann::json valueJson(const T& value) {
+  if constexpr (std::is_same_v<T, rx::Unit>) {
+    return "unit";
+  } else if constexpr (requires {
+                         value.has_value();
+                         *value;
+                       }) {
+    return value ? valueJson(*value) : nlohmann::json(nullptr);
+  } else if constexpr (requires {
+                         value.begin();
+                         typename T::value_type;
+                       } &&
+                       !std::is_convertible_v<T, std::string>) {
+    auto list = nlohmann::json::array();
+    for (const auto& element : value) list.push_back(valueJson(element));
+    return list;
+  } else {
+    return nlohmann::json(value);
+  }
+}
+
+template <class T>
+nlohmann::json outcome(const rx::Observable<T>& stream) {
+  StreamRecorder<T> recorder(stream);
+  if (recorder.error()) return {{"error", errorKind(recorder.error())}};
+  const auto values = recorder.values();
+  if (values.empty()) return recorder.completed() ? "completed" : "pending";
+  return values.size() == 1 ? valueJson(values[0]) : valueJson(values);
+}
+template <class T>
+nlohmann::json outcome(const rx::Single<T>& single) {
+  return outcome(single.asObservable());
+}
+inline nlohmann::json outcome(const rx::Completable& completable) {
+  return outcome(completable.asObservable());
+}
+
+template <class Service>
+struct OperationRow {
+  std::string name;
+  std::function<nlohmann::json(Service&)> run;
+  /// {"method", "path", "body"} of the one request the operation must send.
+  nlohmann::json frame;
+  FakeSocketClient::Reply answer;
+  nlohmann::json result;
+};
+
+/// Runs every row against a fresh service whose socket client answers with the row's answer.
+template <class Service>
+void runOperationTable(const std::vector<OperationRow<Service>>& rows) {
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    auto client = std::make_shared<FakeSocketClient>();
+    SocketClientSlot slot{client};
+    auto service = std::make_shared<Service>(slot);
+    client->queueReply(row.answer);
+    const auto result = row.run(*service);
+    ASSERT_EQ(1u, client->requests().size());
+    auto sent = client->requests()[0];
+    sent.erase("id");
+    EXPECT_EQ(row.frame, sent);
+    EXPECT_EQ(row.result, result);
+  }
+}
+
+/// The frame of a request as the table writes it.
+inline nlohmann::json frame(std::string method, std::string path,
+                            nlohmann::json body = nlohmann::json::array()) {
+  return {{"method", std::move(method)}, {"path", std::move(path)}, {"body", std::move(body)}};
+}
+
+}  // namespace kel::testing

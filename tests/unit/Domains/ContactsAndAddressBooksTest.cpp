@@ -1,0 +1,228 @@
+#include <gtest/gtest.h>
+
+#include "ServerClient/AddressBooks/Event/AddressBooksEventHandler.h"
+#include "ServerClient/AddressBooks/Service/KelCacheAddressBooksService.h"
+#include "ServerClient/Contact/Service/KelUserContactsService.h"
+#include "ServerClient/rx/TestScheduler.h"
+#include "support/LogCapture.h"
+#include "support/OperationTable.h"
+
+namespace kel {
+namespace {
+
+using nlohmann::json;
+using testing::FakeSocketClient;
+using testing::frame;
+using testing::outcome;
+using Reply = FakeSocketClient::Reply;
+
+/// A JSON text and what it decodes to, re-encoded; nothing when it must fail to decode.
+struct DecodingRow {
+  const char* text;
+  std::optional<const char*> encoded;
+};
+
+template <class Record, class Encoded = json>
+void runDecodingTable(const std::vector<DecodingRow>& rows) {
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.text);
+    if (!row.encoded) {
+      EXPECT_THROW(from<Record>(row.text), GenericError);
+      continue;
+    }
+    EXPECT_EQ(*row.encoded, Encoded(from<Record>(row.text)).dump());
+  }
+}
+
+TEST(ContactRecords, DecodeWhereTheyMayAndEncodeInTheirOrder) {
+  runDecodingTable<Contact, nlohmann::ordered_json>({
+      {R"({"favorite":true,"name":"Ann","id":"c1"})",
+       R"({"id":"c1","name":"Ann","favorite":true})"},
+      {R"({"id":"c1","name":"Ann","favorite":false,"associatedUserId":"u1",
+           "emails":[{"type":"home","primary":true}],
+           "phones":[{"primary":false,"value":"+1","type":"work"}]})",
+       R"({"id":"c1","name":"Ann","phones":[{"type":"work","value":"+1","primary":false}],)"
+       R"("emails":[{"type":"home","primary":true}],"associatedUserId":"u1","favorite":false})"},
+      {R"({"id":"c1","name":"Ann"})", std::nullopt},
+      {R"({"id":"c1","name":"Ann","favorite":"yes"})", std::nullopt},
+      {R"({"id":"c1","name":"Ann","favorite":true,"phones":[{"type":"work","primary":true}]})",
+       std::nullopt},
+  });
+  runDecodingTable<AddressBookDTO>({
+      {R"({})", R"({})"},
+      {R"({"id":"b1","type":"static","contacts":[]})",
+       R"({"contacts":[],"id":"b1","type":"static"})"},
+      {R"({"type":"azurePersonalContacts"})", R"({"type":"azurePersonalContacts"})"},
+      {R"({"type":"friends"})", std::nullopt},
+      {R"({"contacts":[{"id":"c1"}]})", std::nullopt},
+  });
+  runDecodingTable<AddressBookSocketDTO>({
+      {R"({"addressBookId":"b1","addressBookType":"contacts","contact":{"id":"c","name":"n","favorite":false}})",
+       R"({"addressBookId":"b1","addressBookType":"contacts","contact":{"favorite":false,"id":"c","name":"n"}})"},
+      {R"({"addressBookType":"nope"})", std::nullopt},
+  });
+}
+
+const Contact kAnn{.id = "c1", .name = "Ann", .favorite = true};
+
+TEST(UserContactsService, EachOperationWritesItsFrameAndAcceptsOnlyAnEmptyAnswer) {
+  const json annBody = {{"id", "c1"}, {"name", "Ann"}, {"favorite", true}};
+  testing::runOperationTable<KelUserContactsService>({
+      {"add", [](auto& s) { return outcome(s.add(kAnn)); }, frame("POST", "userContacts", annBody),
+       Reply::withBody(""), "unit"},
+      {"update", [](auto& s) { return outcome(s.update(kAnn)); },
+       frame("PUT", "userContacts/c1", annBody), Reply::withBody(""), "unit"},
+      {"delete", [](auto& s) { return outcome(s.deleteContact(kAnn)); },
+       frame("DELETE", "userContacts/c1", json::object()), Reply::withBody(""), "unit"},
+      // Any answer with a body is the server's complaint, even an empty object.
+      {"add refused",
+       [](auto& s) { return outcome(s.add(kAnn)); },
+       frame("POST", "userContacts", annBody),
+       Reply::withBody(json::object()),
+       {{"error", "generic/invalidResponse"}}},
+      {"update failed",
+       [](auto& s) { return outcome(s.update(kAnn)); },
+       frame("PUT", "userContacts/c1", annBody),
+       Reply::failure(makeError(ConnectionError::mapToOvError(404))),
+       {{"error", "connection/notFound"}}},
+  });
+}
+
+TEST(AddressBooksService, AsksForEachTypeOnceAndFindsTheFirstContactOfAUser) {
+  const json books = {
+      {"addressBooks",
+       {{{"id", "b1"}, {"type", "static"}},
+        {{"id", "b2"},
+         {"type", "contacts"},
+         {"contacts",
+          {{{"id", "x"}, {"name", "X"}, {"favorite", false}},
+           {{"id", "a"}, {"name", "A"}, {"favorite", false}, {"associatedUserId", "u1"}}}}},
+        {{"id", "b3"},
+         {"type", "domain"},
+         {"contacts",
+          {{{"id", "b"}, {"name", "B"}, {"favorite", false}, {"associatedUserId", "u1"}}}}}}}};
+  const std::vector<std::string> types{"static", "contacts", "static"};
+  testing::runOperationTable<KelAddressBooksService>({
+      {"no types", [](auto& s) { return outcome(s.addressBooks({})); },
+       frame("GET", "/addressbooks"), Reply::withBody({{"addressBooks", json::array()}}),
+       json::array()},
+      {"types",
+       [&](auto& s) { return outcome(s.addressBooks(types)); },
+       frame("GET", "/addressbooks?contacts=true&static=true"),
+       Reply::withBody({{"addressBooks", {{{"id", "b1"}}}}}),
+       {{{"id", "b1"}}}},
+      {"no list",
+       [](auto& s) { return outcome(s.addressBooks({"static"})); },
+       frame("GET", "/addressbooks?static=true"),
+       Reply::withBody({{"books", json::array()}}),
+       {{"error", "generic/decoding"}}},
+      {"an unknown type fails the answer",
+       [](auto& s) { return outcome(s.addressBooks({"static"})); },
+       frame("GET", "/addressbooks?static=true"),
+       Reply::withBody({{"addressBooks", {{{"id", "b1"}}, {{"type", "x"}}}}}),
+       {{"error", "generic/decoding"}}},
+      {"contact",
+       [](auto& s) { return outcome(s.contact({"contacts"}, "u1")); },
+       frame("GET", "/addressbooks?contacts=true"),
+       Reply::withBody(books),
+       {{"associatedUserId", "u1"}, {"favorite", false}, {"id", "a"}, {"name", "A"}}},
+      {"no contact", [](auto& s) { return outcome(s.contact({"contacts"}, "u9")); },
+       frame("GET", "/addressbooks?contacts=true"), Reply::withBody(books), nullptr},
+  });
+}
+
+AddressBookSocketDTO event(std::optional<std::string> book, std::string contactId,
+                           std::string name = "N") {
+  return {.id = std::move(book),
+          .type = AddressBookType::contacts,
+          .contact = Contact{.id = std::move(contactId), .name = std::move(name)}};
+}
+
+std::vector<std::string> contactIds(const KelCacheAddressBooksService& service,
+                                    const std::string& book) {
+  std::vector<std::string> ids;
+  const auto books = service.cachedAddressBooks();
+  if (auto it = books.find(book); it != books.end() && it->second.contacts) {
+    for (const auto& contact : *it->second.contacts) ids.push_back(contact.id + ":" + contact.name);
+  }
+  return ids;
+}
+
+TEST(CacheAddressBooksService, FillsFromTheServerAnswersFromItselfAndFollowsEvents) {
+  testing::LogCapture log;
+  auto client = std::make_shared<FakeSocketClient>();
+  auto service = std::make_shared<KelCacheAddressBooksService>(SocketClientSlot{client});
+
+  // An empty cache sends even when asked for the cache, and keeps what has an id and a type.
+  client->queueReply(
+      Reply::withBody({{"addressBooks",
+                        {{{"id", "b1"}, {"type", "static"}, {"contacts", json::array()}},
+                         {{"id", "b2"}},
+                         {{"id", "b3"}, {"type", "contacts"}}}}}));
+  EXPECT_EQ(3u, outcome(service->addressBooks({"static"}, true)).size());
+  EXPECT_EQ(1u, client->requests().size());
+  EXPECT_EQ(2u, service->cachedAddressBooks().size());
+  EXPECT_EQ(1u, service->cachedAddressBooks().count("b3"));
+  EXPECT_TRUE(log.contains("AddressBook cache NOT updated: "));
+
+  // From the cache: only the types asked for, possibly none, without a request.
+  EXPECT_EQ(json::array(), outcome(service->addressBooks({"domain"}, true)));
+  EXPECT_EQ(1u, outcome(service->addressBooks({"static"}, true)).size());
+  EXPECT_EQ(1u, client->requests().size());
+  EXPECT_TRUE(log.contains("AddressBooks from cache: "));
+
+  // Events: a new book, an appended contact, a replaced one; a book cached without a contact
+  // list stays as it was.
+  service->updateCache(event("b9", "c1"));
+  service->updateCache(event("b9", "c2"));
+  service->updateCache(event("b9", "c1", "Renamed"));
+  service->updateCache(event("b3", "c1"));
+  service->updateCache(event(std::nullopt, "c1"));
+  EXPECT_EQ((std::vector<std::string>{"c1:Renamed", "c2:N"}), contactIds(*service, "b9"));
+  EXPECT_TRUE(contactIds(*service, "b3").empty());
+  EXPECT_FALSE(service->cachedAddressBooks().at("b3").contacts.has_value());
+  EXPECT_EQ(1u, log.count("AddressBookSocket cache NOT updated: "));
+
+  service->deleteCache(event("b9", "c1"));
+  service->deleteCache(event("b9", "absent"));
+  EXPECT_EQ((std::vector<std::string>{"c2:N"}), contactIds(*service, "b9"));
+  EXPECT_EQ(2u, log.count("AddressBookSocket cache deleted: "));
+
+  // The contact of a user comes from the cache once it holds anything.
+  auto withUser = event("b9", "c3");
+  withUser.contact->associatedUserId = "u1";
+  service->updateCache(withUser);
+  EXPECT_EQ("c3", outcome(service->contact({"contacts"}, "u1"))["id"]);
+  EXPECT_EQ(nullptr, outcome(service->contact({"static"}, "u1")));
+  EXPECT_EQ(1u, client->requests().size());
+}
+
+TEST(AddressBooksEventHandler, SortsContactEventsByMethodAndEndsOnlyTheStreamThatFailsToDecode) {
+  auto scheduler = std::make_shared<rx::TestScheduler>();
+  auto channel = std::make_shared<KelEventHandler>();
+  AddressBooksEventHandler handler(channel, scheduler);
+  auto created = scheduler->createObserver<AddressBookSocketDTO>();
+  auto updated = scheduler->createObserver<AddressBookSocketDTO>();
+  auto deleted = scheduler->createObserver<AddressBookSocketDTO>();
+  handler.newContact().subscribe(created);
+  handler.contactUpdated().subscribe(updated);
+  handler.contactDeleted().subscribe(deleted);
+  scheduler->start();
+  const json body = {{"addressBookId", "b1"}, {"addressBookType", "contacts"}};
+  for (const char* method : {"POST", "put", "DELETE"}) {
+    channel->handle({{"path", "/addressbooks/b1"}, {"method", method}, {"body", body}});
+  }
+  channel->handle({{"path", "/presence"}, {"method", "POST"}, {"body", body}});
+  channel->handle(
+      {{"path", "/addressbooks"}, {"method", "PUT"}, {"body", {{"addressBookType", 1}}}});
+  channel->handle({{"path", "/addressbooks"}, {"method", "DELETE"}, {"body", body}});
+  scheduler->start();
+  EXPECT_EQ(1u, created->values().size());
+  EXPECT_EQ(std::optional<std::string>("b1"), created->values()[0].id);
+  ASSERT_EQ(2u, updated->events().size());
+  EXPECT_TRUE(updated->events()[1].value.isError());
+  EXPECT_EQ(2u, deleted->values().size());
+}
+
+}  // namespace
+}  // namespace kel

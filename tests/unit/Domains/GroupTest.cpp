@@ -1,0 +1,208 @@
+#include <gtest/gtest.h>
+
+#include "ServerClient/Group/Event/GroupEventHandler.h"
+#include "ServerClient/Group/Service/KelCacheGroupService.h"
+#include "ServerClient/rx/TestScheduler.h"
+#include "support/LogCapture.h"
+#include "support/OperationTable.h"
+
+namespace kel {
+namespace {
+
+using nlohmann::json;
+using testing::FakeSocketClient;
+using testing::frame;
+using testing::outcome;
+using Reply = FakeSocketClient::Reply;
+
+const json kOwner = {{"id", "u1"},        {"domain", "d"},  {"email", "e"},
+                     {"username", "ann"}, {"alias", "Ann"}, {"mobilePhone", json::array()},
+                     {"role", "user"}};
+
+json group(std::string id, json strategy = nullptr) {
+  json g = {{"groupId", std::move(id)},
+            {"chatId", "c"},
+            {"name", "G"},
+            {"participants", {"u1"}},
+            {"owner", kOwner}};
+  if (!strategy.is_null()) g["ringingStrategy"] = std::move(strategy);
+  return g;
+}
+
+TEST(GroupRecords, RingingStrategiesDecodeTolerantlyAndEncodeOneLevelDeeper) {
+  struct Row {
+    json strategy;
+    RingingStrategyDTO expected;
+  };
+  for (const auto& row : std::vector<Row>{
+           {nullptr, SimultaneousRingingStrategyDTO{}},
+           {{{"type", "simultaneous"}}, SimultaneousRingingStrategyDTO{}},
+           {{{"type", "ringall"}}, SimultaneousRingingStrategyDTO{}},
+           {{{"type", 7}}, SimultaneousRingingStrategyDTO{}},
+           {{{"type", "sequential"}}, SimultaneousRingingStrategyDTO{}},
+           {{{"type", "sequential"}, {"properties", {{"delay", 10}}}},
+            SimultaneousRingingStrategyDTO{}},
+           {{{"type", "sequential"}, {"properties", {{"delay", 10}, {"steps", 2}}}},
+            SequentialRingingStrategyDTO{10, 2}},
+           {{{"type", "simultaneous-reduced"}, {"properties", {{"steps", 3}}}},
+            SimultaneousReducedRingingStrategyDTO{3}},
+       }) {
+    SCOPED_TRACE(row.strategy.dump());
+    EXPECT_EQ(row.expected, from<GroupDTO>(group("g", row.strategy).dump()).ringingStrategy);
+  }
+  auto withoutChat = group("g");
+  withoutChat.erase("chatId");
+  EXPECT_THROW(from<GroupDTO>(withoutChat.dump()), GenericError);
+  EXPECT_THROW(from<GroupDTO>(R"({"groupId":"g"})"), GenericError);
+
+  EXPECT_EQ(R"({"ringingStrategy":{"type":"simultaneous"}})",
+            encodeRingingStrategy(SimultaneousRingingStrategyDTO{}).dump());
+  EXPECT_EQ(
+      json::parse(
+          R"({"ringingStrategy":{"type":"sequential","properties":{"delay":1,"steps":2}}})"),
+      json(GroupDTO{.ringingStrategy = SequentialRingingStrategyDTO{1, 2}})["ringingStrategy"]);
+}
+
+/// A group as the library hands it out again.
+json decoded(const json& group) {
+  return json(from<GroupDTO>(group.dump()));
+}
+
+TEST(GroupService, EachOperationWritesItsFrameAndMakesItsResult) {
+  const auto notFound = Reply::failure(makeError(ConnectionError::mapToOvError(404)));
+  const auto timeout = Reply::failure(makeError(ConnectionError(ConnectionErrorType::timeout, -1)));
+  testing::runOperationTable<KelGroupService>({
+      {"create", [](auto& s) { return outcome(s.createGroup("G", std::nullopt)); },
+       frame("POST", "/usersGroup", {{"name", "G"}}), Reply::withBody(group("g1")),
+       decoded(group("g1"))},
+      {"create with an id",
+       [](auto& s) { return outcome(s.createGroup("G", "g1")); },
+       frame("POST", "/usersGroup", {{"groupId", "g1"}, {"name", "G"}}),
+       Reply::withBody(json::object()),
+       {{"error", "generic/decoding"}}},
+      {"delete", [](auto& s) { return outcome(s.deleteGroup("g1")); },
+       frame("DELETE", "/usersGroup/g1"), Reply::withBody(json::object()), "completed"},
+      {"add", [](auto& s) { return outcome(s.add("u2", "g1")); },
+       frame("POST", "/usersGroup/g1/participants", {{"targetUserId", "u2"}}),
+       Reply::withBody(json::object()), "completed"},
+      {"remove",
+       [](auto& s) { return outcome(s.remove("u2", "g1")); },
+       frame("DELETE", "/usersGroup/g1/participants", {{"targetUserId", "u2"}}),
+       notFound,
+       {{"error", "connection/notFound"}}},
+      {"remove all", [](auto& s) { return outcome(s.removeAllUsers("g1")); },
+       frame("DELETE", "/usersGroup/g1/participants"), Reply::withBody({1}), "completed"},
+      {"leave all", [](auto& s) { return outcome(s.leaveAllGroups()); },
+       frame("DELETE", "/usersGroups/participations"), Reply::withBody(json::object()),
+       "completed"},
+      {"leave", [](auto& s) { return outcome(s.leave("g1")); },
+       frame("DELETE", "/usersGroup/g1//leave"), Reply::withBody(json::object()), "completed"},
+      {"member", [](auto& s) { return outcome(s.user("u1", "g1")); },
+       frame("HEAD", "/usersGroup/g1/participants/u1"), Reply::withBody(json::object()), true},
+      {"not a member", [](auto& s) { return outcome(s.user("u1", "g1")); },
+       frame("HEAD", "/usersGroup/g1/participants/u1"), notFound, false},
+      {"membership unknown",
+       [](auto& s) { return outcome(s.user("u1", "g1")); },
+       frame("HEAD", "/usersGroup/g1/participants/u1"),
+       timeout,
+       {{"error", "connection/timeout"}}},
+      {"groups",
+       [](auto& s) { return outcome(s.groups(false)); },
+       frame("GET", "/usersGroup?participating=false"),
+       Reply::withBody({group("g1")}),
+       {decoded(group("g1"))}},
+      {"group", [](auto& s) { return outcome(s.group("g1")); }, frame("GET", "/usersGroup/g1"),
+       Reply::withBody(group("g1")), decoded(group("g1"))},
+      {"ringing strategy",
+       [](auto& s) {
+         return outcome(s.changeRingingStrategy("g1", SequentialRingingStrategyDTO{10, 2}));
+       },
+       frame("PUT", "/usersGroup/g1",
+             {{"ringingStrategy",
+               {{"type", "sequential"}, {"properties", {{"delay", 10}, {"steps", 2}}}}}}),
+       Reply::withBody(json::object()), "completed"},
+      {"reorder",
+       [](auto& s) {
+         return outcome(s.reorderParticipants("g1", {"u2", "u1"}));
+       },
+       frame("PUT", "/usersGroup/g1/participants", {{"participants", {"u2", "u1"}}}),
+       Reply::withBody(json::object()), "completed"},
+  });
+}
+
+TEST(CacheGroupService, ReadsFromItselfWhenAskedAndKeepsAcceptedChangesOfCachedGroups) {
+  testing::LogCapture log;
+  auto client = std::make_shared<FakeSocketClient>();
+  auto service = std::make_shared<KelCacheGroupService>(SocketClientSlot{client});
+
+  // An empty cache asks the server even for fromCache, and keeps the answer.
+  client->queueReply(Reply::withBody({group("g1"), group("g2")}));
+  EXPECT_EQ(2u, outcome(service->groups(false, true)).size());
+  EXPECT_EQ("/usersGroup?participating=false", client->lastRequest()["path"]);
+  // Cached: every group, whatever participation asks, without a request.
+  EXPECT_EQ(2u, outcome(service->groups(true, true)).size());
+  EXPECT_EQ(decoded(group("g2")), outcome(service->group("g2", true)));
+  EXPECT_EQ(1u, client->requests().size());
+  EXPECT_TRUE(log.contains("Groups from cache: "));
+  EXPECT_TRUE(log.contains("Group from cache: "));
+
+  // Accepted changes reach cached groups; refused ones and uncached groups change nothing.
+  client->queueReply(Reply::withBody(json::object()));
+  outcome(service->reorderParticipants("g1", {"u2", "u1"}));
+  client->queueReply(Reply::failure(makeError(ConnectionError::mapToOvError(500))));
+  outcome(service->changeRingingStrategy("g1", SequentialRingingStrategyDTO{1, 1}));
+  client->queueReply(Reply::withBody(json::object()));
+  outcome(service->changeRingingStrategy("g2", SimultaneousReducedRingingStrategyDTO{2}));
+  client->queueReply(Reply::withBody(json::object()));
+  outcome(service->reorderParticipants("g9", {"u1"}));
+  auto cached = service->cachedGroups();
+  EXPECT_EQ((std::vector<std::string>{"u2", "u1"}), cached.at("g1").participants);
+  EXPECT_EQ(RingingStrategyDTO(SimultaneousRingingStrategyDTO{}), cached.at("g1").ringingStrategy);
+  EXPECT_EQ(RingingStrategyDTO(SimultaneousReducedRingingStrategyDTO{2}),
+            cached.at("g2").ringingStrategy);
+  EXPECT_EQ(2u, cached.size());
+  EXPECT_EQ(1u, log.count("Group Participants cache updated: "));
+  EXPECT_EQ(1u, log.count("Group RingingStrategy cache updated: "));
+
+  // Deleting: an unknown id is only logged; a deleted group is asked for again.
+  EXPECT_EQ("g9", service->deleteCache("g9"));
+  EXPECT_TRUE(log.contains("Group cache NOT deleted: g9"));
+  service->deleteCache("g2");
+  client->queueReply(Reply::withBody(group("g2")));
+  outcome(service->group("g2", true));
+  EXPECT_EQ("/usersGroup/g2", client->lastRequest()["path"]);
+}
+
+TEST(GroupEventHandler, SortsGroupEventsAndDropsIdPayloadsOfAnotherShape) {
+  auto scheduler = std::make_shared<rx::TestScheduler>();
+  auto channel = std::make_shared<KelEventHandler>();
+  GroupEventHandler handler(channel, scheduler);
+  auto created = scheduler->createObserver<GroupDTO>();
+  auto updated = scheduler->createObserver<GroupDTO>();
+  auto deleted = scheduler->createObserver<std::string>();
+  auto removed = scheduler->createObserver<std::string>();
+  handler.newGroup().subscribe(created);
+  handler.groupUpdated().subscribe(updated);
+  handler.groupDeleted().subscribe(deleted);
+  handler.groupDidRemoveParticipant().subscribe(removed);
+  scheduler->start();
+  auto push = [&](const char* path, const char* method, json body) {
+    channel->handle({{"path", path}, {"method", method}, {"body", std::move(body)}});
+  };
+  push("/usersGroup", "POST", group("g1"));
+  push("/usersGroup/g1", "PUT", group("g1"));
+  push("/usersGroup/g1", "DELETE", {{"groupId", "g1"}, {"name", "G"}});
+  push("/usersGroup/g2", "DELETE", {{"groupId", "g2"}, {"count", 1}});
+  push("/usersGroup/g3", "DELETE", {{"name", "no id"}});
+  push("/usersGroup/g4", "DELETE", json::array());
+  push("/usersGroup/participant", "DELETE", {{"groupId", "g5"}});
+  push("/usersGroup/participant", "PUT", {{"groupId", "g6"}});
+  scheduler->start();
+  EXPECT_EQ(1u, created->values().size());
+  EXPECT_EQ("g1", updated->values().at(0).groupId);
+  EXPECT_EQ(std::vector<std::string>{"g1"}, deleted->values());
+  EXPECT_EQ(std::vector<std::string>{"g5"}, removed->values());
+}
+
+}  // namespace
+}  // namespace kel
