@@ -225,41 +225,29 @@ CommandLine parse(std::span<const std::string_view> arguments) {
   return line;
 }
 
-/// "groups add ID USER [--x X]..." as help shows a command.
-std::string synopsis(const CommandSpec& command) {
-  std::string text = command.name();
-  if (!command.operands.empty()) text += " " + std::string(command.operands);
+/// "groups add ID USER [--x X]..." as help shows a command, broken into lines of at most
+/// `width` characters between its parts (the continuation lines indented further).
+std::string synopsis(const CommandSpec& command, std::size_t width) {
+  std::vector<std::string> parts = {"  " + command.name()};
+  if (!command.operands.empty()) parts.front() += " " + std::string(command.operands);
   for (const auto& flag : command.flags) {
     std::string form(flag.name);
     if (!flag.value.empty()) form += " " + std::string(flag.value);
     if (!flag.required) form = "[" + form + "]";
     if (flag.repeatable) form += "...";
-    text += " " + form;
+    parts.push_back(std::move(form));
+  }
+  std::string text = parts.front();
+  std::size_t lineStart = 0;
+  for (std::size_t i = 1; i < parts.size(); ++i) {
+    if (text.size() - lineStart + 1 + parts[i].size() > width) {
+      text += "\n";
+      lineStart = text.size();
+      text += "       ";
+    }
+    text += " " + parts[i];
   }
   return text;
-}
-
-/// `text` broken at spaces into lines of at most `width` characters (a longer word keeps its
-/// own line), each after the first indented by `indent` spaces.
-std::string wrapped(std::string_view text, std::size_t indent, std::size_t width) {
-  std::string result;
-  std::size_t lineStart = 0;
-  std::size_t start = 0;
-  while (start <= text.size()) {
-    auto end = text.find(' ', start);
-    if (end == std::string_view::npos) end = text.size();
-    const auto word = text.substr(start, end - start);
-    if (start > 0 && result.size() - lineStart + 1 + word.size() > width) {
-      result += "\n";
-      lineStart = result.size();
-      result += std::string(indent, ' ');
-    } else if (start > 0) {
-      result += ' ';
-    }
-    result += word;
-    start = end + 1;
-  }
-  return result;
 }
 
 }  // namespace
@@ -279,7 +267,7 @@ std::string usage(std::string_view program) {
   for (const auto* group : commandGroups()) {
     text += "\n" + std::string(group->title) + ":\n";
     for (const auto& command : group->commands) {
-      text += wrapped("  " + synopsis(command), 8, kWidth) + "\n";
+      text += synopsis(command, kWidth) + "\n";
       std::string_view summary = command.summary;
       while (!summary.empty()) {
         const auto cut = std::min(summary.find('\n'), summary.size());
