@@ -46,17 +46,21 @@ nlohmann::json subscribe(Runner& runner, const Arguments& arguments) {
   const auto& addresses = arguments.operands;
   runner.restore();
   const auto service = runner.server().presencesService();
-  CachedPresences result;
+  auto say = [&](const std::vector<PresenceDTO>& presences, bool fromCache) {
+    for (const auto& presence : presences) runner.human(presenceText(presence));
+    runner.human(fromCache ? "(from the cache)" : "(subscribed on the server)");
+  };
+  // One address and several go to the server differently, and the library encodes their
+  // results as {"presence", "fromCache"} and {"presences", "fromCache"}.
   if (addresses.size() == 1) {
     const auto one =
         runner.await("subscription to " + addresses.front(), service->subscribe(addresses.front()));
-    result = {{one.presence}, one.fromCache};
-  } else {
-    result = runner.await("subscriptions", service->subscribe(addresses));
+    say({one.presence}, one.fromCache);
+    return one;
   }
-  for (const auto& presence : result.presences) runner.human(presenceText(presence));
-  runner.human(result.fromCache ? "(from the cache)" : "(subscribed on the server)");
-  return {{"presences", result.presences}, {"fromCache", result.fromCache}};
+  const auto many = runner.await("subscriptions", service->subscribe(addresses));
+  say(many.presences, many.fromCache);
+  return many;
 }
 
 /// The change; the address is filled in later when not given.

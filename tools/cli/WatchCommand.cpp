@@ -9,10 +9,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include "ServerClient/AddressBooks/Model/AddressBookDTO.h"
-#include "ServerClient/Common/Decoding.h"
-#include "ServerClient/Group/Model/GroupDTO.h"
-#include "ServerClient/Presence/Model/PresenceDTO.h"
 #include "ServerClient/Presence/Service/PresencesService.h"
 #include "ServerClient/rx/Schedulers.h"
 #include "cli/CommandLine.h"
@@ -24,27 +20,6 @@ namespace kel::cli {
 namespace {
 
 using namespace std::chrono_literals;
-
-/// The library's names of the event domains, as watch prints them and --domain takes them.
-constexpr std::pair<std::string_view, DomainEvent> kDomainNames[] = {
-    {"addressBooks", DomainEvent::addressBooks},
-    {"conferences", DomainEvent::conferences},
-    {"presence", DomainEvent::presence},
-    {"group", DomainEvent::group},
-    {"participantInGroup", DomainEvent::participantInGroup},
-    {"alerts", DomainEvent::alerts},
-    {"missedCalls", DomainEvent::missedCalls},
-    {"meetings", DomainEvent::meetings},
-    {"xmppIndividualChatList", DomainEvent::xmppIndividualChatList},
-    {"unkwown", DomainEvent::unkwown},
-};
-
-std::string_view domainName(DomainEvent domain) {
-  for (const auto& [name, each] : kDomainNames) {
-    if (each == domain) return name;
-  }
-  return "unkwown";
-}
 
 bool sameLetters(std::string_view a, std::string_view b) {
   return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
@@ -61,15 +36,16 @@ std::set<DomainEvent> domainsFrom(const Arguments& arguments) {
       domains.insert({DomainEvent::group, DomainEvent::participantInGroup});
       continue;
     }
-    const auto found =
-        std::find_if(std::begin(kDomainNames), std::end(kDomainNames),
-                     [&](const auto& entry) { return sameLetters(entry.first, text); });
-    if (found == std::end(kDomainNames)) {
+    const auto& all = allDomainEvents();
+    const auto found = std::find_if(all.begin(), all.end(), [&](DomainEvent domain) {
+      return sameLetters(domainName(domain), text);
+    });
+    if (found == all.end()) {
       std::string known;
-      for (const auto& [name, domain] : kDomainNames) known += std::string(name) + ", ";
+      for (const auto domain : all) known += std::string(domainName(domain)) + ", ";
       throw UsageError{"--domain: unknown domain \"" + text + "\" (known: " + known + "groups)"};
     }
-    domains.insert(found->second);
+    domains.insert(*found);
   }
   return domains;
 }
@@ -93,49 +69,6 @@ Limits limitsFrom(const Arguments& arguments) {
 void checkWatch(const Arguments& arguments) {
   domainsFrom(arguments);
   limitsFrom(arguments);
-}
-
-/// {"groupId": ...} of a deletion: the body must be an object holding that text.
-nlohmann::json groupIdOf(const KelEvent& event) {
-  const auto body = from<nlohmann::json>(event.data);
-  const auto id = body.is_object() ? body.find("groupId") : body.end();
-  if (!body.is_object() || id == body.end() || !id->is_string()) {
-    throw GenericError(GenericErrorType::decoding(event.data), "no \"groupId\" text");
-  }
-  return {{"groupId", *id}};
-}
-
-/// The event's body as its domain's record; the body itself (secrets removed) for a domain that
-/// has none. Throws the decoding error of a body that does not decode.
-nlohmann::json recordOf(const KelEvent& event) {
-  switch (event.domainEvent) {
-    case DomainEvent::addressBooks:
-      return from<AddressBookSocketDTO>(event.data);
-    case DomainEvent::presence:
-      return from<PresenceDTO>(event.data);
-    case DomainEvent::group:
-      if (event.method == "POST" || event.method == "PUT") return from<GroupDTO>(event.data);
-      if (event.method == "DELETE") return groupIdOf(event);
-      break;
-    case DomainEvent::participantInGroup:
-      if (event.method == "DELETE") return groupIdOf(event);
-      break;
-    default:
-      break;
-  }
-  return redactedJson(from<nlohmann::json>(event.data));
-}
-
-nlohmann::json eventJson(const KelEvent& event) {
-  nlohmann::json line = {{"domain", domainName(event.domainEvent)},
-                         {"method", event.method},
-                         {"param", event.param ? nlohmann::json(*event.param) : nlohmann::json()}};
-  try {
-    line["record"] = recordOf(event);
-  } catch (const std::exception&) {
-    line["error"] = errorJson(std::current_exception());
-  }
-  return line;
 }
 
 volatile std::sig_atomic_t interrupted = 0;
