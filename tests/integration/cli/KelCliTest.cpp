@@ -41,7 +41,7 @@ struct KelRun {
   }
 };
 
-std::string quoted(const std::string& text) {
+std::string shellQuoted(const std::string& text) {
   std::string result = "'";
   for (const char c : text) result += c == '\'' ? std::string("'\\''") : std::string(1, c);
   return result + "'";
@@ -58,10 +58,10 @@ struct StartedKel {
 StartedKel startKel(const std::vector<std::string>& arguments, const fs::path& configHome) {
   static int started = 0;
   StartedKel kel{nullptr, configHome.string() + "." + std::to_string(++started) + ".err"};
-  std::string command =
-      "XDG_CONFIG_HOME=" + quoted(configHome) + " timeout -s KILL 60 " + quoted(KEL_CLI_PATH);
-  for (const auto& argument : arguments) command += " " + quoted(argument);
-  command += " 2>" + quoted(kel.errors);
+  std::string command = "XDG_CONFIG_HOME=" + shellQuoted(configHome) + " timeout -s KILL 60 " +
+                        shellQuoted(KEL_CLI_PATH);
+  for (const auto& argument : arguments) command += " " + shellQuoted(argument);
+  command += " 2>" + shellQuoted(kel.errors);
   kel.pipe = ::popen(command.c_str(), "r");
   if (kel.pipe == nullptr) ADD_FAILURE() << "cannot start kel";
   return kel;
