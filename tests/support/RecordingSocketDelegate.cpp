@@ -1,33 +1,8 @@
 #include "support/RecordingSocketDelegate.h"
 
-#include <utility>
-
 namespace kel::test {
 
 using platform::SocketCloseCode;
-
-namespace {
-
-RecordingSocketDelegate::Event makeEvent(RecordingSocketDelegate::Kind kind,
-                                         SocketCloseCode code = SocketCloseCode::invalid,
-                                         std::string text = {}, std::exception_ptr error = {}) {
-  RecordingSocketDelegate::Event event;
-  event.kind = kind;
-  event.code = code;
-  event.text = std::move(text);
-  event.error = std::move(error);
-  return event;
-}
-
-}  // namespace
-
-void RecordingSocketDelegate::socketDidConnect() {
-  record(makeEvent(Kind::connected));
-}
-
-void RecordingSocketDelegate::socketDidDisconnect(SocketCloseCode closeCode) {
-  record(makeEvent(Kind::disconnected, closeCode));
-}
 
 void RecordingSocketDelegate::socketDidReceiveError(std::exception_ptr error) {
   std::string text = "(not a std::exception)";
@@ -38,15 +13,7 @@ void RecordingSocketDelegate::socketDidReceiveError(std::exception_ptr error) {
     text = e.what();
   } catch (...) {
   }
-  record(makeEvent(Kind::error, SocketCloseCode::invalid, std::move(text), error));
-}
-
-void RecordingSocketDelegate::socketDidReceiveMessage(std::string text) {
-  record(makeEvent(Kind::message, SocketCloseCode::invalid, std::move(text)));
-}
-
-void RecordingSocketDelegate::socketDidReceiveData(std::string bytes) {
-  record(makeEvent(Kind::data, SocketCloseCode::invalid, std::move(bytes)));
+  record({Kind::error, SocketCloseCode::invalid, std::move(text), error});
 }
 
 void RecordingSocketDelegate::record(Event event) {
@@ -55,20 +22,12 @@ void RecordingSocketDelegate::record(Event event) {
   {
     std::lock_guard lock(mutex_);
     if (inCall_) violations_ += std::string("overlapping call: ") + name(event.kind) + "\n";
-    switch (event.kind) {
-      case Kind::connected:
-        if (open_) violations_ += "socketDidConnect while open\n";
-        open_ = true;
-        break;
-      case Kind::disconnected:
-        open_ = false;
-        break;
-      case Kind::message:
-      case Kind::data:
-        if (!open_) violations_ += std::string(name(event.kind)) + " while not open\n";
-        break;
-      case Kind::error:
-        break;
+    if (event.kind == Kind::connected && open_) violations_ += "socketDidConnect while open\n";
+    if ((event.kind == Kind::message || event.kind == Kind::data) && !open_) {
+      violations_ += std::string(name(event.kind)) + " while not open\n";
+    }
+    if (event.kind == Kind::connected || event.kind == Kind::disconnected) {
+      open_ = event.kind == Kind::connected;
     }
     inCall_ = true;
     ++counts_[static_cast<int>(event.kind)];
@@ -96,28 +55,17 @@ std::size_t RecordingSocketDelegate::count(Kind kind) const {
   return counts_[static_cast<int>(kind)];
 }
 
-std::vector<std::string> RecordingSocketDelegate::messages() const {
-  std::lock_guard lock(mutex_);
+std::vector<std::string> RecordingSocketDelegate::texts(Kind kind) const {
   std::vector<std::string> result;
-  for (const auto& event : events_) {
-    if (event.kind == Kind::message) result.push_back(event.text);
-  }
-  return result;
-}
-
-std::vector<std::string> RecordingSocketDelegate::errors() const {
-  std::lock_guard lock(mutex_);
-  std::vector<std::string> result;
-  for (const auto& event : events_) {
-    if (event.kind == Kind::error) result.push_back(event.text);
+  for (const auto& event : events()) {
+    if (event.kind == kind) result.push_back(event.text);
   }
   return result;
 }
 
 std::vector<SocketCloseCode> RecordingSocketDelegate::disconnects() const {
-  std::lock_guard lock(mutex_);
   std::vector<SocketCloseCode> result;
-  for (const auto& event : events_) {
+  for (const auto& event : events()) {
     if (event.kind == Kind::disconnected) result.push_back(event.code);
   }
   return result;
@@ -125,8 +73,7 @@ std::vector<SocketCloseCode> RecordingSocketDelegate::disconnects() const {
 
 bool RecordingSocketDelegate::waitFor(Kind kind, std::size_t count,
                                       std::chrono::milliseconds timeout) const {
-  std::unique_lock lock(mutex_);
-  return changed_.wait_for(lock, timeout, [&] { return counts_[static_cast<int>(kind)] >= count; });
+  return waitForAny({kind}, count, timeout);
 }
 
 bool RecordingSocketDelegate::waitForAny(std::initializer_list<Kind> kinds, std::size_t count,
@@ -151,19 +98,10 @@ std::string RecordingSocketDelegate::contractViolations() const {
 }
 
 const char* name(RecordingSocketDelegate::Kind kind) noexcept {
-  switch (kind) {
-    case RecordingSocketDelegate::Kind::connected:
-      return "socketDidConnect";
-    case RecordingSocketDelegate::Kind::disconnected:
-      return "socketDidDisconnect";
-    case RecordingSocketDelegate::Kind::error:
-      return "socketDidReceiveError";
-    case RecordingSocketDelegate::Kind::message:
-      return "socketDidReceiveMessage";
-    case RecordingSocketDelegate::Kind::data:
-      return "socketDidReceiveData";
-  }
-  return "unknown";
+  static constexpr const char* kNames[] = {"socketDidConnect", "socketDidDisconnect",
+                                           "socketDidReceiveError", "socketDidReceiveMessage",
+                                           "socketDidReceiveData"};
+  return kNames[static_cast<int>(kind)];
 }
 
 }  // namespace kel::test

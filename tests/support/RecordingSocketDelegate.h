@@ -22,6 +22,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "ServerClient/platform/SocketCloseCode.h"
@@ -40,16 +41,22 @@ class RecordingSocketDelegate final : public platform::WebSocketConnectionDelega
   struct Event {
     Kind kind = Kind::connected;
     platform::SocketCloseCode code = platform::SocketCloseCode::invalid;  // disconnected
-    std::string text;  // message, data; the error's what() for error
-    std::exception_ptr error;
-    std::thread::id thread;
+    std::string text{};  // message, data; the error's what() for error
+    std::exception_ptr error{};
+    std::thread::id thread{};
   };
 
-  void socketDidConnect() override;
-  void socketDidDisconnect(platform::SocketCloseCode closeCode) override;
+  void socketDidConnect() override { record({Kind::connected}); }
+  void socketDidDisconnect(platform::SocketCloseCode code) override {
+    record({Kind::disconnected, code});
+  }
   void socketDidReceiveError(std::exception_ptr error) override;
-  void socketDidReceiveMessage(std::string text) override;
-  void socketDidReceiveData(std::string bytes) override;
+  void socketDidReceiveMessage(std::string text) override {
+    record({Kind::message, {}, std::move(text)});
+  }
+  void socketDidReceiveData(std::string bytes) override {
+    record({Kind::data, {}, std::move(bytes)});
+  }
 
   /// Runs on the calling thread after each call has been recorded, e.g. to act from inside a
   /// callback.
@@ -58,9 +65,9 @@ class RecordingSocketDelegate final : public platform::WebSocketConnectionDelega
   std::vector<Event> events() const;
   std::size_t count(Kind kind) const;
   /// The texts of socketDidReceiveMessage, in order.
-  std::vector<std::string> messages() const;
+  std::vector<std::string> messages() const { return texts(Kind::message); }
   /// The what() of every error received, in order.
-  std::vector<std::string> errors() const;
+  std::vector<std::string> errors() const { return texts(Kind::error); }
   /// The codes of every socketDidDisconnect, in order.
   std::vector<platform::SocketCloseCode> disconnects() const;
 
@@ -81,6 +88,7 @@ class RecordingSocketDelegate final : public platform::WebSocketConnectionDelega
 
  private:
   void record(Event event);
+  std::vector<std::string> texts(Kind kind) const;
 
   mutable std::mutex mutex_;  // guards the members below
   mutable std::condition_variable changed_;

@@ -15,6 +15,8 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <utility>
 #include <vector>
 
 #include "ServerClient/rx/Observable.h"
@@ -27,17 +29,27 @@ inline constexpr std::chrono::seconds kStreamWait{10};
 template <class T>
 class StreamRecorder {
  public:
-  explicit StreamRecorder(const rx::Observable<T>& stream) : state_(std::make_shared<State>()) {
+  /// With a `clock`, at() tells when the last element or the failure came.
+  explicit StreamRecorder(const rx::Observable<T>& stream, rx::SchedulerPtr clock = nullptr)
+      : state_(std::make_shared<State>()) {
+    const auto now = [clock] { return clock ? std::optional(clock->now()) : std::nullopt; };
     subscription_ = stream.subscribe(
-        [state = state_](const T& value) {
-          state->update([&] { state->values.push_back(value); });
+        [state = state_, now](const T& value) {
+          state->update([&] {
+            state->values.push_back(value);
+            state->at = now();
+          });
         },
-        [state = state_](std::exception_ptr error) {
-          state->update([&] { state->error = std::move(error); });
+        [state = state_, now](std::exception_ptr error) {
+          state->update([&] {
+            state->error = std::move(error);
+            state->at = now();
+          });
         },
         [state = state_] { state->update([&] { state->completed = true; }); });
   }
-  explicit StreamRecorder(const rx::Single<T>& single) : StreamRecorder(single.asObservable()) {}
+  explicit StreamRecorder(const rx::Single<T>& single, rx::SchedulerPtr clock = nullptr)
+      : StreamRecorder(single.asObservable(), std::move(clock)) {}
   ~StreamRecorder() { subscription_.dispose(); }
 
   StreamRecorder(const StreamRecorder&) = delete;
@@ -57,6 +69,10 @@ class StreamRecorder {
     return state_->completed;
   }
   bool terminated() const { return completed() || error(); }
+  std::optional<rx::TimePoint> at() const {
+    std::lock_guard lock(state_->mutex);
+    return state_->at;
+  }
 
   /// Waits until `count` values satisfy `predicate`.
   bool waitFor(const std::function<bool(const T&)>& predicate, std::size_t count = 1,
@@ -95,6 +111,7 @@ class StreamRecorder {
     std::vector<T> values;
     std::exception_ptr error;
     bool completed = false;
+    std::optional<rx::TimePoint> at;
   };
   std::shared_ptr<State> state_;
   rx::Disposable subscription_;

@@ -25,11 +25,9 @@ struct CertifiedKey {
 
 class TestCertificates {
  public:
-  /// One set for the whole test program, made thread-safely on first use.
+  /// One set for the whole test program, made thread-safely on first use. Throws
+  /// std::runtime_error if OpenSSL fails.
   static const TestCertificates& shared();
-
-  /// A fresh set, with a new authority. Throws std::runtime_error if OpenSSL fails.
-  TestCertificates();
 
   /// The authority that signs the leaves below (except selfSigned()).
   const std::string& caCertificatePem() const noexcept { return ca_.certificatePem; }
@@ -43,11 +41,9 @@ class TestCertificates {
   const CertifiedKey& selfSigned() const noexcept { return selfSigned_; }
 
  private:
-  CertifiedKey ca_;
-  CertifiedKey localhost_;
-  CertifiedKey wrongHost_;
-  CertifiedKey expired_;
-  CertifiedKey selfSigned_;
+  TestCertificates();
+
+  CertifiedKey ca_, localhost_, wrongHost_, expired_, selfSigned_;
 };
 
 /// A file with the given contents in the system's temporary directory, removed on destruction.
@@ -55,8 +51,6 @@ class TemporaryFile {
  public:
   explicit TemporaryFile(std::string_view contents, std::string_view suffix = ".pem");
   ~TemporaryFile();
-  TemporaryFile(TemporaryFile&& other) noexcept;
-  TemporaryFile& operator=(TemporaryFile&& other) noexcept;
   TemporaryFile(const TemporaryFile&) = delete;
   TemporaryFile& operator=(const TemporaryFile&) = delete;
 

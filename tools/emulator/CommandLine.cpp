@@ -145,6 +145,10 @@ CommandLineResult parseCommandLine(std::span<const std::string_view> arguments) 
       if (!count || *count == 0 || *count > 64)
         return fail("--threads takes a number from 1 to 64");
       line.options.threads = *count;
+    } else if (flag == "--fixture") {
+      auto text = value();
+      if (!text || text->empty()) return fail("--fixture takes a JSON file");
+      line.fixtureFile = std::string(*text);
     } else if (flag == "--user") {
       auto text = value();
       if (!text || text->empty()) return fail("--user takes a user id");
@@ -195,6 +199,9 @@ Options:
   --token TOKEN            the session token of the preceding --user (default: random)
   --sign-in-token TOKEN    the token with which the preceding --user signs in over HTTP
                            (POST /login); without it the user can only resume sessions
+  --fixture FILE           start-up data, one JSON object: "users", "contacts",
+                           "presences", "directories", "groups" (see the README); users with
+                           a "token" get a session with it, listed in the first line
   --session-lifetime S     lifetime of sessions in seconds (default 86400)
   --ping-period S          send the ping frame "0" every S seconds, 0 for never (default 30)
   --socket-path PATH       path of the advertised socket URL; its last component is the

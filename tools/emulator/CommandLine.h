@@ -28,6 +28,8 @@ struct CommandLine {
   std::optional<std::string> tlsCertificateFile;
   std::optional<std::string> tlsKeyFile;
   std::vector<UserSpec> users;
+  /// Start-up data (Fixture.h), loaded after the --user accounts.
+  std::optional<std::string> fixtureFile;
   bool help = false;
   bool quiet = false;
 };

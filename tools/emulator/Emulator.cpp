@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "emulator/Fixture.h"
 #include "emulator/detail/Server.h"
 
 namespace kel::emulator {
@@ -17,9 +18,15 @@ Emulator::Emulator(Options options)
                           server_->options().signInAttemptBytes,
                           server_->options().recordedPayloadBytes})) {
   signIn_->install(server_->http(), server_->resources());
+  domains_ = std::make_unique<Domains>(
+      server_->store(), *signIn_,
+      [this](const Recipients& to, std::string_view path, std::string_view method,
+             const nlohmann::json& body) { return pushEvent(to, path, method, body); });
+  domains_->install(server_->resources());
 }
 
-// The server goes first: its handlers may still be using the sign-in until it has stopped.
+// The server goes first: its handlers may still be using the sign-in and the domains until it
+// has stopped.
 Emulator::~Emulator() {
   server_->stop();
 }
@@ -85,6 +92,26 @@ SignIn& Emulator::signIn() {
 
 void Emulator::addAccount(Account account) {
   signIn_->addAccount(std::move(account));
+}
+
+UserContacts& Emulator::userContacts() {
+  return domains_->userContacts;
+}
+
+AddressBooks& Emulator::addressBooks() {
+  return domains_->addressBooks;
+}
+
+Presences& Emulator::presences() {
+  return domains_->presences;
+}
+
+Groups& Emulator::groups() {
+  return domains_->groups;
+}
+
+std::vector<Session> Emulator::loadFixture(const nlohmann::json& fixture) {
+  return kel::emulator::loadFixture(fixture, server_->store(), *signIn_, *domains_);
 }
 
 std::size_t Emulator::pushEvent(const Recipients& to, std::string_view path,

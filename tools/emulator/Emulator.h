@@ -54,6 +54,7 @@
 #include "emulator/ResourceRouter.h"
 #include "emulator/SessionStore.h"
 #include "emulator/SignIn.h"
+#include "emulator/domains/Domains.h"
 
 namespace kel::emulator {
 
@@ -147,6 +148,18 @@ class Emulator {
   /// Adds (or replaces) a user together with what signing in answers for it.
   void addAccount(Account account);
 
+  // --- Domains ------------------------------------------------------------------------------
+  // Served from the start, each with its own state (see its header and README.md).
+
+  UserContacts& userContacts();
+  AddressBooks& addressBooks();
+  Presences& presences();
+  Groups& groups();
+  /// Adds start-up data (Fixture.h): users, their contacts and presences, directories, groups.
+  /// Throws std::invalid_argument, changing nothing, for a fixture that is not valid. Returns the
+  /// sessions created for users with a "token".
+  std::vector<Session> loadFixture(const nlohmann::json& fixture);
+
   // --- Server to client ---------------------------------------------------------------------
   // Each returns how many sockets the frame was queued for.
 
@@ -212,6 +225,7 @@ class Emulator {
  private:
   std::unique_ptr<detail::Server> server_;
   std::unique_ptr<SignIn> signIn_;
+  std::unique_ptr<Domains> domains_;
 };
 
 }  // namespace kel::emulator

@@ -9,12 +9,14 @@
 #include <exception>
 #include <iostream>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "emulator/CommandLine.h"
 #include "emulator/Emulator.h"
+#include "emulator/Fixture.h"
 
 namespace {
 
@@ -54,6 +56,15 @@ int main(int argc, char** argv) {
     return 2;
   }
   if (!commandLine.quiet) commandLine.options.log = logLine;
+  std::optional<nlohmann::json> fixture;
+  if (commandLine.fixtureFile) {
+    try {
+      fixture = readFixtureFile(*commandLine.fixtureFile);
+    } catch (const std::invalid_argument& e) {
+      std::cerr << program << ": " << e.what() << '\n';
+      return 2;
+    }
+  }
 
   // Blocked before any thread starts, so every thread inherits the mask and the signals wait for
   // sigwait below instead of killing the process mid-write.
@@ -72,6 +83,17 @@ int main(int argc, char** argv) {
       emulator.addAccount(defaultAccount(user.id, user.signInToken));
       sessions.push_back(emulator.sessionStore().createSession(user.id, std::nullopt, user.token));
       signInTokens.push_back(user.signInToken);
+    }
+    if (fixture) {
+      try {
+        for (auto& session : emulator.loadFixture(*fixture)) {
+          signInTokens.push_back(emulator.signIn().account(session.userId)->signInToken);
+          sessions.push_back(std::move(session));
+        }
+      } catch (const std::invalid_argument& e) {
+        std::cerr << program << ": " << *commandLine.fixtureFile << ": " << e.what() << '\n';
+        return 2;
+      }
     }
     const auto urls = emulator.start();
     std::cout << startupLine(urls, tls, sessions, signInTokens) << std::endl;

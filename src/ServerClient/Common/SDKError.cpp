@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "ServerClient/Common/Json.h"
+#include "ServerClient/Common/RawValues.h"
 #include "ServerClient/Common/SafeText.h"
 
 namespace kel {
@@ -14,12 +15,12 @@ constexpr std::array<std::string_view, 8> kGenericKindNames{
     "invalidURL", "encoding", "decoding",        "notAllowed",
     "underlying", "unknown",  "invalidResponse", "cancelled"};
 
-constexpr std::array<std::string_view, 10> kConnectionTypeNames{
-    "noSocketClient", "timeout",  "unauthorized", "notFound",    "badRequest",
-    "forbidden",      "conflict", "clientError",  "serverError", "unknown"};
+constexpr RawValues<ConnectionErrorType, 10> kConnectionTypeNames{
+    {"noSocketClient", "timeout", "unauthorized", "notFound", "badRequest", "forbidden", "conflict",
+     "clientError", "serverError", "unknown"}};
 
-constexpr std::array<std::string_view, 4> kAuthTypeNames{"Wrong credentials", "Invalid token",
-                                                         "Session expired", "Unknown"};
+constexpr RawValues<AuthErrorType, 4> kAuthTypeNames{
+    {"Wrong credentials", "Invalid token", "Session expired", "Unknown"}};
 
 std::string genericWhat(const GenericErrorType& type, const std::string& description) {
   std::string what = "GenericError.";
@@ -51,14 +52,11 @@ GenericError::GenericError(GenericErrorType type, std::string description)
       description_(std::move(description)) {}
 
 std::string_view rawValue(ConnectionErrorType type) noexcept {
-  return kConnectionTypeNames[static_cast<std::size_t>(type)];
+  return kConnectionTypeNames.text(type);
 }
 
 std::optional<ConnectionErrorType> connectionErrorTypeFrom(std::string_view raw) noexcept {
-  for (std::size_t i = 0; i < kConnectionTypeNames.size(); ++i) {
-    if (kConnectionTypeNames[i] == raw) return static_cast<ConnectionErrorType>(i);
-  }
-  return std::nullopt;
+  return kConnectionTypeNames.find(raw);
 }
 
 ConnectionError::ConnectionError(ConnectionErrorType type, int code, std::string description)
@@ -92,14 +90,11 @@ ConnectionError ConnectionError::mapToOvError(int code) {
 }
 
 std::string_view rawValue(AuthErrorType type) noexcept {
-  return kAuthTypeNames[static_cast<std::size_t>(type)];
+  return kAuthTypeNames.text(type);
 }
 
 std::optional<AuthErrorType> authErrorTypeFrom(std::string_view raw) noexcept {
-  for (std::size_t i = 0; i < kAuthTypeNames.size(); ++i) {
-    if (kAuthTypeNames[i] == raw) return static_cast<AuthErrorType>(i);
-  }
-  return std::nullopt;
+  return kAuthTypeNames.find(raw);
 }
 
 AuthError::AuthError(AuthErrorType type, std::string description)

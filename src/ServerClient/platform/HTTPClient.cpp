@@ -30,6 +30,7 @@
 #include "ServerClient/Log/ServerLog.h"
 #include "ServerClient/Version.h"
 #include "ServerClient/platform/detail/HttpText.h"
+#include "ServerClient/platform/detail/NetworkThread.h"
 
 namespace kel::platform {
 
@@ -397,66 +398,16 @@ BeastHTTPClient::BeastHTTPClient() : BeastHTTPClient(Options{}) {}
 
 BeastHTTPClient::BeastHTTPClient(Options options)
     : runtime_(std::make_shared<Runtime>(std::move(options))) {
-  thread_ = std::thread([runtime = runtime_] {
-#if defined(__linux__)
-    pthread_setname_np(pthread_self(), "kel-http");
-#endif
-    for (;;) {
-      try {
-        runtime->ioContext.run();
-        return;
-      } catch (const std::exception& e) {
-        KEL_LOG_ERROR("run()", std::string("HTTP client thread: ") + e.what());
-      }
-    }
-  });
+  thread_ = std::make_unique<detail::NetworkThread>("kel-http", runtime_->ioContext, runtime_);
 }
-
-namespace {
-
-// Joins the I/O threads of clients destroyed from their own completions, at the latest when the
-// process exits. Such a thread ends right after that completion returns, freeing its io_context
-// and with it every exchange still queued (TLS streams included); a detached thread could still
-// be doing so while exit runs OpenSSL's clean-up and the leak checks, which would then find
-// those objects alive and unowned.
-class ThreadReaper {
- public:
-  static ThreadReaper& shared() {
-    static ThreadReaper instance;
-    return instance;
-  }
-  ThreadReaper() = default;
-  ThreadReaper(const ThreadReaper&) = delete;
-  ThreadReaper& operator=(const ThreadReaper&) = delete;
-  ~ThreadReaper() {
-    std::lock_guard lock(mutex_);
-    for (auto& thread : threads_) thread.join();
-  }
-
-  void adopt(std::thread thread) {
-    std::lock_guard lock(mutex_);
-    threads_.push_back(std::move(thread));
-  }
-
- private:
-  std::mutex mutex_;  // guards threads_
-  std::vector<std::thread> threads_;
-};
-
-}  // namespace
 
 BeastHTTPClient::~BeastHTTPClient() {
   // Handlers still queued are destroyed with the io_context, taking their exchanges with them
   // without a completion.
   runtime_->ioContext.stop();
-  if (std::this_thread::get_id() == thread_.get_id()) {
-    // Destroyed from a completion: this thread cannot join itself. It ends right after the
-    // completion returns, holding the runtime until then.
-    ThreadReaper::shared().adopt(std::move(thread_));
-  } else {
-    thread_.join();
-  }
-  // The io_context goes now, on this thread, with whatever it still holds.
+  // Destroyed from a completion, the thread ends right after it returns, holding the runtime
+  // until then; otherwise the io_context goes now, on this thread, with whatever it still holds.
+  thread_.reset();
   runtime_.reset();
 }
 

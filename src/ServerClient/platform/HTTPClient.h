@@ -41,6 +41,10 @@
 
 namespace kel::platform {
 
+namespace detail {
+class NetworkThread;
+}  // namespace detail
+
 using HTTPHeaderField = std::pair<std::string, std::string>;
 
 struct HTTPRequest {
@@ -172,7 +176,7 @@ class BeastHTTPClient final : public HTTPClient {
   struct Runtime;
 
   std::shared_ptr<Runtime> runtime_;
-  std::thread thread_;
+  std::unique_ptr<detail::NetworkThread> thread_;
 };
 
 // ------------------------------------------------------------------------------------------------

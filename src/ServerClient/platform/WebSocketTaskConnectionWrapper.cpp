@@ -38,6 +38,7 @@
 #include "ServerClient/Version.h"
 #include "ServerClient/platform/TlsClientContext.h"
 #include "ServerClient/platform/detail/HttpText.h"
+#include "ServerClient/platform/detail/NetworkThread.h"
 
 namespace kel::platform {
 
@@ -787,32 +788,17 @@ WebSocketTaskConnectionWrapper::WebSocketTaskConnectionWrapper(boost::urls::url 
 
 WebSocketTaskConnectionWrapper::~WebSocketTaskConnectionWrapper() {
   core_->shutdown();
-  if (!thread_.joinable()) return;
+  if (!thread_) return;
   asio::post(runtime_->ioContext, [runtime = runtime_] { runtime->work.reset(); });
-  if (std::this_thread::get_id() == thread_.get_id()) {
-    // Destroyed from a delegate call: the thread finishes the cleanup by itself and keeps the
-    // io_context alive through its own reference until then.
-    thread_.detach();
-  } else {
-    thread_.join();
-  }
+  // Destroyed from a delegate call, the thread finishes the clean-up by itself and keeps the
+  // io_context alive through its own reference until then.
+  thread_.reset();
 }
 
 void WebSocketTaskConnectionWrapper::ensureRunning() {
   std::call_once(started_, [this] {
-    thread_ = std::thread([runtime = runtime_] {
-#if defined(__linux__)
-      pthread_setname_np(pthread_self(), "kel-websocket");
-#endif
-      for (;;) {
-        try {
-          runtime->ioContext.run();
-          return;
-        } catch (const std::exception& e) {
-          KEL_LOG_ERROR("run()", std::string("WebSocket network thread: ") + e.what());
-        }
-      }
-    });
+    thread_ =
+        std::make_unique<detail::NetworkThread>("kel-websocket", runtime_->ioContext, runtime_);
   });
 }
 

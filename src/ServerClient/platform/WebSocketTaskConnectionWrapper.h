@@ -69,6 +69,10 @@
 
 namespace kel::platform {
 
+namespace detail {
+class NetworkThread;
+}  // namespace detail
+
 class WebSocketTaskConnectionWrapper final : public Socket {
  public:
   struct Options {
@@ -124,7 +128,7 @@ class WebSocketTaskConnectionWrapper final : public Socket {
   std::shared_ptr<Core> core_;  // shared with the network thread's handlers
   std::shared_ptr<Runtime> runtime_;
   std::once_flag started_;
-  std::thread thread_;  // the network thread, once started
+  std::unique_ptr<detail::NetworkThread> thread_;  // the network thread, once started
 };
 
 }  // namespace kel::platform

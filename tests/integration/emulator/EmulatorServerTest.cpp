@@ -180,6 +180,40 @@ TEST(EmulatorProgram, PrintsItsUrlsAsTheFirstLineServesUntilSigtermAndExitsZero)
   EXPECT_EQ(0, program.waitForExit());
 }
 
+// A fixture sets the program up, and what one user changes reaches the sockets of another; a
+// fixture that is not valid stops the program with status 2 before it serves anything.
+TEST(EmulatorProgram, StartsFromAFixtureAndRefusesAnInvalidOneWithStatusTwo) {
+  if (!fs::exists(programPath())) GTEST_SKIP() << "kel-emulator is not built at " << programPath();
+  TemporaryFile invalid(R"({"groups": [{"groupId": "g", "name": "G", "owner": "zed"}]})", ".json");
+  Program refused({"--fixture", invalid.path().string(), "--quiet"});
+  EXPECT_EQ(2, refused.waitForExit());
+
+  TemporaryFile fixture(R"({"users": [{"id": "alice", "token": "alice-token"},
+                                      {"id": "bob", "token": "bob-token"}],
+                            "groups": [{"groupId": "g", "name": "G", "owner": "alice"}]})",
+                        ".json");
+  Program program({"--listen", "127.0.0.1:0", "--fixture", fixture.path().string(), "--quiet"});
+  const auto line = program.firstLine();
+  ASSERT_FALSE(line.empty()) << "no first line";
+  const auto startup = json::parse(line);
+  ASSERT_EQ(2u, startup.at("users").size());
+  const auto url = startup.at("socketURL").get<std::string>();
+  Client alice(url, {});
+  Client bob(url, {});
+  for (auto [client, token] : {std::pair{&alice, "alice-token"}, std::pair{&bob, "bob-token"}}) {
+    ASSERT_TRUE(client->open());
+    client->send(std::string("AUTH ") + token);
+    ASSERT_NE(std::string::npos, client->next().find("kapiId"));
+  }
+  EXPECT_EQ(
+      200,
+      alice.request("POST", "/usersGroup/g/participants", {{"targetUserId", "bob"}}).at("status"));
+  const auto event = bob.nextObject();
+  EXPECT_EQ("/usersGroup", event.at("path"));
+  EXPECT_EQ("POST", event.at("method"));
+  EXPECT_EQ((json{"bob"}), event.at("body").at("participants"));
+}
+
 // Sockets that never authenticate must not starve the emulator of descriptors: they are closed
 // after --auth-timeout, and running out of descriptors on accept only delays new clients.
 TEST(EmulatorProgram, KeepsServingWhenIdleSocketsExhaustItsDescriptors) {

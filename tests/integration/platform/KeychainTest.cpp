@@ -3,12 +3,9 @@
 
 #include "ServerClient/platform/Keychain.h"
 
-#include <sys/wait.h>
-
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
@@ -17,6 +14,8 @@
 
 #include "ServerClient/Utils/KeychainTokenItem.h"
 #include "support/LogCapture.h"
+#include "support/Shell.h"
+#include "support/Thrown.h"
 
 namespace kel::platform {
 namespace {
@@ -38,18 +37,10 @@ fs::path testBinary() {
 /// Runs the disabled KeychainChild test `name` in a new process of this binary, behind the shell
 /// words of `prefix` (environment changes, a wrapper). A hung child and its daemons are killed.
 void runChildTest(const std::string& name, const std::string& prefix) {
-  const std::string command = prefix + " timeout -s KILL 90 '" + testBinary().string() +
-                              "' --gtest_also_run_disabled_tests "
-                              "--gtest_filter=KeychainChild.DISABLED_" +
-                              name + " 2>&1";
-  FILE* pipe = ::popen(command.c_str(), "r");
-  ASSERT_NE(nullptr, pipe);
-  std::string output;
-  char buffer[4096];
-  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-    output.append(buffer, n);
-  const int status = ::pclose(pipe);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << output;
+  const auto [exitCode, output] = test::runShell(
+      prefix + " timeout -s KILL 90 " + test::shellQuoted(testBinary()) +
+      " --gtest_also_run_disabled_tests --gtest_filter=KeychainChild.DISABLED_" + name + " 2>&1");
+  EXPECT_EQ(0, exitCode) << output;
   // A filter that matched nothing would pass as well.
   EXPECT_NE(output.find("[  PASSED  ] 1 test."), std::string::npos) << output;
 }
@@ -109,7 +100,7 @@ TEST(KeychainUnavailableTest, LockedKeyringGivesInteractionNotAllowed) {
   const fs::path script = testBinary().parent_path().parent_path().parent_path().parent_path() /
                           "scripts" / "with-session-bus";
   ASSERT_TRUE(fs::exists(script)) << script;
-  runChildTest("LockedKeyring", "env -u KEL_IN_SESSION_BUS '" + script.string() + "'");
+  runChildTest("LockedKeyring", "env -u KEL_IN_SESSION_BUS " + test::shellQuoted(script));
 }
 
 // Bodies of the child processes above; disabled so that they run only when asked for.
@@ -125,12 +116,8 @@ TEST(KeychainChild, DISABLED_NoSessionBus) {
   EXPECT_LT(std::chrono::steady_clock::now() - started, 10s);
   EXPECT_TRUE(log.contains("connecting to the session bus failed (errSecNotAvailable)"));
   // Not "no token": the caller can tell a missing keychain from a missing session.
-  try {
-    KeychainTokenItem(service).readToken();
-    ADD_FAILURE() << "read without a keychain succeeded";
-  } catch (const KeychainError& error) {
-    EXPECT_EQ(error, KeychainError::unhandledError(errSecNotAvailable));
-  }
+  EXPECT_EQ(test::thrown<KeychainError>([&] { KeychainTokenItem(service).readToken(); }),
+            KeychainError::unhandledError(errSecNotAvailable));
 }
 
 TEST(KeychainChild, DISABLED_LockedKeyring) {

@@ -12,6 +12,7 @@
 #include "ServerClient/Common/SDKError.h"
 #include "ServerClient/Utils/Description.h"
 #include "ServerClient/Utils/JsonCollection.h"
+#include "support/Thrown.h"
 
 namespace kel {
 namespace {
@@ -43,16 +44,10 @@ json answerJson() {
           {"capabilities", {{"domain", {"presence"}}, {"user", json::array()}}}};
 }
 
-/// The GenericError thrown by decoding `document` as T; fails the test when nothing is thrown.
+/// The GenericError thrown by decoding `document` as T.
 template <class T>
 GenericError decodingError(const json& document) {
-  try {
-    from<T>(document.dump());
-  } catch (const GenericError& error) {
-    return error;
-  }
-  ADD_FAILURE() << "decoded " << document.dump();
-  return GenericError(GenericErrorType::unknown());
+  return test::thrown<GenericError>([&] { from<T>(document.dump()); }).value();
 }
 
 TEST(AuthenticationDataTest, DecodesTheSignInAnswer) {

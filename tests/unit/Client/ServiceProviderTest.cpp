@@ -13,6 +13,7 @@
 #include "ServerClient/User/KelUserService.h"
 #include "support/FakeSocketClient.h"
 #include "support/StreamRecorder.h"
+#include "support/Thrown.h"
 
 namespace kel {
 namespace {
@@ -26,16 +27,10 @@ std::shared_ptr<const Capabilities> capabilities(std::vector<std::string> domain
   return std::make_shared<const Capabilities>(std::move(domain), std::vector<std::string>{});
 }
 
-/// The GenericError thrown by `demand`; fails the test when nothing is thrown.
+/// The GenericError thrown by `demand`.
 template <class F>
 GenericError refusal(F demand) {
-  try {
-    demand();
-  } catch (const GenericError& error) {
-    return error;
-  }
-  ADD_FAILURE() << "the demand succeeded";
-  return GenericError(GenericErrorType::unknown());
+  return test::thrown<GenericError>(demand).value();
 }
 
 class ServiceProviderTest : public ::testing::Test {

@@ -10,18 +10,13 @@ namespace kel {
 namespace {
 
 TEST(ConnectionErrorMapping, StatusCodesMapToTheirKindsAndKeepTheCode) {
-  struct Case {
-    int code;
-    ConnectionErrorType type;
-  };
-  for (auto [code, type] :
-       {Case{400, ConnectionErrorType::badRequest}, Case{401, ConnectionErrorType::unauthorized},
-        Case{403, ConnectionErrorType::forbidden}, Case{404, ConnectionErrorType::notFound},
-        Case{408, ConnectionErrorType::timeout}, Case{409, ConnectionErrorType::conflict},
-        Case{402, ConnectionErrorType::clientError}, Case{499, ConnectionErrorType::clientError},
-        Case{500, ConnectionErrorType::serverError}, Case{599, ConnectionErrorType::serverError},
-        Case{0, ConnectionErrorType::unknown}, Case{-7, ConnectionErrorType::unknown},
-        Case{600, ConnectionErrorType::unknown}}) {
+  using enum ConnectionErrorType;
+  const std::pair<int, ConnectionErrorType> cases[] = {
+      {400, badRequest},  {401, unauthorized}, {403, forbidden},   {404, notFound},
+      {408, timeout},     {409, conflict},     {402, clientError}, {499, clientError},
+      {500, serverError}, {599, serverError},  {0, unknown},       {-7, unknown},
+      {600, unknown}};
+  for (auto [code, type] : cases) {
     auto error = ConnectionError::mapToOvError(code);
     EXPECT_EQ(type, error.type()) << code;
     EXPECT_EQ(code, error.code());

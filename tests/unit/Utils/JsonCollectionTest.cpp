@@ -6,6 +6,8 @@
 #include <functional>
 #include <stdexcept>
 
+#include "support/Thrown.h"
+
 namespace kel {
 namespace {
 
@@ -21,16 +23,11 @@ void to_json(nlohmann::json&, const Unencodable&) {
   throw std::runtime_error("cannot encode");
 }
 
-// The type of the GenericError `call` throws.
+// The type of the GenericError `call` throws, which has no description.
 GenericErrorType errorOf(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const GenericError& error) {
-    EXPECT_EQ("", error.description());
-    return error.type();
-  }
-  ADD_FAILURE() << "no GenericError thrown";
-  return GenericErrorType::unknown();
+  const auto error = test::thrown<GenericError>(call).value();
+  EXPECT_EQ("", error.description());
+  return error.type();
 }
 
 TEST(ToCollection, OnlyAFaithfulObjectIsEncoded) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "ServerClient/platform/InMemoryKeychain.h"
+#include "support/Thrown.h"
 
 namespace kel {
 namespace {
@@ -36,14 +37,8 @@ class KeychainTokenItemTest : public ::testing::Test {
 };
 
 template <class F>
-KeychainError thrownBy(F&& f) {
-  try {
-    f();
-  } catch (const KeychainError& error) {
-    return error;
-  }
-  ADD_FAILURE() << "no KeychainError thrown";
-  return KeychainError::noToken();
+std::optional<KeychainError> thrownBy(F&& f) {
+  return test::thrown<KeychainError>(std::forward<F>(f));
 }
 
 TEST(KeychainAccessGroupTest, TeamPrefixesTheSharedSuffixAndNoTeamMeansDefaultGroup) {
@@ -79,7 +74,7 @@ TEST_F(KeychainTokenItemTest, ReadNeedsAUTF8TokenButNotAReadableURLAndReportsOth
   EXPECT_EQ(thrownBy([&] { item_.readToken(); }), KeychainError::unexpectedTokenData());
 
   keychain_->injectFailure(Call::copyMatching, kService, platform::errSecNotAvailable);
-  const KeychainError error = thrownBy([&] { item_.readToken(); });
+  const KeychainError error = thrownBy([&] { item_.readToken(); }).value();
   EXPECT_EQ(error.kind(), KeychainError::Kind::unhandledError);
   EXPECT_EQ(error.status(), platform::errSecNotAvailable);
 }

@@ -30,6 +30,7 @@ TEST(EmulatorCommandLine, FlagsFillTheOptions) {
   EXPECT_EQ(2500ms, line.options.authTimeout);
   EXPECT_EQ(50u, line.options.frameLogLimit);
   EXPECT_TRUE(line.options.recordFrames);
+  EXPECT_EQ("f.json", parse({"--fixture", "f.json"}).commandLine->fixtureFile);
   ASSERT_EQ(2u, line.users.size());
   EXPECT_EQ("t1", line.users[0].token);
   EXPECT_FALSE(line.users[1].token);
@@ -65,6 +66,7 @@ TEST(EmulatorCommandLine, MistakesAreRefusedWithAReason) {
            {"--socket-path", "ws"},
            {"--help=yes"},
            {"--verbose"},
+           {"--fixture"},
        }) {
     auto result = parse(arguments);
     EXPECT_FALSE(result.commandLine) << arguments.front();

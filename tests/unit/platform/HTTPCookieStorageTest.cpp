@@ -33,6 +33,14 @@ std::string cookieHeader(const HTTPCookieStorage& storage, std::string_view text
 
 class HTTPCookieStorageTest : public testing::Test {
  protected:
+  /// Every one of `cookies`, set from `from`, is stored (`stored`) or refused.
+  void set(std::initializer_list<std::string_view> cookies, std::string_view from,
+           bool stored = true) {
+    for (auto cookie : cookies) {
+      EXPECT_EQ(stored, storage_.setCookie(std::string(cookie), url(from))) << cookie;
+    }
+  }
+
   system_clock::time_point now_ = sys_days{std::chrono::year{2024} / 3 / 1};
   HTTPCookieStorage storage_{[this] { return now_; }};
 };
@@ -55,12 +63,10 @@ TEST_F(HTTPCookieStorageTest, SignInCookiesGoWithTheSocketUpgradeToTheSameHost) 
 }
 
 TEST_F(HTTPCookieStorageTest, DomainCookiesReachSubdomainsOnlyWhenTheHostMaySetThem) {
-  const auto login = url("https://login.kel.example.com/login");
-  EXPECT_TRUE(storage_.setCookie("wide=1; Domain=.Kel.Example.COM", login));
-  EXPECT_TRUE(storage_.setCookie("own=2; Domain=login.kel.example.com", login));
-  EXPECT_FALSE(storage_.setCookie("sibling=3; Domain=chat.kel.example.com", login));
-  EXPECT_FALSE(storage_.setCookie("suffix=4; Domain=ample.com", login));
-  EXPECT_FALSE(storage_.setCookie("tld=5; Domain=com", login));
+  const auto login = "https://login.kel.example.com/login";
+  set({"wide=1; Domain=.Kel.Example.COM", "own=2; Domain=login.kel.example.com"}, login);
+  set({"sibling=3; Domain=chat.kel.example.com", "suffix=4; Domain=ample.com", "tld=5; Domain=com"},
+      login, false);
   EXPECT_EQ("wide=1", cookieHeader(storage_, "wss://chat.kel.example.com/ws"));
   EXPECT_EQ("wide=1; own=2", cookieHeader(storage_, "wss://a.login.kel.example.com/ws"));
   EXPECT_EQ("", cookieHeader(storage_, "wss://example.com/ws"));
@@ -72,22 +78,20 @@ TEST_F(HTTPCookieStorageTest, DomainCookiesReachSubdomainsOnlyWhenTheHostMaySetT
 }
 
 TEST_F(HTTPCookieStorageTest, AddressHostsMatchOnlyThemselves) {
-  EXPECT_TRUE(storage_.setCookie("v4=1", url("http://127.0.0.1:8080/login")));
-  EXPECT_TRUE(storage_.setCookie("v6=1", url("http://[::1]:8080/login")));
-  EXPECT_TRUE(storage_.setCookie("same=1; Domain=127.0.0.1", url("http://127.0.0.1/login")));
-  EXPECT_FALSE(storage_.setCookie("up=1; Domain=0.0.1", url("http://127.0.0.1/login")));
+  set({"v4=1", "same=1; Domain=127.0.0.1"}, "http://127.0.0.1:8080/login");
+  set({"v6=1"}, "http://[::1]:8080/login");
+  set({"up=1; Domain=0.0.1"}, "http://127.0.0.1/login", false);
   EXPECT_EQ("v4=1; same=1", cookieHeader(storage_, "ws://127.0.0.1:9000/ws"));
   EXPECT_EQ("v6=1", cookieHeader(storage_, "ws://[::1]:9000/ws"));
   EXPECT_EQ("", cookieHeader(storage_, "ws://10.127.0.0.1/ws"));
 }
 
 TEST_F(HTTPCookieStorageTest, PathsDefaultToTheRequestDirectoryAndMatchWholeSegments) {
-  const auto login = url("https://kel.example.com/api/v1/login?x=1");
-  EXPECT_TRUE(storage_.setCookie("dir=1", login));                  // path /api/v1
-  EXPECT_TRUE(storage_.setCookie("api=1; Path=/api", login));       // explicit
-  EXPECT_TRUE(storage_.setCookie("root=1; Path=relative", login));  // not absolute: default
-  EXPECT_TRUE(storage_.setCookie("top=1", url("https://kel.example.com/login")));  // path /
-  EXPECT_TRUE(storage_.setCookie("bare=1", url("https://kel.example.com")));       // path /
+  // Path /api/v1, explicit, not absolute (the default again), then two with path /.
+  set({"dir=1", "api=1; Path=/api", "root=1; Path=relative"},
+      "https://kel.example.com/api/v1/login?x=1");
+  set({"top=1"}, "https://kel.example.com/login");
+  set({"bare=1"}, "https://kel.example.com");
 
   // Longest path first; equal paths keep the order in which they were created.
   EXPECT_EQ("dir=1; root=1; api=1; top=1; bare=1",
@@ -97,13 +101,11 @@ TEST_F(HTTPCookieStorageTest, PathsDefaultToTheRequestDirectoryAndMatchWholeSegm
 }
 
 TEST_F(HTTPCookieStorageTest, ExpiryFollowsMaxAgeBeforeExpires) {
-  const auto login = url("https://kel.example.com/login");
-  EXPECT_TRUE(storage_.setCookie("session=1", login));
-  EXPECT_TRUE(storage_.setCookie("short=1; Max-Age=60", login));
-  EXPECT_TRUE(storage_.setCookie("dated=1; Expires=Fri, 01 Mar 2024 00:10:00 GMT", login));
+  const auto login = "https://kel.example.com/login";
   // Max-Age wins over an Expires in the past, whatever their order.
-  EXPECT_TRUE(
-      storage_.setCookie("both=1; Expires=Thu, 01 Jan 1970 00:00:00 GMT; Max-Age=3600", login));
+  set({"session=1", "short=1; Max-Age=60", "dated=1; Expires=Fri, 01 Mar 2024 00:10:00 GMT",
+       "both=1; Expires=Thu, 01 Jan 1970 00:00:00 GMT; Max-Age=3600"},
+      login);
   EXPECT_EQ("session=1; short=1; dated=1; both=1",
             cookieHeader(storage_, "wss://kel.example.com/"));
 
@@ -113,23 +115,18 @@ TEST_F(HTTPCookieStorageTest, ExpiryFollowsMaxAgeBeforeExpires) {
   EXPECT_EQ("session=1", cookieHeader(storage_, "wss://kel.example.com/"));
 
   // An already expired cookie deletes its namesake and is not stored.
-  EXPECT_FALSE(storage_.setCookie("session=gone; Max-Age=0", login));
-  EXPECT_FALSE(storage_.setCookie("never=1; Max-Age=-5", login));
+  set({"session=gone; Max-Age=0", "never=1; Max-Age=-5"}, login, false);
   EXPECT_EQ("", cookieHeader(storage_, "wss://kel.example.com/"));
 
   // A Max-Age that is not a number is ignored; an absurdly large one does not overflow.
-  EXPECT_TRUE(storage_.setCookie("odd=1; Max-Age=12a", login));
-  EXPECT_TRUE(storage_.setCookie("huge=1; Max-Age=99999999999999999999999", login));
+  set({"odd=1; Max-Age=12a", "huge=1; Max-Age=99999999999999999999999"}, login);
   now_ += 24h * 365 * 100;
   EXPECT_EQ("odd=1; huge=1", cookieHeader(storage_, "wss://kel.example.com/"));
 }
 
 TEST_F(HTTPCookieStorageTest, ASecondCookieOfTheSameNameDomainAndPathReplacesTheFirstInPlace) {
-  const auto login = url("https://kel.example.com/login");
-  EXPECT_TRUE(storage_.setCookie("a=1", login));
-  EXPECT_TRUE(storage_.setCookie("b=1", login));
-  EXPECT_TRUE(storage_.setCookie("a=2; Secure", login));
-  EXPECT_TRUE(storage_.setCookie("a=3; Path=/other", login));  // another path: another cookie
+  // The last: another path, so another cookie.
+  set({"a=1", "b=1", "a=2; Secure", "a=3; Path=/other"}, "https://kel.example.com/login");
   EXPECT_EQ("a=2; b=1", cookieHeader(storage_, "wss://kel.example.com/"));
   EXPECT_EQ("b=1", cookieHeader(storage_, "ws://kel.example.com/"));
   EXPECT_EQ(3u, storage_.allCookies().size());
@@ -139,15 +136,11 @@ TEST_F(HTTPCookieStorageTest, ASecondCookieOfTheSameNameDomainAndPathReplacesThe
 }
 
 TEST_F(HTTPCookieStorageTest, MalformedValuesAreIgnoredAndOddOnesReadLeniently) {
-  const auto login = url("https://kel.example.com/login");
-  EXPECT_FALSE(storage_.setCookie("novalue", login));
-  EXPECT_FALSE(storage_.setCookie("=anonymous", login));
-  EXPECT_FALSE(storage_.setCookie("  ; a=1", login));
-  EXPECT_FALSE(storage_.setCookie("inject=1\r\nX-Evil: 1", login));
-  EXPECT_FALSE(storage_.setCookie(std::string("nul=a\0b", 7), login));
-  EXPECT_TRUE(
-      storage_.setCookie("  token = a=b=c ;secure ; HTTPONLY;SameSite=Lax; Unknown", login));
-  EXPECT_TRUE(storage_.setCookie("empty=; Domain=", login));
+  const auto login = "https://kel.example.com/login";
+  set({"novalue", "=anonymous", "  ; a=1", "inject=1\r\nX-Evil: 1",
+       std::string_view("nul=a\0b", 7)},
+      login, false);
+  set({"  token = a=b=c ;secure ; HTTPONLY;SameSite=Lax; Unknown", "empty=; Domain="}, login);
 
   EXPECT_EQ("token=a=b=c; empty=", cookieHeader(storage_, "wss://kel.example.com/"));
   EXPECT_EQ("empty=", cookieHeader(storage_, "ws://kel.example.com/"));  // secure was read

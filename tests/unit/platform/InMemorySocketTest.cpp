@@ -14,25 +14,13 @@ using Delegate = test::RecordingSocketDelegate;
 
 // One line per delegate call.
 Strings callsOf(const Delegate& delegate) {
+  static const char* const kVerbs[] = {"connect", "disconnect ", "error ", "message ", "data "};
   Strings calls;
   for (const auto& e : delegate.events()) {
-    switch (e.kind) {
-      case Delegate::Kind::connected:
-        calls.push_back("connect");
-        break;
-      case Delegate::Kind::disconnected:
-        calls.push_back("disconnect " + name(e.code));
-        break;
-      case Delegate::Kind::error:
-        calls.push_back("error " + e.text);
-        break;
-      case Delegate::Kind::message:
-        calls.push_back("message " + e.text);
-        break;
-      case Delegate::Kind::data:
-        calls.push_back("data " + std::to_string(e.text.size()));
-        break;
-    }
+    const auto detail = e.kind == Delegate::Kind::disconnected ? name(e.code)
+                        : e.kind == Delegate::Kind::data       ? std::to_string(e.text.size())
+                                                               : e.text;
+    calls.push_back(kVerbs[static_cast<int>(e.kind)] + detail);
   }
   return calls;
 }

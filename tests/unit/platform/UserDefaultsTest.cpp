@@ -108,12 +108,12 @@ TEST_F(UserDefaultsTest, FailedWriteKeepsThePreviousFileAndLeavesNoTemporary) {
 }
 
 TEST(UserDefaultsPathTest, FollowsXdgConfigHomeThenHome) {
-  const char* oldConfig = std::getenv("XDG_CONFIG_HOME");
-  const char* oldHome = std::getenv("HOME");
-  const std::optional<std::string> savedConfig =
-      oldConfig ? std::optional<std::string>(oldConfig) : std::nullopt;
-  const std::optional<std::string> savedHome =
-      oldHome ? std::optional<std::string>(oldHome) : std::nullopt;
+  const auto saved = [](const char* name) -> std::optional<std::string> {
+    const char* value = std::getenv(name);
+    return value ? std::optional<std::string>(value) : std::nullopt;
+  };
+  const auto savedConfig = saved("XDG_CONFIG_HOME");
+  const auto savedHome = saved("HOME");
 
   ::setenv("XDG_CONFIG_HOME", "/cfg", 1);
   ::setenv("HOME", "/home/u", 1);

@@ -9,8 +9,7 @@ namespace {
 using Ints = std::vector<int>;
 
 TEST(Operators, ElementwiseOperatorsTransformFilterAndComplete) {
-  Recorder<std::string> chain;
-  chain.subscribe(
+  Recorder<std::string> chain(
       Observable<int>::from({1, 2, 2, 3, 4, 5, 6})
           .filter([](int x) { return x != 3; })
           .distinctUntilChanged()
@@ -32,8 +31,7 @@ TEST(Operators, ElementwiseOperatorsTransformFilterAndComplete) {
 
   // take lets go of its upstream as soon as it has enough.
   PublishSubject<int> subject;
-  Recorder<int> take;
-  take.subscribe(subject.asObservable().take(1));
+  Recorder<int> take(subject.asObservable().take(1));
   subject.onNext(7);
   EXPECT_FALSE(subject.hasObservers());
   EXPECT_EQ(1, take.completed);
@@ -69,8 +67,7 @@ TEST(Operators, CreateEnforcesTheContractOnAMisbehavingProducer) {
     o.onCompleted();
     return Disposable::create([&] { ++disposed; });
   });
-  Recorder<int> r;
-  r.subscribe(source.map([](int x) { return x; }));
+  Recorder<int> r(source.map([](int x) { return x; }));
   EXPECT_EQ((Ints{1}), r.values);
   EXPECT_EQ(1, r.completed);
   EXPECT_EQ(0, r.errors);
@@ -98,8 +95,7 @@ TEST(Operators, NothingIsDeliveredAfterDisposeAndDisposingTwiceDisposesOnce) {
 
 TEST(Operators, MergeCompletesAfterAllSourcesAndFlatMapErrorDisposesEverything) {
   PublishSubject<int> a, b;
-  Recorder<int> merged;
-  merged.subscribe(Observable<int>::merge({a.asObservable(), b.asObservable()}));
+  Recorder<int> merged(Observable<int>::merge({a.asObservable(), b.asObservable()}));
   a.onNext(1);
   b.onNext(2);
   a.onCompleted();
@@ -110,8 +106,7 @@ TEST(Operators, MergeCompletesAfterAllSourcesAndFlatMapErrorDisposesEverything) 
   EXPECT_EQ(1, merged.completed);
 
   PublishSubject<int> outer, inner1, inner2;
-  Recorder<int> r;
-  r.subscribe(outer.asObservable().flatMap(
+  Recorder<int> r(outer.asObservable().flatMap(
       [&](int x) { return x == 1 ? inner1.asObservable() : inner2.asObservable(); }));
   outer.onNext(1);
   outer.onNext(2);
@@ -127,8 +122,7 @@ TEST(Operators, MergeCompletesAfterAllSourcesAndFlatMapErrorDisposesEverything) 
 TEST(Operators, FlatMapLatestDisposesThePreviousInnerAndWaitsForTheCurrent) {
   PublishSubject<int> outer;
   std::vector<PublishSubject<int>> inners(2);
-  Recorder<int> r;
-  r.subscribe(outer.asObservable().flatMapLatest(
+  Recorder<int> r(outer.asObservable().flatMapLatest(
       [&](int i) { return inners[static_cast<std::size_t>(i)].asObservable(); }));
   outer.onNext(0);
   inners[0].onNext(1);
@@ -146,8 +140,7 @@ TEST(Operators, FlatMapLatestDisposesThePreviousInnerAndWaitsForTheCurrent) {
 TEST(Operators, WithLatestFromDropsElementsBeforeTheFirstLatest) {
   PublishSubject<int> source;
   PublishSubject<std::string> other;
-  Recorder<std::string> r;
-  r.subscribe(source.asObservable().withLatestFrom(
+  Recorder<std::string> r(source.asObservable().withLatestFrom(
       other.asObservable(), [](int i, const std::string& s) { return s + std::to_string(i); }));
   source.onNext(1);
   other.onNext("a");
@@ -179,8 +172,7 @@ TEST(Operators, TakeUntilCompletesOnTheOthersFirstElementOnly) {
 
 TEST(Operators, CatchErrorAndRetry) {
   auto failing = Observable<int>::from({1}).concat(Observable<int>::error(testError()));
-  Recorder<int> caught;
-  caught.subscribe(failing.catchError([](std::exception_ptr) {
+  Recorder<int> caught(failing.catchError([](std::exception_ptr) {
     return Observable<int>::from({8, 9});
   }));
   EXPECT_EQ((Ints{1, 8, 9}), caught.values);
@@ -193,14 +185,12 @@ TEST(Operators, CatchErrorAndRetry) {
   });
   auto retried = counted.retry(3);
   EXPECT_EQ(0, subscriptions) << "nothing runs before a subscription";
-  Recorder<int> r;
-  r.subscribe(retried);
+  Recorder<int> r(retried);
   EXPECT_EQ((Ints{1, 2, 3}), r.values);
   EXPECT_EQ(1, r.errors);
 
   subscriptions = 0;
-  Recorder<int> forever;
-  forever.subscribe(counted.retry().take(5));
+  Recorder<int> forever(counted.retry().take(5));
   EXPECT_EQ(5, subscriptions) << "synchronous failures are retried in a loop, not by recursion";
   EXPECT_EQ(1, forever.completed);
 }
@@ -217,15 +207,14 @@ TEST(Conversions, AsSingleWantsExactlyOneElement) {
 }
 
 TEST(Conversions, SinglesDeliverOnlyTheFirstOutcome) {
-  Recorder<int> r;
-  r.subscribe(Single<int>::create([](SingleObserver<int> o) {
-                o.onSuccess(1);
-                o.onSuccess(2);
-                o.onError(testError());
-                return Disposable();
-              }).map([](int x) {
-                  return x + 1;
-                }).asObservable());
+  Recorder<int> r(Single<int>::create([](SingleObserver<int> o) {
+                    o.onSuccess(1);
+                    o.onSuccess(2);
+                    o.onError(testError());
+                    return Disposable();
+                  }).map([](int x) {
+                      return x + 1;
+                    }).asObservable());
   EXPECT_EQ((Ints{2}), r.values);
   EXPECT_EQ(1, r.completed);
   EXPECT_EQ(0, r.errors);

@@ -56,6 +56,10 @@ bool isError(const std::exception_ptr& e) {
 /// Records every notification of a subscription without virtual time.
 template <class T>
 struct Recorder {
+  Recorder() = default;
+  explicit Recorder(const Observable<T>& o) { subscribe(o); }
+  Recorder(const Recorder&) = delete;  // the subscription refers to this one
+
   std::vector<T> values;
   int completed = 0;
   int errors = 0;

@@ -56,8 +56,7 @@ TEST(BehaviorSubject, ReplaysTheLatestValueFirstAndTheErrorOnceFailed) {
 
   subject.onError(testError("failed"));
   EXPECT_THROW(subject.value(), std::runtime_error);
-  Recorder<int> late;
-  late.subscribe(subject.asObservable());
+  Recorder<int> late(subject.asObservable());
   EXPECT_TRUE(late.values.empty());
   EXPECT_EQ(1, late.errors);
 }

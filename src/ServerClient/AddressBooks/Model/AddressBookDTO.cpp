@@ -1,20 +1,20 @@
 #include "ServerClient/AddressBooks/Model/AddressBookDTO.h"
 
-#include <array>
 #include <stdexcept>
 #include <utility>
 
 #include <nlohmann/json.hpp>
 
+#include "ServerClient/Common/RawValues.h"
 #include "ServerClient/Utils/detail/JsonFields.h"
 
 namespace kel {
 
 namespace {
 
-constexpr std::array<std::string_view, 8> kTypeTexts = {
-    "contacts", "static",           "domain",        "phonebooks",
-    "groups",   "azureOrgContacts", "azureOrgUsers", "azurePersonalContacts"};
+constexpr RawValues<AddressBookType, 8> kTypeTexts{{"contacts", "static", "domain", "phonebooks",
+                                                    "groups", "azureOrgContacts", "azureOrgUsers",
+                                                    "azurePersonalContacts"}};
 
 std::optional<AddressBookType> readType(const nlohmann::json& json, std::string_view key) {
   const auto text = detail::readOptionalText(json, key);
@@ -27,14 +27,11 @@ std::optional<AddressBookType> readType(const nlohmann::json& json, std::string_
 }  // namespace
 
 std::string_view rawValue(AddressBookType type) noexcept {
-  return kTypeTexts[static_cast<std::size_t>(type)];
+  return kTypeTexts.text(type);
 }
 
 std::optional<AddressBookType> addressBookType(std::string_view text) noexcept {
-  for (std::size_t i = 0; i < kTypeTexts.size(); ++i) {
-    if (kTypeTexts[i] == text) return static_cast<AddressBookType>(i);
-  }
-  return std::nullopt;
+  return kTypeTexts.find(text);
 }
 
 void from_json(const nlohmann::json& json, AddressBookDTO& book) {

@@ -1,19 +1,14 @@
 #include "ServerClient/Socket/Events/DomainEvent.h"
 
+#include "ServerClient/Common/RawValues.h"
+
 namespace kel {
 
 namespace {
 
-constexpr std::array<std::string_view, 10> kRawValues{"/addressbooks",
-                                                      "/conferences",
-                                                      "/presence",
-                                                      "/usersGroup",
-                                                      "/usersGroup/participant",
-                                                      "/alerts",
-                                                      "/missedCalls",
-                                                      "/meetings",
-                                                      "/xmpp/individualChatList",
-                                                      "unkwown"};
+constexpr RawValues<DomainEvent, 10> kRawValues{
+    {"/addressbooks", "/conferences", "/presence", "/usersGroup", "/usersGroup/participant",
+     "/alerts", "/missedCalls", "/meetings", "/xmpp/individualChatList", "unkwown"}};
 
 constexpr std::array<DomainEvent, 10> kAll{
     DomainEvent::addressBooks, DomainEvent::conferences,        DomainEvent::presence,
@@ -28,14 +23,11 @@ const std::array<DomainEvent, 10>& allDomainEvents() noexcept {
 }
 
 std::string_view rawValue(DomainEvent domain) noexcept {
-  return kRawValues[static_cast<std::size_t>(domain)];
+  return kRawValues.text(domain);
 }
 
 std::optional<DomainEvent> domainEventFrom(std::string_view raw) noexcept {
-  for (std::size_t i = 0; i < kRawValues.size(); ++i) {
-    if (kRawValues[i] == raw) return kAll[i];
-  }
-  return std::nullopt;
+  return kRawValues.find(raw);
 }
 
 DomainEvent parseDomain(std::optional<std::string_view> path) noexcept {

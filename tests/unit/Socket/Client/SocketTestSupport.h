@@ -6,13 +6,14 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <type_traits>
+#include <memory>
 
 #include "ServerClient/Common/SDKError.h"
 #include "ServerClient/Socket/Client/KelSocketClient.h"
 #include "ServerClient/Socket/Events/KelSocketEventHandler.h"
 #include "ServerClient/platform/InMemorySocket.h"
 #include "ServerClient/rx/TestScheduler.h"
+#include "support/StreamRecorder.h"
 
 namespace kel::testing {
 
@@ -50,33 +51,11 @@ struct CountingServerEventHandler final : ServerEventHandler {
   std::atomic<int> events{0};
 };
 
-/// Records one stream: its elements, its failure, its completion, with their virtual times.
-struct Record {
-  int elements = 0;
-  std::vector<Resource> resources;
-  std::exception_ptr error;
-  std::optional<rx::TimePoint> at;  // of the last notification
-  bool completed = false;
-  rx::Disposable subscription;
-
-  bool terminated() const { return completed || error; }
-};
-
+/// Records one stream with the virtual times of its notifications.
 template <class T>
-std::shared_ptr<Record> record(const rx::Observable<T>& stream, rx::SchedulerPtr scheduler) {
-  auto record = std::make_shared<Record>();
-  record->subscription = stream.subscribe(
-      [record, scheduler](const T& element) {
-        ++record->elements;
-        if constexpr (std::is_same_v<T, Resource>) record->resources.push_back(element);
-        record->at = scheduler->now();
-      },
-      [record, scheduler](std::exception_ptr e) {
-        record->error = e;
-        record->at = scheduler->now();
-      },
-      [record] { record->completed = true; });
-  return record;
+std::shared_ptr<StreamRecorder<T>> record(const rx::Observable<T>& stream,
+                                          rx::SchedulerPtr scheduler) {
+  return std::make_shared<StreamRecorder<T>>(stream, std::move(scheduler));
 }
 
 class SocketClientTest : public ::testing::Test {
@@ -112,8 +91,8 @@ class SocketClientTest : public ::testing::Test {
   void authenticate() {
     acknowledgeAuthentication();
     auto connecting = record(client_->connect(kToken), scheduler_);
-    EXPECT_EQ(1, connecting->elements);
-    ASSERT_TRUE(connecting->completed);
+    EXPECT_EQ(1u, connecting->values().size());
+    ASSERT_TRUE(connecting->completed());
     EXPECT_EQ((std::vector{SocketState::newSocket(), SocketState::connected(),
                            SocketState::authenticated()}),
               states_);
@@ -121,7 +100,7 @@ class SocketClientTest : public ::testing::Test {
     EXPECT_EQ(0u, scheduler_->pendingCount()) << "both time-outs were cancelled";
   }
 
-  std::shared_ptr<Record> send(const AnyRequest& request) {
+  std::shared_ptr<StreamRecorder<Resource>> send(const AnyRequest& request) {
     return record(client_->send(request), scheduler_);
   }
 

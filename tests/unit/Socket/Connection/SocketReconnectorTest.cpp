@@ -45,7 +45,6 @@ class SocketReconnectorTest : public ::testing::Test {
 };
 
 TEST_F(SocketReconnectorTest, TriesEveryPeriodWithOverlappingAttemptsWhileTheNetworkIsDown) {
-  testing::LogCapture log;
   reconnector_->launchReconnection("tok");
   reconnector_->launchReconnection("ignored while reconnecting");
   EXPECT_TRUE(reconnector_->isReconnecting());
@@ -56,7 +55,6 @@ TEST_F(SocketReconnectorTest, TriesEveryPeriodWithOverlappingAttemptsWhileTheNet
   // Each attempt waits 20 s, yet a new one starts every 3 s: at 21 s the first is still waiting.
   scheduler_->advanceBy(18s);
   EXPECT_EQ(7u, socket_->connectCount());
-  EXPECT_EQ(7u, log.count("]: Trying to connect socket"));
   // Failed attempts are swallowed and the pulse goes on.
   scheduler_->advanceBy(60s);
   EXPECT_EQ(27u, socket_->connectCount());

@@ -37,13 +37,16 @@ TEST_F(KelSocketEventHandlerTest, CloseCodesMapToDisconnectReasons) {
     SocketCloseCode code;
     Reason reason;
   };
-  for (auto [code, reason] : {Case{SocketCloseCode::goingBackground, Reason::background},
-                              Case{SocketCloseCode::normalClosure, Reason::expectedClose},
-                              Case{SocketCloseCode::otherExpectedClosure, Reason::expectedClose},
-                              Case{SocketCloseCode::abnormalClosure, Reason::lostConnection},
-                              Case{SocketCloseCode::goingAway, Reason::lostConnection},
-                              Case{SocketCloseCode::invalid, Reason::lostConnection},
-                              Case{platform::socketCloseCodeFrom(4321), Reason::lostConnection}}) {
+  for (auto [code, reason] :
+       {Case{SocketCloseCode::goingBackground, Reason::background},
+        Case{SocketCloseCode::normalClosure, Reason::expectedClose},
+        Case{SocketCloseCode::otherExpectedClosure, Reason::expectedClose},
+        Case{SocketCloseCode::abnormalClosure, Reason::lostConnection},
+        Case{SocketCloseCode::goingAway, Reason::lostConnection},
+        Case{SocketCloseCode::invalid, Reason::lostConnection},
+        Case{SocketCloseCode::messageTooBig, Reason::lostConnection},
+        Case{SocketCloseCode::invalidFramePayloadData, Reason::lostConnection},
+        Case{platform::socketCloseCodeFrom(4321), Reason::lostConnection}}) {
     socket_->connect();
     socket_->close(code);
     EXPECT_EQ(SocketState::disconnected(reason), states_.back()) << platform::name(code);
@@ -78,12 +81,8 @@ TEST_F(KelSocketEventHandlerTest, PingsArePongedAndOnlyResponsesAndEventsArePubl
   handler_->stateEventPublisher().subscribe([&](const SocketState& s) { late.push_back(s); });
   EXPECT_EQ(std::vector{SocketState::authenticated()}, late) << "the current state first";
 
-  EXPECT_EQ(2u, log.count("]: Ping received"));
-  EXPECT_TRUE(log.contains("]: Event received "));
   EXPECT_TRUE(log.contains("]: Unknown message received: 3not json"));
   EXPECT_TRUE(log.contains("]: KelSocket: Error broken pipe"));
-  EXPECT_TRUE(log.contains("]: Message received Optional(\"\x01\x02\")"));
-  EXPECT_TRUE(log.contains("SDKLog - KEL - [KelSocketEventHandler]:["));
   EXPECT_FALSE(log.contains("MARK"));
 }
 

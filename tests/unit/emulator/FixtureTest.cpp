@@ -1,0 +1,135 @@
+// Start-up data: what a valid fixture sets up, and that an invalid one is refused with the
+// offending member named and nothing changed.
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "DomainHarness.h"
+#include "emulator/Emulator.h"
+
+namespace kel::emulator::test {
+namespace {
+
+const json kFixture = json::parse(R"({
+  "users": [
+    {"id": "dave", "token": "dave-token", "signInToken": "dave-sign-in",
+     "user": {"alias": "Dave D", "email": "dave@example.org"},
+     "capabilities": {"domain": ["chat"], "user": []}},
+    {"id": "erin"}
+  ],
+  "contacts": {"dave": [{"id": "c1", "name": "Erin", "favorite": true, "associatedUserId": "erin"}]},
+  "presences": {"erin": {"online": true, "activity": "available", "note": "hi"}},
+  "directories": [{"id": "staff", "name": "Staff", "type": "static",
+                   "contacts": [{"id": "s1", "name": "Sam", "favorite": false}]}],
+  "groups": [{"groupId": "sales", "name": "Sales", "owner": "dave", "participants": ["erin", "alice"],
+              "ringingStrategy": {"type": "simultaneous-reduced", "properties": {"steps": 2}}}]
+})");
+
+TEST(EmulatorFixture, SetsUpAccountsSessionsAndEveryDomain) {
+  DomainHarness harness;
+  const auto sessions = loadFixture(kFixture, harness.store(), harness.signIn(), harness.domains());
+  ASSERT_EQ(1u, sessions.size());
+  EXPECT_EQ("dave", sessions[0].userId);
+  EXPECT_TRUE(harness.store().validSession("dave-token"));
+
+  const auto dave = harness.signIn().account("dave");
+  ASSERT_TRUE(dave);
+  EXPECT_EQ("dave-sign-in", dave->signInToken);
+  EXPECT_TRUE(includes(dave->user, {{"id", "dave"}, {"alias", "Dave D"}, {"username", "dave"}}));
+  EXPECT_EQ((json{{"domain", {"chat"}}, {"user", json::array()}}), dave->capabilities);
+  EXPECT_TRUE(harness.signIn().account("erin"));
+
+  auto& domains = harness.domains();
+  EXPECT_TRUE(includes(domains.addressBooks.booksFor("dave", {"contacts"}),
+                       {{{"contacts", {{{"id", "c1"}, {"associatedUserId", "erin"}}}}}}));
+  EXPECT_TRUE(includes(domains.addressBooks.booksFor("alice", {"static"}),
+                       {{{"id", "staff"}, {"contacts", {{{"id", "s1"}}}}}}));
+  EXPECT_TRUE(includes(*domains.presences.presence("erin"),
+                       {{"online", true}, {"note", "hi"}, {"displayName", "erin"}}));
+  EXPECT_TRUE(includes(*domains.groups.group("sales"),
+                       {{"chatId", "chat-sales"},
+                        {"participants", {"erin", "alice"}},
+                        {"owner", {{"id", "dave"}, {"alias", "Dave D"}}},
+                        {"ringingStrategy", kFixture["groups"][0]["ringingStrategy"]}}));
+}
+
+TEST(EmulatorFixture, InvalidFixturesNameTheMemberAndChangeNothing) {
+  const std::vector<std::pair<const char*, const char*>> cases{
+      {R"([])", "a fixture is a JSON object"},
+      {R"({"people": []})", R"("people" is not known)"},
+      {R"({"users": [{"name": "x"}]})", R"("users[0].name" is not known)"},
+      {R"({"users": [{"id": "x"}, {"id": "x"}]})", R"("users[1].id" is not unique)"},
+      {R"({"users": [{"id": "x", "token": "t"}, {"id": "y", "token": "t"}]})",
+       R"("users[1].token")"},
+      {R"({"contacts": {"zed": []}})", R"("contacts.zed": no user "zed")"},
+      {R"({"contacts": {"alice": [{"id": "c1", "name": "A"}]}})",
+       R"("contacts.alice[0].favorite" is missing)"},
+      {R"({"presences": {"alice": {"online": "yes"}}})",
+       R"("presences.alice.online" must be true or false)"},
+      {R"({"directories": [{"id": "d", "name": "D", "type": "contacts"}]})",
+       R"("directories[0].type" must be a directory's type)"},
+      {R"({"directories": [{"id": "d", "name": "D", "type": "static", "contacts": [{"id": "c"}]}]})",
+       R"("directories[0].contacts[0].name" is missing)"},
+      {R"({"groups": [{"groupId": "g", "name": "G", "owner": "zed"}]})",
+       R"("groups[0].owner": no user "zed")"},
+      {R"({"groups": [{"groupId": "g", "name": "G", "owner": "alice", "participants": ["bob", "bob"]}]})",
+       "names bob twice"},
+      {R"({"groups": [{"groupId": "g", "name": "G", "owner": "alice",
+                       "ringingStrategy": {"type": "sequential", "properties": {"steps": 1}}}]})",
+       R"("groups[0].ringingStrategy.properties.delay" is missing)"},
+      // Valid users followed by an invalid part: the users are not added either.
+      {R"({"users": [{"id": "new", "token": "nt"}],
+           "groups": [{"groupId": "g", "name": "G", "owner": "new", "participants": ["zed"]}]})",
+       R"("groups[0].participants": no user "zed")"},
+  };
+  for (const auto& [text, message] : cases) {
+    SCOPED_TRACE(text);
+    DomainHarness harness;
+    const auto before = harness.state();
+    try {
+      loadFixture(json::parse(text), harness.store(), harness.signIn(), harness.domains());
+      ADD_FAILURE() << "accepted";
+    } catch (const std::invalid_argument& e) {
+      EXPECT_NE(std::string::npos, std::string(e.what()).find(message)) << e.what();
+    }
+    EXPECT_EQ(before, harness.state());
+    EXPECT_EQ(3u, harness.store().users().size());
+    EXPECT_TRUE(harness.store().sessions().empty());
+  }
+}
+
+TEST(EmulatorFixture, FilesThatAreNoFixturesAreRefusedWithTheReason) {
+  const auto path = ::testing::TempDir() + "kel-emulator-fixture.json";
+  std::ofstream(path) << R"({"users": [{"id": "x"},]})";
+  try {
+    readFixtureFile(path);
+    ADD_FAILURE() << "accepted";
+  } catch (const std::invalid_argument& e) {
+    EXPECT_NE(std::string::npos, std::string(e.what()).find(path + " is not JSON: "));
+    EXPECT_NE(std::string::npos, std::string(e.what()).find("line 1")) << e.what();
+  }
+  std::ofstream(path) << kFixture.dump();
+  EXPECT_EQ(kFixture, readFixtureFile(path));
+  EXPECT_THROW(readFixtureFile(path + ".missing"), std::invalid_argument);
+}
+
+TEST(EmulatorFixture, EveryEmulatorServesTheDomains) {
+  Emulator emulator;
+  emulator.addUser("alice");
+  emulator.loadFixture(kFixture);
+  std::optional<Reply> answer;
+  ResourceRequest request;
+  request.method = "HEAD";
+  request.path = "/usersGroup/sales/participants/erin";
+  request.userId = "alice";
+  emulator.resources().dispatch(request, Responder::capturing(1, [&](Reply r) { answer = r; }));
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(200, answer->status);
+}
+
+}  // namespace
+}  // namespace kel::emulator::test
