@@ -86,7 +86,7 @@ class Demo {
     step("presence seen by the other user", [&] { sharePresence(); });
     step("a group of both users", [&] { shareGroup(); });
     step("a contact in the address book", [&] { addContact(); });
-    step("the second user signs out", [&] { signOutOtherUser(); });
+    step("the second user goes away", [&] { signOutOtherUser(); });
     step("session renewal", [&] { waitForRenewal(); });
     step("dropped connection", [&] { dropConnection(); });
     step("restore from the keychain", [&] { suspendAndRestore(); });
@@ -289,9 +289,9 @@ class Demo {
   void sharePresence() {
     const auto address = std::string(kKelUserPrefix) + std::string(kUser);
     const auto subscribed = await("subscribe", other_->presencesService()->subscribe(address));
-    say(std::string(kOtherUser) + " subscribed to " + address + ": " +
-        (subscribed.presence.online.value_or(false) ? "online" : "offline") + ", " +
-        subscribed.presence.activity.value_or("-"));
+    say(std::string(kOtherUser) + " subscribed to " + address + " (" +
+        (subscribed.presence.online.value_or(false) ? "online" : "offline") + ", activity \"" +
+        subscribed.presence.activity.value_or("") + "\")");
     PresenceUpdateRequest change;
     change.address = address;
     change.online = true;
@@ -319,12 +319,13 @@ class Demo {
     for (const auto user : {kUser, kOtherUser}) {
       await("add " + std::string(user), groups->add(std::string(user), created.groupId));
     }
+    say("added " + std::string(kUser) + " and " + std::string(kOtherUser) + " as participants");
     const std::vector<std::string> order = {std::string(kOtherUser), std::string(kUser)};
     await("reorderParticipants", groups->reorderParticipants(created.groupId, order));
     const RingingStrategyDTO strategy = SequentialRingingStrategyDTO{10, 2};
     await("changeRingingStrategy", groups->changeRingingStrategy(created.groupId, strategy));
-    say("participants " + order[0] + ", " + order[1] +
-        " in this order; they ring one after the other (delay 10, 2 steps)");
+    say("reordered: " + order[0] + " rings first, then " + order[1] +
+        ", one after the other (sequential, delay 10, 2 steps)");
     const auto current = await("group", groups->group(created.groupId, false));
     if (current.participants != order || current.ringingStrategy != strategy) {
       fail("the server's group differs: " + nlohmann::json(current).dump());
