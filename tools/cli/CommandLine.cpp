@@ -24,7 +24,7 @@ std::vector<std::string> Arguments::values(std::string_view flag) const {
   return found == flags.end() ? std::vector<std::string>{} : found->second;
 }
 
-std::string CommandSpec::name() const {
+std::string Command::name() const {
   std::string text;
   for (const auto word : words) text += (text.empty() ? "" : " ") + std::string(word);
   return text;
@@ -97,8 +97,8 @@ std::optional<bool> takesValue(std::string_view name) {
 }
 
 /// The command whose words begin `words` (the longest such), or null.
-const CommandSpec* findCommand(const std::vector<std::string_view>& words) {
-  const CommandSpec* found = nullptr;
+const Command* findCommand(const std::vector<std::string_view>& words) {
+  const Command* found = nullptr;
   for (const auto* group : commandGroups()) {
     for (const auto& command : group->commands) {
       if (command.words.size() > words.size() ||
@@ -194,13 +194,13 @@ CommandLine parse(std::span<const std::string_view> arguments) {
   }
   line.arguments.operands.assign(operands.begin(), operands.end());
   for (auto& [flag, value] : commandFlags) {
-    const auto spec = std::find_if(command->flags.begin(), command->flags.end(),
-                                   [&](const Flag& known) { return known.name == flag; });
-    if (spec == command->flags.end()) {
+    const auto declared = std::find_if(command->flags.begin(), command->flags.end(),
+                                       [&](const Flag& each) { return each.name == flag; });
+    if (declared == command->flags.end()) {
       throw UsageError{flag + " is not an option of " + line.name};
     }
     auto& values = line.arguments.flags[flag];
-    if (!values.empty() && !spec->repeatable) throw UsageError{flag + " given twice"};
+    if (!values.empty() && !declared->repeatable) throw UsageError{flag + " given twice"};
     values.push_back(std::move(value));
   }
 
@@ -227,7 +227,7 @@ CommandLine parse(std::span<const std::string_view> arguments) {
 
 /// "groups add ID USER [--x X]..." as help shows a command, broken into lines of at most
 /// `width` characters between its parts (the continuation lines indented further).
-std::string synopsis(const CommandSpec& command, std::size_t width) {
+std::string synopsis(const Command& command, std::size_t width) {
   std::vector<std::string> parts = {"  " + command.name()};
   if (!command.operands.empty()) parts.front() += " " + std::string(command.operands);
   for (const auto& flag : command.flags) {

@@ -2,7 +2,7 @@
 
 // The kel program's command line, kept apart from main() so that the rules live in one place.
 //
-// Every command is one row of a table (CommandSpec): its words, its operands, its options, a
+// Every command is one row of a table (Command): its words, its operands, its options, a
 // check of what the options' syntax cannot say, and the function that runs it. Each domain keeps
 // its rows in its own file (SessionCommands in Commands.cpp, ContactsCommands.cpp, ...); the
 // parser and `kel help` read them all through commandGroups().
@@ -55,7 +55,7 @@ struct Arguments {
 
 inline constexpr std::size_t kAnyNumber = std::numeric_limits<std::size_t>::max();
 
-struct CommandSpec {
+struct Command {
   std::vector<std::string_view> words{};
   /// The operands as help shows them ("ID USER...").
   std::string_view operands{};
@@ -79,7 +79,7 @@ struct CommandSpec {
 
 struct CommandGroup {
   std::string_view title;
-  std::vector<CommandSpec> commands;
+  std::vector<Command> commands;
 };
 
 /// Every command, in the order help lists them.
@@ -95,7 +95,7 @@ const CommandGroup& eventCommands();
 
 struct CommandLine {
   /// Which command; never null after parsing.
-  const CommandSpec* command = nullptr;
+  const Command* command = nullptr;
   /// Its name ("help" when --help was given).
   std::string name;
   Arguments arguments;

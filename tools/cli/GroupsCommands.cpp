@@ -189,9 +189,9 @@ nlohmann::json ringing(Runner& runner, const Arguments& arguments) {
                 "group " + id + " rings " + strategyText(strategy), std::move(result));
 }
 
-CommandSpec groupCommand(std::vector<std::string_view> words, std::string_view operands,
-                         std::size_t count, std::string_view summary,
-                         nlohmann::json (*run)(Runner&, const Arguments&)) {
+Command groupCommand(std::vector<std::string_view> words, std::string_view operands,
+                     std::size_t count, std::string_view summary,
+                     nlohmann::json (*run)(Runner&, const Arguments&)) {
   return {.words = std::move(words),
           .operands = operands,
           .minOperands = count,
