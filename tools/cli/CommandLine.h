@@ -4,7 +4,7 @@
 //
 // Every command is one row of a table (Command): its words, its operands, its options, a
 // check of what the options' syntax cannot say, and the function that runs it. Each domain keeps
-// its rows in its own file (SessionCommands in Commands.cpp, ContactsCommands.cpp, ...); the
+// its rows in its own file (sessionCommands() in Commands.cpp, ContactsCommands.cpp, ...); the
 // parser and `kel help` read them all through commandGroups().
 
 #include <chrono>
