@@ -208,7 +208,9 @@ const CommandGroup& groupsCommands() {
       {
           {.words = {"groups", "list"},
            .flags = {{"--participating", ""}, {"--owned", ""}},
-           .summary = "the groups you take part in and those you own (neither flag: both)",
+           .summary =
+               "the groups you take part in, or (--owned) the others you can see, such as those\n"
+               "you own; neither flag: both",
            .check = checkList,
            .run = list},
           groupCommand({"groups", "get"}, "ID", 1, "one group", get),
