@@ -1,7 +1,7 @@
 #include "cli/CommandLine.h"
 
+#include <algorithm>
 #include <charconv>
-#include <vector>
 
 #include <boost/url/parse.hpp>
 
@@ -9,59 +9,132 @@
 
 namespace kel::cli {
 
-namespace {
-
-struct Failure {
-  std::string text;
-};
-
-std::optional<Command> commandFrom(const std::vector<std::string_view>& words) {
-  if (words.empty()) return Command::help;
-  const auto first = words.front();
-  if (words.size() == 1) {
-    if (first == "help") return Command::help;
-    if (first == "demo") return Command::demo;
-    if (first == "login") return Command::login;
-    if (first == "whoami") return Command::whoami;
-    if (first == "renew") return Command::renew;
-    if (first == "logout") return Command::logout;
-  }
-  if (words.size() == 2 && first == "push") {
-    if (words[1] == "register") return Command::pushRegister;
-    if (words[1] == "unregister") return Command::pushUnregister;
-  }
-  return std::nullopt;
+bool Arguments::has(std::string_view flag) const {
+  return flags.find(flag) != flags.end();
 }
 
-std::string joined(const std::vector<std::string_view>& words) {
+std::optional<std::string> Arguments::value(std::string_view flag) const {
+  const auto found = flags.find(flag);
+  if (found == flags.end() || found->second.empty()) return std::nullopt;
+  return found->second.back();
+}
+
+std::vector<std::string> Arguments::values(std::string_view flag) const {
+  const auto found = flags.find(flag);
+  return found == flags.end() ? std::vector<std::string>{} : found->second;
+}
+
+std::string Command::name() const {
   std::string text;
-  for (const auto word : words) {
-    if (!text.empty()) text += ' ';
-    text += word;
-  }
+  for (const auto word : words) text += (text.empty() ? "" : " ") + std::string(word);
   return text;
 }
 
-void requireURL(const std::string& value, std::string_view flag,
+const std::vector<const CommandGroup*>& commandGroups() {
+  static const std::vector<const CommandGroup*> groups = {
+      &sessionCommands(),  &contactsCommands(), &addressBooksCommands(),
+      &presenceCommands(), &groupsCommands(),   &eventCommands()};
+  return groups;
+}
+
+long long parseNumber(std::string_view what, std::string_view text, long long min, long long max) {
+  long long number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || end != text.data() + text.size() || number < min || number > max) {
+    throw UsageError{std::string(what) + ": expected a whole number from " + std::to_string(min) +
+                     " to " + std::to_string(max) + ", got \"" + std::string(text) + "\""};
+  }
+  return number;
+}
+
+namespace {
+
+// The options of every command, and help's text for them.
+struct GlobalFlag {
+  std::string_view name;
+  std::string_view value;
+};
+constexpr GlobalFlag kGlobalFlags[] = {
+    {"--kel-url", "URL"}, {"--socket-url", "URL"},  {"--app-version", "V"},
+    {"--team-id", "ID"},  {"--timeout", "SECONDS"}, {"--json", ""},
+    {"--verbose", ""},    {"--real-keychain", ""},  {"--help", ""},
+};
+
+std::string joined(const std::vector<std::string_view>& words) {
+  std::string text;
+  for (const auto word : words) text += (text.empty() ? "" : " ") + std::string(word);
+  return text;
+}
+
+void requireURL(const std::string& value, std::string_view flag, const std::string& command,
                 std::initializer_list<std::string_view> schemes) {
-  if (value.empty()) throw Failure{std::string(flag) + " is required for this command"};
+  if (value.empty()) throw UsageError{std::string(flag) + " is required for " + command};
   const auto parsed = boost::urls::parse_absolute_uri(value);
-  if (!parsed) throw Failure{std::string(flag) + ": not an absolute URL: " + redactSecrets(value)};
+  if (!parsed) {
+    throw UsageError{std::string(flag) + ": not an absolute URL: " + redactSecrets(value)};
+  }
   for (const auto scheme : schemes) {
     if (parsed->scheme() == scheme) return;
   }
   std::string names;
   for (const auto scheme : schemes) names += (names.empty() ? "" : " or ") + std::string(scheme);
-  throw Failure{std::string(flag) + ": expected a " + names + " URL: " + redactSecrets(value)};
+  throw UsageError{std::string(flag) + ": expected a " + names + " URL: " + redactSecrets(value)};
 }
 
-void requireValue(const std::string& value, std::string_view flag) {
-  if (value.empty()) throw Failure{std::string(flag) + " is required for this command"};
+/// Whether option `name` takes a value; nothing for an option no command has.
+std::optional<bool> takesValue(std::string_view name) {
+  for (const auto& flag : kGlobalFlags) {
+    if (flag.name == name) return !flag.value.empty();
+  }
+  for (const auto* group : commandGroups()) {
+    for (const auto& command : group->commands) {
+      for (const auto& flag : command.flags) {
+        if (flag.name == name) return !flag.value.empty();
+      }
+    }
+  }
+  return std::nullopt;
+}
+
+/// The command whose words begin `words` (the longest such), or null.
+const Command* findCommand(const std::vector<std::string_view>& words) {
+  const Command* found = nullptr;
+  for (const auto* group : commandGroups()) {
+    for (const auto& command : group->commands) {
+      if (command.words.size() > words.size() ||
+          (found && found->words.size() >= command.words.size())) {
+        continue;
+      }
+      if (std::equal(command.words.begin(), command.words.end(), words.begin())) found = &command;
+    }
+  }
+  return found;
+}
+
+void setGlobal(CommandLine& line, std::string_view flag, const std::string& value) {
+  if (flag == "--kel-url") {
+    line.kelURL = value;
+  } else if (flag == "--socket-url") {
+    line.socketURL = value;
+  } else if (flag == "--app-version") {
+    line.appVersion = value;
+  } else if (flag == "--team-id") {
+    line.teamId = value;
+  } else if (flag == "--timeout") {
+    line.timeout = std::chrono::seconds(parseNumber("--timeout", value, 1, 3600));
+  } else if (flag == "--json") {
+    line.json = true;
+  } else if (flag == "--verbose") {
+    line.verbose = true;
+  } else if (flag == "--real-keychain") {
+    line.realKeychain = true;
+  }
 }
 
 CommandLine parse(std::span<const std::string_view> arguments) {
   CommandLine line;
   std::vector<std::string_view> words;
+  std::vector<std::pair<std::string, std::string>> commandFlags;
   bool help = false;
   for (std::size_t i = 0; i < arguments.size(); ++i) {
     const auto argument = arguments[i];
@@ -75,88 +148,106 @@ CommandLine parse(std::span<const std::string_view> arguments) {
       flag = argument.substr(0, equals);
       inlineValue = argument.substr(equals + 1);
     }
-    auto value = [&]() -> std::string {
-      if (inlineValue) return std::string(*inlineValue);
-      if (i + 1 >= arguments.size()) throw Failure{std::string(flag) + " needs a value"};
-      return std::string(arguments[++i]);
-    };
-    auto noValue = [&] {
-      if (inlineValue) throw Failure{std::string(flag) + " takes no value"};
-    };
-    if (flag == "--help") {
-      noValue();
-      help = true;
-    } else if (flag == "--json") {
-      noValue();
-      line.json = true;
-    } else if (flag == "--verbose") {
-      noValue();
-      line.verbose = true;
-    } else if (flag == "--real-keychain") {
-      noValue();
-      line.realKeychain = true;
-    } else if (flag == "--production") {
-      noValue();
-      line.production = true;
-    } else if (flag == "--kel-url") {
-      line.kelURL = value();
-    } else if (flag == "--socket-url") {
-      line.socketURL = value();
-    } else if (flag == "--app-version") {
-      line.appVersion = value();
-    } else if (flag == "--team-id") {
-      line.teamId = value();
-    } else if (flag == "--token") {
-      line.token = value();
-    } else if (flag == "--device-id") {
-      line.deviceId = value();
-    } else if (flag == "--push-token") {
-      line.pushToken = value();
-    } else if (flag == "--timeout") {
-      const auto text = value();
-      int seconds = 0;
-      const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
-      if (error != std::errc() || end != text.data() + text.size() || seconds < 1 ||
-          seconds > 3600) {
-        throw Failure{"--timeout: expected whole seconds from 1 to 3600, got \"" + text + "\""};
+    const auto hasValue = takesValue(flag);
+    if (!hasValue) throw UsageError{"unknown option " + std::string(flag)};
+    std::string value;
+    if (*hasValue) {
+      if (inlineValue) {
+        value = *inlineValue;
+      } else if (i + 1 < arguments.size()) {
+        value = arguments[++i];
+      } else {
+        throw UsageError{std::string(flag) + " needs a value"};
       }
-      line.timeout = std::chrono::seconds(seconds);
+    } else if (inlineValue) {
+      throw UsageError{std::string(flag) + " takes no value"};
+    }
+    const bool global = std::any_of(std::begin(kGlobalFlags), std::end(kGlobalFlags),
+                                    [&](const GlobalFlag& known) { return known.name == flag; });
+    if (flag == "--help") {
+      help = true;
+    } else if (global) {
+      setGlobal(line, flag, value);
     } else {
-      throw Failure{"unknown option " + std::string(flag)};
+      commandFlags.emplace_back(flag, std::move(value));
     }
   }
 
-  const auto command = commandFrom(words);
-  if (!command) throw Failure{"unknown command \"" + joined(words) + "\""};
-  line.command = help ? Command::help : *command;
-
-  switch (line.command) {
-    case Command::help:
-    case Command::demo:
-      return line;
-    default:
-      break;
+  if (help || words.empty()) {
+    line.command = findCommand({"help"});
+    line.name = "help";
+    return line;
   }
-  requireURL(line.kelURL, "--kel-url", {"http", "https"});
-  requireURL(line.socketURL, "--socket-url", {"ws", "wss"});
-  requireValue(line.appVersion, "--app-version");
-  requireValue(line.teamId, "--team-id");
-  switch (line.command) {
-    case Command::login:
-      requireValue(line.token, "--token");
-      break;
-    case Command::pushRegister:
-      requireValue(line.deviceId, "--device-id");
-      requireValue(line.pushToken, "--push-token");
-      break;
-    case Command::pushUnregister:
-    case Command::logout:
-      requireValue(line.deviceId, "--device-id");
-      break;
-    default:
-      break;
+  const auto* command = findCommand(words);
+  if (!command) throw UsageError{"unknown command \"" + joined(words) + "\""};
+  line.command = command;
+  line.name = command->name();
+  const std::span<const std::string_view> operands(words.begin() + command->words.size(),
+                                                   words.end());
+  if (command->maxOperands == 0 && !operands.empty()) {
+    throw UsageError{"unknown command \"" + joined(words) + "\""};
+  }
+  if (operands.size() < command->minOperands || operands.size() > command->maxOperands) {
+    throw UsageError{line.name + " takes " + std::string(command->operands) + " (got " +
+                     std::to_string(operands.size()) + " operand" +
+                     (operands.size() == 1 ? "" : "s") + ")"};
+  }
+  line.arguments.operands.assign(operands.begin(), operands.end());
+  for (auto& [flag, value] : commandFlags) {
+    const auto declared = std::find_if(command->flags.begin(), command->flags.end(),
+                                       [&](const Flag& each) { return each.name == flag; });
+    if (declared == command->flags.end()) {
+      throw UsageError{flag + " is not an option of " + line.name};
+    }
+    auto& values = line.arguments.flags[flag];
+    if (!values.empty() && !declared->repeatable) throw UsageError{flag + " given twice"};
+    values.push_back(std::move(value));
+  }
+
+  if (!command->needsServer) return line;
+  requireURL(line.kelURL, "--kel-url", line.name, {"http", "https"});
+  requireURL(line.socketURL, "--socket-url", line.name, {"ws", "wss"});
+  if (line.appVersion.empty()) throw UsageError{"--app-version must not be empty"};
+  if (line.teamId.empty()) throw UsageError{"--team-id must not be empty"};
+  for (const auto& flag : command->flags) {
+    if (flag.required && line.arguments.value(flag.name).value_or("").empty()) {
+      throw UsageError{std::string(flag.name) + " is required for " + line.name};
+    }
+  }
+  if (command->check) {
+    try {
+      command->check(line.arguments);
+    } catch (UsageError& error) {
+      error.text = line.name + ": " + error.text;
+      throw;
+    }
   }
   return line;
+}
+
+/// "groups add ID USER [--x X]..." as help shows a command, broken into lines of at most
+/// `width` characters between its parts (the continuation lines indented further).
+std::string synopsis(const Command& command, std::size_t width) {
+  std::vector<std::string> parts = {"  " + command.name()};
+  if (!command.operands.empty()) parts.front() += " " + std::string(command.operands);
+  for (const auto& flag : command.flags) {
+    std::string form(flag.name);
+    if (!flag.value.empty()) form += " " + std::string(flag.value);
+    if (!flag.required) form = "[" + form + "]";
+    if (flag.repeatable) form += "...";
+    parts.push_back(std::move(form));
+  }
+  std::string text = parts.front();
+  std::size_t lineStart = 0;
+  for (std::size_t i = 1; i < parts.size(); ++i) {
+    if (text.size() - lineStart + 1 + parts[i].size() > width) {
+      text += "\n";
+      lineStart = text.size();
+      text += "       ";
+    }
+    text += " " + parts[i];
+  }
+  return text;
 }
 
 }  // namespace
@@ -164,47 +255,51 @@ CommandLine parse(std::span<const std::string_view> arguments) {
 CommandLineResult parseCommandLine(std::span<const std::string_view> arguments) {
   try {
     return {parse(arguments), {}};
-  } catch (const Failure& failure) {
+  } catch (const UsageError& failure) {
     return {std::nullopt, failure.text};
   }
 }
 
 std::string usage(std::string_view program) {
-  const std::string name(program);
-  return "Usage: " + name +
-         " [options] COMMAND\n"
-         "\n"
-         "Commands:\n"
-         "  demo                  run a whole session against an emulator started in-process\n"
-         "  login --token T       sign in with the sign-in token T and store the session\n"
-         "  whoami                restore the stored session and print its user\n"
-         "  renew                 restore the stored session and renew it once\n"
-         "  push register         register --push-token for --device-id\n"
-         "  push unregister       remove the push registration of --device-id\n"
-         "  logout                remove --device-id's push token, end the session, forget it\n"
-         "  help                  this text\n"
-         "\n"
-         "Options:\n"
-         "  --kel-url URL         the server's HTTP base URL (http or https); every command\n"
-         "                        but demo\n"
-         "  --socket-url URL      the server's WebSocket URL (ws or wss); every command but demo\n"
-         "  --app-version V       the version sent at sign-in (default 1.0.0)\n"
-         "  --team-id ID          the team whose keychain group holds the session (default\n"
-         "                        KELCLI)\n"
-         "  --token T             the sign-in token (login)\n"
-         "  --device-id ID        the device (push, logout)\n"
-         "  --push-token T        the push token (push register)\n"
-         "  --production          register for the production push environment\n"
-         "  --timeout SECONDS     bound on each wait (default 30)\n"
-         "  --json                print one JSON object per command on stdout\n"
-         "  --verbose             print the library's log lines on stderr\n"
-         "  --real-keychain       demo: keep the session in the Secret Service instead of in\n"
-         "                        memory (it forgets any session that login stored)\n"
-         "  --help                this text\n"
-         "\n"
-         "Sessions are kept in the Secret Service keychain, the restore flag in\n"
-         "$XDG_CONFIG_HOME/ServerClient/defaults-<team id>.json, both per team. Exit status:\n"
-         "0 on success, 1 when the command failed, 2 for a bad command line.\n";
+  constexpr std::size_t kWidth = 96;
+  std::string text =
+      "Usage: " + std::string(program) + " [options] COMMAND [OPERANDS] [command options]\n";
+  for (const auto* group : commandGroups()) {
+    text += "\n" + std::string(group->title) + ":\n";
+    for (const auto& command : group->commands) {
+      text += synopsis(command, kWidth) + "\n";
+      std::string_view summary = command.summary;
+      while (!summary.empty()) {
+        const auto cut = std::min(summary.find('\n'), summary.size());
+        text += "      " + std::string(summary.substr(0, cut)) + "\n";
+        summary.remove_prefix(std::min(cut + 1, summary.size()));
+      }
+    }
+  }
+  text +=
+      "\n"
+      "Options of every command:\n"
+      "  --kel-url URL         the server's HTTP base URL (http or https); every command\n"
+      "                        but demo and help\n"
+      "  --socket-url URL      the server's WebSocket URL (ws or wss); likewise\n"
+      "  --app-version V       the version sent at sign-in (default 1.0.0)\n"
+      "  --team-id ID          the team whose keychain group holds the session (default\n"
+      "                        KELCLI)\n"
+      "  --timeout SECONDS     bound on each wait (default 30)\n"
+      "  --json                print one JSON object per command on stdout\n"
+      "  --verbose             print the library's log lines on stderr\n"
+      "  --real-keychain       demo: keep the session in the Secret Service instead of in\n"
+      "                        memory (it forgets any session that login stored)\n"
+      "  --help                this text\n"
+      "\n"
+      "Commands other than login, demo and help restore the session that login stored. With\n"
+      "--json they print the library's records as JSON. Addresses of presence are\n"
+      "\"kel-user:<user id>\", \"<user id>\" or \"<username>@<domain>\".\n"
+      "\n"
+      "Sessions are kept in the Secret Service keychain, the restore flag in\n"
+      "$XDG_CONFIG_HOME/ServerClient/defaults-<team id>.json, both per team. Exit status:\n"
+      "0 on success, 1 when the command failed, 2 for a bad command line.\n";
+  return text;
 }
 
 }  // namespace kel::cli

@@ -1,5 +1,6 @@
 // `kel demo`: one whole session against an emulator in this process, narrated step by step.
 
+#include <algorithm>
 #include <chrono>
 #include <iostream>
 #include <memory>
@@ -10,10 +11,17 @@
 #include <boost/url/parse.hpp>
 #include <nlohmann/json.hpp>
 
+#include "ServerClient/AddressBooks/Event/AddressBooksEventHandler.h"
+#include "ServerClient/AddressBooks/Service/AddressBooksService.h"
 #include "ServerClient/Auth/Service/AuthService.h"
 #include "ServerClient/Client/KelServer.h"
 #include "ServerClient/Common/SDKError.h"
+#include "ServerClient/Contact/Service/UserContactsService.h"
+#include "ServerClient/Group/Event/GroupEventHandler.h"
+#include "ServerClient/Group/Service/GroupService.h"
 #include "ServerClient/Log/ServerLog.h"
+#include "ServerClient/Presence/Event/PresencesEventHandler.h"
+#include "ServerClient/Presence/Service/PresencesService.h"
 #include "ServerClient/Push/PushService.h"
 #include "ServerClient/User/UserService.h"
 #include "ServerClient/platform/InMemoryKeychain.h"
@@ -34,6 +42,10 @@ using emulator::Recipients;
 
 constexpr std::string_view kUser = "alice";
 constexpr std::string_view kSignInToken = "alice-sign-in-token";
+// The second user, who sees what the first one changes.
+constexpr std::string_view kOtherUser = "bob";
+constexpr std::string_view kOtherSignInToken = "bob-sign-in-token";
+constexpr std::string_view kGroupId = "demo-team";
 constexpr std::string_view kDeviceId = "demo-device";
 constexpr std::string_view kPushToken = "demo-push-token";
 // Shorter than the library's 3 s so that the demo does not sit idle; the facade takes it as an
@@ -58,6 +70,7 @@ class Demo {
 
   ~Demo() {
     subscriptions_.reset();
+    other_.reset();
     server_.reset();
     loop_.runFor(50ms);
     emulator_.reset();
@@ -69,6 +82,11 @@ class Demo {
     step("sign in", [&] { signIn(); });
     step("request over the socket", [&] { fetchUser(); });
     step("register a push token", [&] { registerPush(); });
+    step("a second user", [&] { signInOtherUser(); });
+    step("presence seen by the other user", [&] { sharePresence(); });
+    step("a group of both users", [&] { shareGroup(); });
+    step("a contact in the address book", [&] { addContact(); });
+    step("the second user goes away", [&] { signOutOtherUser(); });
     step("session renewal", [&] { waitForRenewal(); });
     step("dropped connection", [&] { dropConnection(); });
     step("restore from the keychain", [&] { suspendAndRestore(); });
@@ -96,6 +114,10 @@ class Demo {
     }
     if (!outcome.value) fail(what + ": no answer within " + secondsText(timeout));
     return std::move(*outcome.value);
+  }
+
+  void await(const std::string& what, const rx::Completable& completable) {
+    await(what, completable.andThen(rx::Single<rx::Unit>::just(rx::Unit{})));
   }
 
   void waitFor(const std::string& what, const std::function<bool()>& condition,
@@ -130,21 +152,28 @@ class Demo {
       options.log = [](std::string_view text) { std::cerr << "emulator: " << text << std::endl; };
     }
     emulator_ = std::make_unique<Emulator>(std::move(options));
-    emulator_->addAccount(emulator::defaultAccount(std::string(kUser), std::string(kSignInToken)));
+    for (const auto& [user, token] :
+         {std::pair{kUser, kSignInToken}, std::pair{kOtherUser, kOtherSignInToken}}) {
+      auto account = emulator::defaultAccount(std::string(user), std::string(token));
+      // Without it the library refuses the presence service.
+      account.capabilities["domain"] = nlohmann::json::array({"presence"});
+      emulator_->addAccount(std::move(account));
+    }
     urls_ = emulator_->start();
     say("emulator listening on " + urls_.kelURL + ", socket " + urls_.socketURL);
-    say("one user, \"" + std::string(kUser) + "\", who signs in with the token \"" +
-        std::string(kSignInToken) + "\"");
+    say("two users, \"" + std::string(kUser) + "\" and \"" + std::string(kOtherUser) +
+        "\", who sign in with the tokens \"" + std::string(kSignInToken) + "\" and \"" +
+        std::string(kOtherSignInToken) + "\"");
   }
 
-  void createServer() {
+  /// A facade of the demo's own: in-memory keychain and defaults unless --real-keychain.
+  std::shared_ptr<KelServer> makeServer(const std::string& team,
+                                        const std::string& deviceIdentifier, bool realKeychain) {
     KelServerOptions options;
-    if (line_.realKeychain) {
+    if (realKeychain) {
       options.keychain = platform::SecretServiceKeychain::shared();
-      say("keychain: the Secret Service (--real-keychain)");
     } else {
       options.keychain = std::make_shared<platform::InMemoryKeychain>();
-      say("keychain: in memory, private to this run");
     }
     // The restore flag would otherwise go to the user's defaults file.
     options.userDefaults = std::make_shared<platform::InMemoryUserDefaults>();
@@ -155,16 +184,22 @@ class Demo {
     device->name = system->systemName();
     device->version = system->systemVersion();
     device->model = system->modelName();
-    device->identifier = "0DE70DE7-0000-4000-8000-000000000001";
+    device->identifier = deviceIdentifier;
     options.deviceInfo = std::move(device);
     options.reconnectionAttempt = kDemoReconnectionAttempt;
+    return KelServer::create(
+        boost::urls::url(boost::urls::parse_absolute_uri(urls_.kelURL).value()),
+        boost::urls::url(boost::urls::parse_absolute_uri(urls_.socketURL).value()), "1.0.0", team,
+        std::move(options));
+  }
+
+  void createServer() {
+    say(line_.realKeychain ? "keychain: the Secret Service (--real-keychain)"
+                           : "keychain: in memory, private to this run");
     say("reconnection attempts every " + std::to_string(kDemoReconnectionAttempt.count()) +
         " s for this demo (the library's default is " +
         std::to_string(kReconnectionAttempt.count()) + " s)");
-    server_ = KelServer::create(
-        boost::urls::url(boost::urls::parse_absolute_uri(urls_.kelURL).value()),
-        boost::urls::url(boost::urls::parse_absolute_uri(urls_.socketURL).value()), "1.0.0",
-        "KELDEMO", std::move(options));
+    server_ = makeServer("KELDEMO", "0DE70DE7-0000-4000-8000-000000000001", line_.realKeychain);
     const auto main = rx::MainScheduler::instance();
     server_->states()
         .observeOn(main)
@@ -221,6 +256,120 @@ class Demo {
       fail("the emulator holds no push registration for " + std::string(kDeviceId));
     }
     say("push token registered for device " + std::string(kDeviceId));
+  }
+
+  /// Collects what `stream` delivers into `into`; a stream that fails fails the step that waits.
+  template <class T>
+  void collect(const rx::Observable<T>& stream, std::vector<T>& into, const std::string& what) {
+    stream
+        .subscribe([&into](const T& value) { into.push_back(value); },
+                   [this, what](std::exception_ptr error) {
+                     streamFailure_ = what + " failed: " + describeError(error);
+                   })
+        .disposed(*subscriptions_);
+  }
+
+  void waitForEvent(const std::string& what, const std::function<bool()>& seen) {
+    waitFor(what, [&] { return seen() || streamFailure_; });
+    if (streamFailure_) fail(*streamFailure_);
+  }
+
+  void signInOtherUser() {
+    other_ = makeServer("KELDEMO.B", "0DE70DE7-0000-4000-8000-000000000002", false);
+    const auto data = await("connect", other_->connect(std::string(kOtherSignInToken)));
+    say("signed in as " + data.user.userId + " with a facade of its own (in-memory keychain)");
+    collect(other_->presenceEventHandler()->presenceUpdated(), otherPresences_, "presence events");
+    collect(other_->groupEventHandler()->newGroup(), otherNewGroups_, "new-group events");
+    collect(other_->groupEventHandler()->groupUpdated(), otherGroupUpdates_, "group events");
+    collect(server_->addressBooksEventHandler()->newContact(), newContacts_, "contact events");
+    say(std::string(kOtherUser) + " listens to presence and group events, " + std::string(kUser) +
+        " to contact events");
+  }
+
+  void sharePresence() {
+    const auto address = std::string(kKelUserPrefix) + std::string(kUser);
+    const auto subscribed = await("subscribe", other_->presencesService()->subscribe(address));
+    say(std::string(kOtherUser) + " subscribed to " + address + " (" +
+        (subscribed.presence.online.value_or(false) ? "online" : "offline") + ", activity \"" +
+        subscribed.presence.activity.value_or("") + "\")");
+    PresenceUpdateRequest change;
+    change.address = address;
+    change.online = true;
+    change.activity = "busy";
+    change.note = "showing the demo";
+    change.avatar = "";  // keeps the picture
+    await("update", server_->presencesService()->update(change));
+    say(std::string(kUser) + " is now online, busy, \"showing the demo\"");
+    waitForEvent("presence event at " + std::string(kOtherUser), [&] {
+      return std::any_of(otherPresences_.begin(), otherPresences_.end(), [&](const PresenceDTO& p) {
+        return p.address == address && p.activity == "busy";
+      });
+    });
+    say(std::string(kOtherUser) +
+        " received PUT /presence: " + otherPresences_.back().address.value_or("") + " " +
+        otherPresences_.back().activity.value_or("") + ", note \"" +
+        otherPresences_.back().note.value_or("") + "\"");
+  }
+
+  void shareGroup() {
+    auto groups = server_->groupService();
+    const auto created = await(
+        "createGroup", groups->createGroup("Demo team", std::string(kGroupId)).take(1).asSingle());
+    say(std::string(kUser) + " created the group " + created.groupId + " \"" + created.name + "\"");
+    for (const auto user : {kUser, kOtherUser}) {
+      await("add " + std::string(user), groups->add(std::string(user), created.groupId));
+    }
+    say("added " + std::string(kUser) + " and " + std::string(kOtherUser) + " as participants");
+    const std::vector<std::string> order = {std::string(kOtherUser), std::string(kUser)};
+    await("reorderParticipants", groups->reorderParticipants(created.groupId, order));
+    const RingingStrategyDTO strategy = SequentialRingingStrategyDTO{10, 2};
+    await("changeRingingStrategy", groups->changeRingingStrategy(created.groupId, strategy));
+    say("reordered: " + order[0] + " rings first, then " + order[1] +
+        ", one after the other (sequential, delay 10, 2 steps)");
+    const auto current = await("group", groups->group(created.groupId, false));
+    if (current.participants != order || current.ringingStrategy != strategy) {
+      fail("the server's group differs: " + nlohmann::json(current).dump());
+    }
+    waitForEvent("group events at " + std::string(kOtherUser), [&] {
+      return !otherNewGroups_.empty() && !otherGroupUpdates_.empty() &&
+             otherGroupUpdates_.back().participants == order &&
+             otherGroupUpdates_.back().ringingStrategy == strategy;
+    });
+    say(std::string(kOtherUser) + " received POST /usersGroup (added to " +
+        otherNewGroups_.front().groupId + ") and " + std::to_string(otherGroupUpdates_.size()) +
+        " PUT /usersGroup, the last with the new order and strategy");
+  }
+
+  void addContact() {
+    Contact contact;
+    contact.id = "demo-contact";
+    contact.name = "Bob from the demo";
+    contact.phones = std::vector<Contact::Phone>{{"work", "+15550100", true}};
+    contact.associatedUserId = std::string(kOtherUser);
+    await("add contact", server_->userContacts()->add(contact));
+    say(std::string(kUser) + " added the contact \"" + contact.name + "\"");
+    waitForEvent("contact event", [&] {
+      return std::any_of(
+          newContacts_.begin(), newContacts_.end(),
+          [&](const AddressBookSocketDTO& e) { return e.contact && e.contact->id == contact.id; });
+    });
+    say(std::string(kUser) + " received POST /addressbooks for the book " +
+        newContacts_.back().id.value_or("-"));
+    const auto books =
+        await("addressBooks", server_->addressBooks()->addressBooks({"contacts"}, false));
+    const bool listed = std::any_of(books.begin(), books.end(), [&](const AddressBookDTO& book) {
+      return book.type == AddressBookType::contacts && book.contacts &&
+             std::any_of(book.contacts->begin(), book.contacts->end(),
+                         [&](const Contact& entry) { return entry.id == contact.id; });
+    });
+    if (!listed) fail("the contact is not in the \"contacts\" address book");
+    say("the \"contacts\" address book lists it");
+  }
+
+  void signOutOtherUser() {
+    other_->clearSessionInfo();
+    other_.reset();
+    say(std::string(kOtherUser) + "'s facade forgot its session and closed its socket");
   }
 
   bool renewalSeen() const {
@@ -299,6 +448,12 @@ class Demo {
   std::unique_ptr<Emulator> emulator_;
   emulator::Urls urls_;
   std::shared_ptr<KelServer> server_;
+  std::shared_ptr<KelServer> other_;
+  std::vector<PresenceDTO> otherPresences_;
+  std::vector<GroupDTO> otherNewGroups_;
+  std::vector<GroupDTO> otherGroupUpdates_;
+  std::vector<AddressBookSocketDTO> newContacts_;
+  std::optional<std::string> streamFailure_;
   std::unique_ptr<rx::DisposeBag> subscriptions_ = std::make_unique<rx::DisposeBag>();
   std::vector<State> states_;
   int needsNewSession_ = 0;

@@ -4,13 +4,18 @@
 #include <cstdio>
 #include <ctime>
 #include <mutex>
+#include <type_traits>
 
 #include <spdlog/details/log_msg.h>
 #include <spdlog/sinks/base_sink.h>
 
+#include "ServerClient/AddressBooks/Model/AddressBookDTO.h"
+#include "ServerClient/Common/Decoding.h"
 #include "ServerClient/Common/SDKError.h"
 #include "ServerClient/Common/SafeText.h"
+#include "ServerClient/Group/Model/GroupDTO.h"
 #include "ServerClient/Log/ServerLog.h"
+#include "ServerClient/Presence/Model/PresenceDTO.h"
 
 namespace kel::cli {
 
@@ -113,6 +118,108 @@ nlohmann::json sessionJson(const AuthenticationData& data) {
   json["capabilities"] =
       data.capabilities ? nlohmann::json(data.capabilities->active()) : nlohmann::json::array();
   return json;
+}
+
+nlohmann::json redactedJson(nlohmann::json value) {
+  if (value.is_object()) {
+    for (auto& [key, member] : value.items()) {
+      member = isSecretName(key) ? nlohmann::json(kRedacted) : redactedJson(std::move(member));
+    }
+  } else if (value.is_array()) {
+    for (auto& element : value) element = redactedJson(std::move(element));
+  }
+  return value;
+}
+
+std::string contactText(const Contact& contact) {
+  std::string text = contact.id + " \"" + contact.name + "\"";
+  if (contact.favorite) text += " (favorite)";
+  auto entries = [&](std::string_view title, const auto& list) {
+    if (!list) return;
+    text += std::string(", ") + std::string(title) + ":";
+    for (std::size_t i = 0; i < list->size(); ++i) {
+      const auto& entry = (*list)[i];
+      text += (i == 0 ? " " : "; ") + entry.type;
+      if constexpr (std::is_same_v<std::decay_t<decltype(entry.value)>, std::string>) {
+        text += " " + entry.value;
+      } else if (entry.value) {
+        text += " " + *entry.value;
+      }
+      if (entry.primary) text += " (primary)";
+    }
+  };
+  entries("phones", contact.phones);
+  entries("emails", contact.emails);
+  if (contact.associatedUserId) text += ", user " + *contact.associatedUserId;
+  return text;
+}
+
+namespace {
+
+// The library's names of the event domains.
+constexpr std::pair<std::string_view, DomainEvent> kDomainNames[] = {
+    {"addressBooks", DomainEvent::addressBooks},
+    {"conferences", DomainEvent::conferences},
+    {"presence", DomainEvent::presence},
+    {"group", DomainEvent::group},
+    {"participantInGroup", DomainEvent::participantInGroup},
+    {"alerts", DomainEvent::alerts},
+    {"missedCalls", DomainEvent::missedCalls},
+    {"meetings", DomainEvent::meetings},
+    {"xmppIndividualChatList", DomainEvent::xmppIndividualChatList},
+    {"unkwown", DomainEvent::unkwown},
+};
+
+/// {"groupId": ...} of a deletion: the body must be an object holding that text.
+nlohmann::json groupIdOf(const KelEvent& event) {
+  const auto body = from<nlohmann::json>(event.data);
+  const auto id = body.is_object() ? body.find("groupId") : body.end();
+  if (!body.is_object() || id == body.end() || !id->is_string()) {
+    throw GenericError(GenericErrorType::decoding(event.data), "no \"groupId\" text");
+  }
+  return {{"groupId", *id}};
+}
+
+/// The event's body as its domain's record; the body itself (secrets removed) for a domain that
+/// has none. Throws the decoding error of a body that does not decode.
+nlohmann::json recordOf(const KelEvent& event) {
+  switch (event.domainEvent) {
+    case DomainEvent::addressBooks:
+      return from<AddressBookSocketDTO>(event.data);
+    case DomainEvent::presence:
+      return from<PresenceDTO>(event.data);
+    case DomainEvent::group:
+      if (event.method == "POST" || event.method == "PUT") return from<GroupDTO>(event.data);
+      if (event.method == "DELETE") return groupIdOf(event);
+      break;
+    case DomainEvent::participantInGroup:
+      if (event.method == "DELETE") return groupIdOf(event);
+      break;
+    default:
+      break;
+  }
+  return redactedJson(from<nlohmann::json>(event.data));
+}
+
+}  // namespace
+
+std::string_view domainName(DomainEvent domain) {
+  for (const auto& [name, each] : kDomainNames) {
+    if (each == domain) return name;
+  }
+  return "unkwown";
+}
+
+nlohmann::json eventJson(const KelEvent& event) {
+  nlohmann::json line = {{"domain", domainName(event.domainEvent)},
+                         {"method", event.method},
+                         {"param", event.param ? nlohmann::json(*event.param) : nlohmann::json()}};
+  try {
+    line["record"] = recordOf(event);
+  } catch (const std::exception&) {
+    line["error"] = errorJson(std::current_exception());
+  }
+  return line;
 }
 
 }  // namespace kel::cli

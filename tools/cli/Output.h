@@ -11,6 +11,8 @@
 #include <nlohmann/json.hpp>
 
 #include "ServerClient/Auth/Model/AuthenticationData.h"
+#include "ServerClient/Contact/Model/Contact.h"
+#include "ServerClient/Socket/Events/KelEvent.h"
 
 namespace kel::cli {
 
@@ -40,5 +42,19 @@ nlohmann::json errorJson(const std::exception_ptr& error);
 nlohmann::json userJson(const User& user);
 /// The user, its session and what it may do.
 nlohmann::json sessionJson(const AuthenticationData& data);
+
+/// `value` with the value of every member whose name is a secret's (isSecretName) replaced, at
+/// any depth: for JSON that the server sent and no record describes.
+nlohmann::json redactedJson(nlohmann::json value);
+
+/// The library's name of the domain ("addressBooks", "participantInGroup", "unkwown").
+std::string_view domainName(DomainEvent domain);
+/// An event as `kel watch` prints it: {"domain", "method", "param", "record"}, the record decoded
+/// as the domain's event handler decodes it (a group deletion as {"groupId"}), or the body itself
+/// for domains without a record; "error" instead of "record" for a body that does not decode.
+nlohmann::json eventJson(const KelEvent& event);
+
+/// One line for people: `c1 "Ann" (favorite), phones: work +1 (primary); emails: ...; user u1`.
+std::string contactText(const Contact& contact);
 
 }  // namespace kel::cli

@@ -19,13 +19,10 @@ int main(int argc, char** argv) {
   }
   const auto& line = *parsed.commandLine;
   if (line.verbose) kel::cli::installVerboseLog();
-  switch (line.command) {
-    case kel::cli::Command::help:
-      std::cout << kel::cli::usage("kel");
-      return 0;
-    case kel::cli::Command::demo:
-      return kel::cli::runDemo(line);
-    default:
-      return kel::cli::runCommand(line);
+  if (line.name == "help") {
+    std::cout << kel::cli::usage("kel");
+    return 0;
   }
+  if (line.name == "demo") return kel::cli::runDemo(line);
+  return kel::cli::runCommand(line);
 }

@@ -7,11 +7,11 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -41,21 +41,44 @@ struct KelRun {
   }
 };
 
-/// Runs kel with `arguments` and XDG_CONFIG_HOME set to `configHome`, capturing stdout and
+/// A kel started in the background; finish() waits for it.
+struct StartedKel {
+  FILE* pipe = nullptr;
+  std::string errors;
+};
+
+/// Starts kel with `arguments` and XDG_CONFIG_HOME set to `configHome`, capturing stdout and
 /// stderr. A kel still running after 60 s is killed and fails the test.
-KelRun runKel(const std::vector<std::string>& arguments, const fs::path& configHome) {
-  const std::string errors = configHome.string() + ".err";
+StartedKel startKel(const std::vector<std::string>& arguments, const fs::path& configHome) {
+  static int started = 0;
+  StartedKel kel{nullptr, configHome.string() + "." + std::to_string(++started) + ".err"};
   std::string command = "XDG_CONFIG_HOME=" + test::shellQuoted(configHome) +
                         " timeout -s KILL 60 " + test::shellQuoted(KEL_CLI_PATH);
   for (const auto& argument : arguments) command += " " + test::shellQuoted(argument);
+  command += " 2>" + test::shellQuoted(kel.errors);
+  kel.pipe = ::popen(command.c_str(), "r");
+  if (kel.pipe == nullptr) ADD_FAILURE() << "cannot start kel";
+  return kel;
+}
+
+KelRun finishKel(const StartedKel& kel) {
   KelRun run;
-  std::tie(run.exitCode, run.out) = test::runShell(command + " 2>" + test::shellQuoted(errors));
+  if (kel.pipe == nullptr) return run;
+  char buffer[4096];
+  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, kel.pipe)) > 0;)
+    run.out.append(buffer, n);
+  const int status = ::pclose(kel.pipe);
+  run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   std::ostringstream err;
-  err << std::ifstream(errors, std::ios::binary).rdbuf();
+  err << std::ifstream(kel.errors, std::ios::binary).rdbuf();
   run.err = err.str();
-  fs::remove(errors);
+  fs::remove(kel.errors);
   EXPECT_NE(128 + SIGKILL, run.exitCode) << "kel still running after 60 s:\n" << run.out << run.err;
   return run;
+}
+
+KelRun runKel(const std::vector<std::string>& arguments, const fs::path& configHome) {
+  return finishKel(startKel(arguments, configHome));
 }
 
 class KelCliTest : public ::testing::Test {
@@ -72,12 +95,20 @@ class KelCliTest : public ::testing::Test {
   /// A command against the server at `urls`, in a keychain group of this test's own (tests run
   /// in parallel against one keychain daemon). Options in `arguments` win over these defaults.
   KelRun kel(const emulator::Urls& urls, std::vector<std::string> arguments, bool json = true) {
-    const std::string team = std::string("KELCLITEST.") +
-                             ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    return finishKel(startKel(withDefaults(urls, std::move(arguments), json), configHome_));
+  }
+
+  std::vector<std::string> withDefaults(const emulator::Urls& urls,
+                                        std::vector<std::string> arguments, bool json = true) {
     arguments.insert(arguments.begin(), {"--kel-url", urls.kelURL, "--socket-url", urls.socketURL,
-                                         "--team-id", team, "--timeout", "10"});
+                                         "--team-id", team(), "--timeout", "10"});
     if (json) arguments.push_back("--json");
-    return runKel(arguments, configHome_);
+    return arguments;
+  }
+
+  static std::string team() {
+    return std::string("KELCLITEST.") +
+           ::testing::UnitTest::GetInstance()->current_test_info()->name();
   }
 
   fs::path configHome_;
@@ -234,6 +265,109 @@ TEST_F(KelCliTest, RenewTellsWhetherTheServerAcceptedTheRenewal) {
     EXPECT_NE(std::string::npos, run.err.find(message)) << run.err;
     expectClean(run, kind);
   }
+}
+
+TEST_F(KelCliTest, DomainCommandsChangeTheServerAndWatchPrintsAnotherProcesssEvents) {
+  emulator::Emulator emulator;
+  emulator.loadFixture(nlohmann::json::parse(R"({
+    "users": [
+      {"id": "alice", "signInToken": "alice-sign-in",
+       "capabilities": {"domain": ["presence"], "user": []}},
+      {"id": "bob", "signInToken": "bob-sign-in",
+       "capabilities": {"domain": ["presence"], "user": []}}],
+    "directories": [{"id": "staff", "name": "Staff", "type": "static",
+                     "contacts": [{"id": "s1", "name": "Desk", "favorite": false}]}]})"));
+  const auto urls = emulator.start();
+  // Each user's session in a keychain group of its own.
+  const auto as = [&](const std::string& user, std::vector<std::string> arguments) {
+    arguments.insert(arguments.end(), {"--team-id", team() + "." + user});
+    return arguments;
+  };
+  const auto ok = [&](const std::string& user, std::vector<std::string> arguments) {
+    const auto run = kel(urls, as(user, arguments));
+    EXPECT_EQ(0, run.exitCode) << user << " " << arguments.front() << ":\n" << run.out << run.err;
+    EXPECT_EQ(true, run.json()["ok"]) << run.out;
+    return run.json();
+  };
+  ok("alice", {"login", "--token", "alice-sign-in"});
+  ok("bob", {"login", "--token", "bob-sign-in"});
+
+  // Contacts and address books.
+  auto result = ok("alice", {"contacts", "add", "--contact-id", "c1", "--name", "Bob", "--phone",
+                             "work:+1555:primary", "--email", "home", "--associated-user", "bob"});
+  EXPECT_EQ(nlohmann::json::parse(
+                R"({"id": "c1", "name": "Bob", "associatedUserId": "bob", "favorite": false,
+                    "phones": [{"type": "work", "value": "+1555", "primary": true}],
+                    "emails": [{"type": "home", "primary": false}]})"),
+            result["contact"]);
+  result = ok("alice", {"addressbooks"});
+  ASSERT_EQ(2u, result["addressBooks"].size()) << result;
+  EXPECT_EQ("c1", result["addressBooks"][0]["contacts"][0]["id"]) << result;
+  EXPECT_EQ("staff", result["addressBooks"][1]["id"]) << result;
+  ok("alice", {"contacts", "update", "--contact-id", "c1", "--name", "Bobby", "--associated-user",
+               "bob", "--favorite"});
+  result = ok("alice", {"addressbooks", "contact", "--user", "bob", "--type", "contacts"});
+  EXPECT_EQ("Bobby", result["contact"]["name"]) << result;
+  ok("alice", {"contacts", "delete", "--contact-id", "c1"});
+  EXPECT_TRUE(ok("alice", {"addressbooks", "contact", "--user", "bob"})["contact"].is_null());
+
+  // Presence.
+  result = ok("alice", {"presence", "update", "--online", "--activity", "busy", "--note", "lunch"});
+  EXPECT_EQ("kel-user:alice", result["presence"]["address"]) << result;
+  result = ok("bob", {"presence", "get", "alice"});
+  EXPECT_EQ("lunch", result["presence"]["note"]) << result;
+  result = ok("bob", {"presence", "subscribe", "alice", "kel-user:bob"});
+  EXPECT_EQ(2u, result["presences"].size()) << result;
+  EXPECT_EQ(false, result["fromCache"]) << result;
+
+  // Groups.
+  EXPECT_EQ("g1",
+            ok("alice", {"groups", "create", "Support", "--group-id", "g1"})["group"]["groupId"]);
+  ok("alice", {"groups", "add", "g1", "bob"});
+  ok("alice", {"groups", "ringing", "g1", "sequential", "--delay", "10", "--steps", "2"});
+  ok("alice", {"groups", "reorder", "g1", "bob"});
+  EXPECT_EQ(true, ok("alice", {"groups", "is-member", "g1", "bob"})["member"]);
+  result = ok("bob", {"groups", "list", "--participating"});
+  ASSERT_EQ(1u, result["groups"].size()) << result;
+  EXPECT_EQ("alice", result["groups"][0]["owner"]["id"]) << result;
+  result = ok("alice", {"groups", "get", "g1"});
+  EXPECT_EQ("sequential", result["group"]["ringingStrategy"]["ringingStrategy"]["type"]) << result;
+  ok("bob", {"groups", "leave", "g1"});
+  EXPECT_EQ(false, ok("alice", {"groups", "is-member", "g1", "bob"})["member"]);
+  // Refusals are the server's errors, exit status 1.
+  auto run = kel(urls, as("bob", {"groups", "delete", "g1"}));
+  EXPECT_EQ(1, run.exitCode) << run.out << run.err;
+  EXPECT_EQ("connection/forbidden", run.json()["error"]["kind"]) << run.out;
+
+  // bob watches; alice's commands cause his events.
+  const auto watch =
+      startKel(withDefaults(urls, as("bob", {"watch", "--domain", "groups", "--domain", "presence",
+                                             "--subscribe", "alice", "--count", "2"})),
+               configHome_);
+  ASSERT_TRUE(emulator.waitUntil(
+      [&] {
+        for (const auto id : emulator.presences().subscribers("alice")) {
+          if (const auto socket = emulator.socket(id); socket && socket->open) return true;
+        }
+        return false;
+      },
+      20s));
+  ok("alice", {"presence", "update", "--activity", "away"});
+  ok("alice", {"groups", "add", "g1", "bob"});
+  run = finishKel(watch);
+  EXPECT_EQ(0, run.exitCode) << run.out << run.err;
+  std::vector<nlohmann::json> lines;
+  std::istringstream out(run.out);
+  for (std::string line; std::getline(out, line);) lines.push_back(nlohmann::json::parse(line));
+  ASSERT_EQ(3u, lines.size()) << run.out;
+  EXPECT_EQ("presence", lines[0]["domain"]) << run.out;
+  EXPECT_EQ("PUT", lines[0]["method"]) << run.out;
+  EXPECT_EQ("away", lines[0]["record"]["activity"]) << run.out;
+  EXPECT_EQ("group", lines[1]["domain"]) << run.out;
+  EXPECT_EQ("POST", lines[1]["method"]) << run.out;
+  EXPECT_EQ("g1", lines[1]["record"]["groupId"]) << run.out;
+  EXPECT_EQ(2, lines[2]["events"]) << run.out;
+  EXPECT_EQ("count", lines[2]["endedBy"]) << run.out;
 }
 
 }  // namespace

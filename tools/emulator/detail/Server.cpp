@@ -697,8 +697,13 @@ void Server::authenticationFailed(SocketId id) {
 }
 
 void Server::responseQueued(SocketId id) {
-  std::lock_guard lock(mutex_);
-  if (auto it = sockets_.find(id); it != sockets_.end()) ++it->second.info.responsesSent;
+  // A waiter may be waiting for what the request's handler changed, which is done by now.
+  {
+    std::lock_guard lock(mutex_);
+    if (auto it = sockets_.find(id); it != sockets_.end()) ++it->second.info.responsesSent;
+    ++version_;
+  }
+  changed_.notify_all();
 }
 
 void Server::responseWithheld(SocketId id) {
