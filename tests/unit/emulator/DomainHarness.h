@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -42,8 +43,8 @@ inline bool includes(const json& actual, const json& expected) {
 }
 
 /// An event in short: "<to> <method> <path> <what>", where <to> is a user or "#" and a socket,
-/// and <what> a group's "id[participants]" (and its strategy when not simultaneous), a contact's
-/// "id:name", a presence's address, or else the body.
+/// and <what> a group's "id[participants]", a contact's "id:name", a presence's address, or else
+/// the body.
 inline std::string summary(const std::string& to, std::string_view method, std::string_view path,
                            const json& body) {
   std::string what = body.dump();
@@ -52,8 +53,6 @@ inline std::string summary(const std::string& to, std::string_view method, std::
     for (const auto& user : body["participants"]) what += user.get<std::string>() + " ";
     if (what.ends_with(' ')) what.pop_back();
     what += "]";
-    const auto type = body["ringingStrategy"]["type"].get<std::string>();
-    if (type != "simultaneous") what += " " + type;
   } else if (body.contains("contact")) {
     what =
         body["contact"]["id"].get<std::string>() + ":" + body["contact"]["name"].get<std::string>();
@@ -70,15 +69,14 @@ struct DomainHarness {
     for (const auto* id : {"alice", "bob", "carol"}) signIn.addAccount(defaultAccount(id));
   }
 
-  Reply call(const std::string& user, const std::string& method, const std::string& path,
-             json body = json::object()) {
+  /// Sends "user METHOD path" from the user's socket.
+  Reply call(const std::string& line, json body = json::object()) {
+    std::istringstream words(line);
     ResourceRequest request;
+    words >> request.userId >> request.method >> request.path;
     request.id = 1;
-    request.method = method;
-    request.path = path;
     request.body = std::move(body);
-    request.userId = user;
-    request.socket = user == "alice" ? 1 : user == "bob" ? 2 : 3;
+    request.socket = request.userId == "alice" ? 1 : request.userId == "bob" ? 2 : 3;
     Reply answer{0, json(), std::nullopt};
     router.dispatch(std::move(request), Responder::capturing(1, [&](Reply r) { answer = r; }));
     return answer;
