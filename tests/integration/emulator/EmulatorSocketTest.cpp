@@ -1,8 +1,9 @@
 // The socket protocol where only the emulator's own tests look: authentication and its time
-// limit, what the emulator keeps and logs, whom events reach, pings. The library's integration
-// tests cover the usual exchange.
+// limit, what the emulator keeps and logs, whom events reach, pings, and request faults. The
+// library's integration tests cover the usual exchange and the faults of the connection.
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <vector>
 
@@ -137,7 +138,7 @@ TEST_F(EmulatorTest, EventsReachTheSocketsOfTheChosenUserSessionOrSocket) {
   const auto alice1Id = lastSocket_;
   auto alice2 = connectAs(aliceSecondToken);
   auto bob = connectAs(bobToken_);
-  auto anonymous = connect();
+  auto anonymous = connect();  // not among the recipients of any of these
 
   EXPECT_EQ(2u, emulator().pushEvent(Recipients::user("alice"), "/presence", "PUT", {{"s", 1}}));
   EXPECT_EQ(1u, emulator().pushEvent(Recipients::session(aliceSecondToken), "/alerts", "POST", {}));
@@ -152,9 +153,6 @@ TEST_F(EmulatorTest, EventsReachTheSocketsOfTheChosenUserSessionOrSocket) {
         {bob.get(), {"/conferences"}}}) {
     for (const auto& path : paths) EXPECT_EQ(path, client->nextObject().at("path"));
   }
-  // An unauthenticated socket gets only what is sent to it by id.
-  emulator().sendText(Recipients::socket(lastSocket_), "direct");
-  EXPECT_EQ("direct", anonymous->next());
 }
 
 TEST_F(EmulatorTest, PingsGoOutAtTheConfiguredPeriodAndPongsAreCounted) {
@@ -164,6 +162,59 @@ TEST_F(EmulatorTest, PingsGoOutAtTheConfiguredPeriodAndPongsAreCounted) {
   client->socket().sendPong();
   EXPECT_TRUE(emulator().waitUntil(
       [&] { return emulator().socket(lastSocket_)->pongsReceived == 1; }, kWait));
+}
+
+// --- Faults ----------------------------------------------------------------------------
+
+TEST_F(EmulatorTest, DelayedAnswersLetLaterRequestsOvertakeThem) {
+  auto client = connectAs(aliceToken_);
+  emulator().faultNextRequests(1, Fault::delay(300ms));
+  const auto started = std::chrono::steady_clock::now();
+  const auto delayed = client->sendRequest("POST", "/echo", {{"n", 1}});
+  const auto prompt = client->sendRequest("POST", "/echo", {{"n", 2}});
+  EXPECT_EQ(prompt, client->nextObject().at("id"));
+  auto late = client->nextObject();
+  EXPECT_EQ(delayed, late.at("id"));
+  EXPECT_EQ((json{{"n", 1}}), late.at("body"));
+  EXPECT_GE(std::chrono::steady_clock::now() - started, 300ms);
+}
+
+TEST_F(EmulatorTest, FaultsAnswerInsteadOfTheHandlerForTheRequestsTheyMatch) {
+  std::atomic<int> calls = 0;
+  emulator().resources().route("GET", "/presence", [&](const ResourceRequest&) {
+    ++calls;
+    return Reply::ok({{"from", "handler"}});
+  });
+  auto target = connectAs(aliceToken_);
+  const auto targetId = lastSocket_;
+  auto bystander = connectAs(bobToken_);
+  // Counted faults are used up in the order they were armed.
+  emulator().faultNextRequests(1, Fault::status(503, {{"from", "fault"}}));
+  emulator().faultNextRequests(1, Fault::errorCode(42));
+  EXPECT_EQ((json{{"from", "fault"}}), target->request("GET", "/presence").at("body"));
+  const auto coded = target->request("GET", "/presence");
+  EXPECT_EQ(42, errorCode(coded)) << coded;
+  EXPECT_EQ((json{{"from", "handler"}}), target->request("GET", "/presence").at("body"));
+  EXPECT_EQ(1, calls);
+
+  // A standing fault takes only the requests of its socket, method and path.
+  emulator().faultAllRequests(Fault::status(500),
+                              {.socket = targetId, .method = "post", .pathPrefix = "/echo"});
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(500, target->request("POST", "/echo?x").at("status"));
+  EXPECT_EQ(200, target->request("GET", "/echo").at("status"));
+  EXPECT_EQ(404, target->request("POST", "/other").at("status"));
+  EXPECT_EQ(200, bystander->request("POST", "/echo").at("status"));
+  emulator().clearFaults();
+  EXPECT_EQ(200, target->request("POST", "/echo").at("status"));
+}
+
+TEST_F(EmulatorTest, AClosedListenerRefusesConnectionsForItsTimeOnly) {
+  auto survivor = connectAs(aliceToken_);
+  emulator().refuseConnections(200ms, RefusalMode::closeListener);
+  EXPECT_FALSE(canConnect());
+  ASSERT_TRUE(emulator().waitUntil([&] { return !emulator().isRefusingConnections(); }, kWait));
+  EXPECT_TRUE(canConnect());
+  EXPECT_EQ(200, survivor->request("GET", "/echo").at("status")) << "open sockets are unaffected";
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <ranges>
 #include <vector>
 
 #include "emulator/CommandLine.h"
@@ -9,15 +10,20 @@ namespace {
 
 using namespace std::chrono_literals;
 
-CommandLineResult parse(std::vector<std::string_view> arguments) {
+/// The arguments are the words of `line`.
+CommandLineResult parse(std::string_view line) {
+  std::vector<std::string_view> arguments;
+  for (const auto word : std::views::split(line, ' ')) {
+    if (!word.empty()) arguments.emplace_back(word.begin(), word.end());
+  }
   return parseCommandLine(arguments);
 }
 
 // The program's tests run it with --listen, the TLS files, users, a fixture and --auth-timeout.
 TEST(EmulatorCommandLine, FlagsFillTheOptions) {
-  auto result = parse({"--listen", "[::1]:8080", "--ping-period=0.25", "--user", "alice", "--token",
-                       "t1", "--user=bob", "--socket-path", "/ws", "--threads", "2",
-                       "--session-lifetime", "60", "--log-frames", "--record-frames", "50"});
+  auto result = parse(
+      "--listen [::1]:8080 --ping-period=0.25 --user alice --token t1 --user=bob --socket-path /ws "
+      "--threads 2 --session-lifetime 60 --log-frames --record-frames 50");
   ASSERT_TRUE(result.commandLine) << result.error;
   const auto& options = result.commandLine->options;
   const auto& users = result.commandLine->users;
@@ -33,34 +39,21 @@ TEST(EmulatorCommandLine, FlagsFillTheOptions) {
   EXPECT_EQ("t1", users[0].token);
   EXPECT_FALSE(users[1].token);
 
-  EXPECT_EQ(30s, parse({}).commandLine->options.pingPeriod) << "pings are on for a person";
-  const auto unrecorded = parse({"--no-record"}).commandLine->options;
+  EXPECT_EQ(30s, parse("").commandLine->options.pingPeriod) << "pings are on for a person";
+  const auto unrecorded = parse("--no-record").commandLine->options;
   EXPECT_FALSE(unrecorded.recordFrames);
   EXPECT_EQ(0u, unrecorded.signInAttemptLimit);
 }
 
 TEST(EmulatorCommandLine, MistakesAreRefusedWithAReason) {
-  for (auto arguments :
-       std::vector<std::vector<std::string_view>>{{"--listen", "127.0.0.1"},
-                                                  {"--listen", "::1:80"},
-                                                  {"--listen", "127.0.0.1:65536"},
-                                                  {"--listen"},
-                                                  {"--token", "t"},
-                                                  {"--user", "a", "--token", "t", "--token", "u"},
-                                                  {"--tls-cert", "c.pem"},
-                                                  {"--ping-period", "-1"},
-                                                  {"--ping-period", "soon"},
-                                                  {"--threads", "0"},
-                                                  {"--auth-timeout", "-1"},
-                                                  {"--record-frames", "many"},
-                                                  {"--no-record=yes"},
-                                                  {"--socket-path", "ws"},
-                                                  {"--help=yes"},
-                                                  {"--verbose"},
-                                                  {"--fixture"}}) {
-    auto result = parse(arguments);
-    EXPECT_FALSE(result.commandLine) << arguments.front();
-    EXPECT_FALSE(result.error.empty());
+  for (const auto* line :
+       {"--listen 127.0.0.1", "--listen ::1:80", "--listen 127.0.0.1:65536", "--listen",
+        "--token t", "--user a --token t --token u", "--tls-cert c.pem", "--ping-period -1",
+        "--ping-period soon", "--threads 0", "--auth-timeout -1", "--record-frames many",
+        "--no-record=yes", "--socket-path ws", "--help=yes", "--verbose", "--fixture"}) {
+    auto result = parse(line);
+    EXPECT_FALSE(result.commandLine) << line;
+    EXPECT_FALSE(result.error.empty()) << line;
   }
 }
 
