@@ -1,8 +1,9 @@
-// The socket protocol as a client meets it: upgrade, authentication, requests, routing, events,
-// pings, what the emulator keeps and logs. Frames the emulator sends are checked with the
-// library's own classification, so the emulator and the client agree on what each frame is.
+// The socket protocol where only the emulator's own tests look: authentication and its time
+// limit, what the emulator keeps and logs, whom events reach, pings, and request faults. The
+// library's integration tests cover the usual exchange and the faults of the connection.
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <vector>
 
@@ -13,20 +14,6 @@
 namespace kel::emulator::test {
 namespace {
 
-using nlohmann::json;
-
-TEST_F(EmulatorTest, UpgradeIsAcceptedOnAnyPathEchoingTheOfferedSubprotocolAndKeepingCookies) {
-  auto other =
-      connect({.protocols = {"chat", "superchat"}, .cookie = "session=abc; theme=\"dark\""},
-              "ws://127.0.0.1:" + std::to_string(urls_.port) + "/some/other?x=1");
-  auto info = emulator().socket(lastSocket_);
-  ASSERT_TRUE(info);
-  EXPECT_EQ("chat", info->subprotocol);
-  EXPECT_EQ("/some/other?x=1", info->path);
-  EXPECT_EQ((HeaderFields{{"session", "abc"}, {"theme", "dark"}}), info->cookies);
-  EXPECT_FALSE(info->authenticated);
-}
-
 TEST_F(EmulatorTest, SocketsThatDoNotAuthenticateInTimeAreClosedWith4408) {
   start({.authTimeout = 200ms});
   auto authenticated = connectAs(aliceToken_);
@@ -34,62 +21,38 @@ TEST_F(EmulatorTest, SocketsThatDoNotAuthenticateInTimeAreClosedWith4408) {
   auto silent = connect();
   silent->send("hello");  // anything but a valid AUTH leaves the clock running
   EXPECT_EQ(platform::socketCloseCodeFrom(kAuthTimeoutCloseCode), silent->end());
-  EXPECT_EQ(kAuthTimeoutCloseCode, waitClosed(lastSocket_)->closeCode);
   EXPECT_EQ(1u, emulator().counters().authTimeouts);
   // The authenticated socket's time ran out first, and it is still served.
   EXPECT_TRUE(emulator().socket(authenticatedId)->open);
   EXPECT_EQ(200, authenticated->request("GET", "/echo").at("status"));
 }
 
-TEST_F(EmulatorTest, RequestsBeforeAuthenticationAreAnswered401AndReachNoHandler) {
-  std::atomic<int> calls = 0;
-  emulator().resources().route("GET", "/counted", [&](const ResourceRequest&) {
-    ++calls;
-    return Reply::ok();
-  });
-  auto client = connect();
-  auto early = client->request("GET", "/counted");
-  EXPECT_EQ(401, early.at("status"));
-  EXPECT_EQ(401, errorCode(early));
-  EXPECT_EQ(0, calls);
-
-  client->send("AUTH " + aliceToken_);
-  EXPECT_EQ(200, client->request("GET", "/counted").at("status"));
-  EXPECT_EQ(1, calls);
-}
-
-TEST_F(EmulatorTest, FramesThatAreNotRequestsAreCountedAndIgnoredWithoutClosingTheSocket) {
-  auto client = connectAs(aliceToken_);
-  const std::vector<std::string> malformed = {"hello", "", "2not json",
-                                              R"(2{"id": "5", "path": "/echo", "method": "GET"})",
-                                              R"(3{"id": 5, "status": 200})"};
-  for (const auto& frame : malformed) client->send(frame);
-
-  // None of them was answered: the next frame is the answer to this request.
-  const auto id = client->sendRequest("GET", "/echo");
-  EXPECT_EQ(id, client->nextObject().at("id"));
-
+TEST_F(EmulatorTest, SocketsWithoutAValidSessionAreAnswered401AndWhatTheySendIsNotKept) {
+  auto refused = connect();
+  refused->send("AUTH wrong-token");
+  EXPECT_EQ(platform::socketCloseCodeFrom(kInvalidTokenCloseCode), refused->end());
+  // The first sub-protocol offered is the one answered; the upgrade's cookies are kept.
+  auto client = connect({.protocols = {"chat", "superchat"}, .cookie = "a=1; theme=\"dark\""});
   const auto info = emulator().socket(lastSocket_);
-  EXPECT_EQ(malformed.size(), info->malformedFrames);
-  EXPECT_TRUE(info->open);
-  EXPECT_EQ(FrameKind::malformed, emulator().receivedFrames(lastSocket_).at(1).kind);
+  EXPECT_EQ("chat", info->subprotocol);
+  EXPECT_EQ((HeaderFields{{"a", "1"}, {"theme", "dark"}}), info->cookies);
+
+  client->send("not a request");
+  const auto early = client->request("GET", "/echo");
+  EXPECT_EQ(401, errorCode(early)) << early;
+  EXPECT_TRUE(emulator().receivedFrames().empty());
+  client->send("AUTH " + aliceToken_);
+  EXPECT_EQ(200, client->request("GET", "/echo").at("status"));
+  emulator().expireSession(aliceToken_);
+  EXPECT_EQ(401, client->request("GET", "/echo").at("status"));
 }
 
-TEST_F(EmulatorTest, WhatClientsSendIsKeptWithinBoundsAndNothingOfAnonymousSockets) {
+TEST_F(EmulatorTest, WhatClientsSendIsKeptWithinBounds) {
   start({.frameLogLimit = 3,
          .frameLogBytes = 80,
          .recordedPayloadBytes = 40,
          .signInAttemptLimit = 2,
          .signInAttemptBytes = 1000});
-  auto anonymous = connect();
-  anonymous->send("AUTH wrong-token");
-  EXPECT_TRUE(anonymous->end());
-  auto other = connect();
-  other->send(std::string(1000, 'x'));
-  other->request("GET", "/echo");  // answered 401
-  EXPECT_EQ(2u, emulator().socket(lastSocket_)->framesReceived);
-  EXPECT_TRUE(emulator().receivedFrames().empty()) << "frames of sockets that never authenticated";
-
   auto client = connectAs(aliceToken_);
   for (const auto& text : {"one", "two", "three"}) client->send(text);
   client->send(std::string(60, 'L'));
@@ -99,6 +62,7 @@ TEST_F(EmulatorTest, WhatClientsSendIsKeptWithinBoundsAndNothingOfAnonymousSocke
   auto frames = emulator().receivedFrames();
   ASSERT_EQ(3u, frames.size());
   EXPECT_EQ("two", frames[0].data);
+  EXPECT_EQ(FrameKind::malformed, frames[1].kind);
   EXPECT_EQ(std::string(40, 'L'), frames[2].data);
   EXPECT_EQ(60u, frames[2].size);
   EXPECT_TRUE(frames[2].truncated());
@@ -111,11 +75,17 @@ TEST_F(EmulatorTest, WhatClientsSendIsKeptWithinBoundsAndNothingOfAnonymousSocke
   ASSERT_EQ(2u, frames.size());
   EXPECT_EQ(std::string(40, 'M'), frames[0].data);
   EXPECT_EQ("end", frames[1].data);
+  // None of those was a request: each was counted, none answered, and the socket stayed open.
+  const auto id = client->sendRequest("GET", "/echo");
+  EXPECT_EQ(id, client->nextObject().at("id"));
+  EXPECT_EQ(6u, emulator().socket(lastSocket_)->malformedFrames);
 
   // Sign-in attempts: the last two, a context too long to keep left out and marked.
   for (const auto& context :
        {json{{"n", 1}}, json{{"n", 2}}, json{{"pad", std::string(60, 'p')}}}) {
-    httpRequest(urls_.kelURL, "POST", "/login", json{{"token", "x"}, {"context", context}}.dump());
+    HttpRequest login;
+    login.body = json{{"token", "x"}, {"context", context}}.dump();
+    emulator().signIn().handleLogin(login);
   }
   const auto attempts = emulator().signIn().attempts();
   ASSERT_EQ(2u, attempts.size());
@@ -127,13 +97,12 @@ TEST_F(EmulatorTest, WhatClientsSendIsKeptWithinBoundsAndNothingOfAnonymousSocke
 TEST_F(EmulatorTest, LogLinesEscapeControlCharactersAndNeverHoldAWholeToken) {
   std::mutex mutex;
   std::vector<std::string> lines;
-  Options options;
-  options.logFrames = true;
-  options.log = [&](std::string_view line) {
-    std::lock_guard lock(mutex);
-    lines.emplace_back(line);
-  };
-  start(std::move(options));
+  start({.log =
+             [&](std::string_view line) {
+               std::lock_guard lock(mutex);
+               lines.emplace_back(line);
+             },
+         .logFrames = true});
   auto client = connectAs(aliceToken_);
   client->send("forged\n12:00:00 kel-emulator: socket 9 authenticated as root\x1b[2J\a\r\x7f");
   client->request("POST", "/echo", {{"token", aliceToken_}, {"note", "a\nb"}});
@@ -157,29 +126,21 @@ TEST_F(EmulatorTest, EventsReachTheSocketsOfTheChosenUserSessionOrSocket) {
   const auto alice1Id = lastSocket_;
   auto alice2 = connectAs(aliceSecondToken);
   auto bob = connectAs(bobToken_);
-  auto anonymous = connect();
+  auto anonymous = connect();  // not among the recipients of any of these
 
-  const json body = {{"status", "away"}};
-  EXPECT_EQ(2u, emulator().pushEvent(Recipients::user("alice"), "/presence/alice", "PUT", body));
-  for (auto* client : {alice1.get(), alice2.get()}) {
-    EXPECT_EQ((json{{"path", "/presence/alice"}, {"method", "PUT"}, {"body", body}}),
-              client->nextObject());
-  }
+  EXPECT_EQ(2u, emulator().pushEvent(Recipients::user("alice"), "/presence", "PUT", {{"s", 1}}));
   EXPECT_EQ(1u, emulator().pushEvent(Recipients::session(aliceSecondToken), "/alerts", "POST", {}));
   EXPECT_EQ(1u, emulator().pushEvent(Recipients::socket(alice1Id), "/meetings/1", "DELETE", {}));
   EXPECT_EQ(3u, emulator().pushEvent(Recipients::all(), "/conferences", "PUT", {}));
-
+  EXPECT_EQ((json{{"path", "/presence"}, {"method", "PUT"}, {"body", {{"s", 1}}}}),
+            alice1->nextObject());
   // Each socket's next frames are exactly the events meant for it, in order.
   for (const auto& [client, paths] :
        {std::pair{alice1.get(), std::vector<std::string>{"/meetings/1", "/conferences"}},
-        {alice2.get(), {"/alerts", "/conferences"}},
+        {alice2.get(), {"/presence", "/alerts", "/conferences"}},
         {bob.get(), {"/conferences"}}}) {
     for (const auto& path : paths) EXPECT_EQ(path, client->nextObject().at("path"));
   }
-
-  // An unauthenticated socket gets only what is sent to it by id.
-  emulator().sendText(Recipients::socket(lastSocket_), "direct");
-  EXPECT_EQ("direct", anonymous->next());
 }
 
 TEST_F(EmulatorTest, PingsGoOutAtTheConfiguredPeriodAndPongsAreCounted) {
@@ -189,7 +150,59 @@ TEST_F(EmulatorTest, PingsGoOutAtTheConfiguredPeriodAndPongsAreCounted) {
   client->socket().sendPong();
   EXPECT_TRUE(emulator().waitUntil(
       [&] { return emulator().socket(lastSocket_)->pongsReceived == 1; }, kWait));
-  EXPECT_GE(emulator().socket(lastSocket_)->pingsSent, 1u);
+}
+
+// --- Faults ----------------------------------------------------------------------------
+
+TEST_F(EmulatorTest, DelayedAnswersLetLaterRequestsOvertakeThem) {
+  auto client = connectAs(aliceToken_);
+  emulator().faultNextRequests(1, Fault::delay(300ms));
+  const auto started = std::chrono::steady_clock::now();
+  const auto delayed = client->sendRequest("POST", "/echo", {{"n", 1}});
+  const auto prompt = client->sendRequest("POST", "/echo", {{"n", 2}});
+  EXPECT_EQ(prompt, client->nextObject().at("id"));
+  auto late = client->nextObject();
+  EXPECT_EQ(delayed, late.at("id"));
+  EXPECT_EQ((json{{"n", 1}}), late.at("body"));
+  EXPECT_GE(std::chrono::steady_clock::now() - started, 300ms);
+}
+
+TEST_F(EmulatorTest, FaultsAnswerInsteadOfTheHandlerForTheRequestsTheyMatch) {
+  std::atomic<int> calls = 0;
+  emulator().resources().route("GET", "/presence", [&](const ResourceRequest&) {
+    ++calls;
+    return Reply::ok({{"from", "handler"}});
+  });
+  auto target = connectAs(aliceToken_);
+  const auto targetId = lastSocket_;
+  auto bystander = connectAs(bobToken_);
+  // Counted faults are used up in the order they were armed.
+  emulator().faultNextRequests(1, Fault::status(503, {{"from", "fault"}}));
+  emulator().faultNextRequests(1, Fault::errorCode(42));
+  EXPECT_EQ((json{{"from", "fault"}}), target->request("GET", "/presence").at("body"));
+  const auto coded = target->request("GET", "/presence");
+  EXPECT_EQ(42, errorCode(coded)) << coded;
+  EXPECT_EQ((json{{"from", "handler"}}), target->request("GET", "/presence").at("body"));
+  EXPECT_EQ(1, calls);
+
+  // A standing fault takes only the requests of its socket, method and path.
+  emulator().faultAllRequests(Fault::status(500),
+                              {.socket = targetId, .method = "post", .pathPrefix = "/echo"});
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(500, target->request("POST", "/echo?x").at("status"));
+  EXPECT_EQ(200, target->request("GET", "/echo").at("status"));
+  EXPECT_EQ(404, target->request("POST", "/other").at("status"));
+  EXPECT_EQ(200, bystander->request("POST", "/echo").at("status"));
+  emulator().clearFaults();
+  EXPECT_EQ(200, target->request("POST", "/echo").at("status"));
+}
+
+TEST_F(EmulatorTest, AClosedListenerRefusesConnectionsForItsTimeOnly) {
+  auto survivor = connectAs(aliceToken_);
+  emulator().refuseConnections(200ms, RefusalMode::closeListener);
+  EXPECT_FALSE(canConnect());
+  ASSERT_TRUE(emulator().waitUntil([&] { return !emulator().isRefusingConnections(); }, kWait));
+  EXPECT_TRUE(canConnect());
+  EXPECT_EQ(200, survivor->request("GET", "/echo").at("status")) << "open sockets are unaffected";
 }
 
 }  // namespace

@@ -1,11 +1,13 @@
 #pragma once
 
-// The emulator's domains without a network: requests go through a ResourceRouter, events into a
-// list. Users alice, bob and carol exist; by default each asks from its own socket (1, 2, 3).
+// The emulator's domains and session resources without a network: requests go through a
+// ResourceRouter, events into a list. Users alice, bob and carol exist; each asks from its own
+// socket (1, 2, 3).
 
 #include <gtest/gtest.h>
 
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -17,19 +19,6 @@
 namespace kel::emulator::test {
 
 using nlohmann::json;
-
-struct Pushed {
-  /// A user id, or "#" + a socket id.
-  std::string to;
-  std::string path;
-  std::string method;
-  json body;
-  bool operator==(const Pushed&) const = default;
-};
-
-inline void PrintTo(const Pushed& p, std::ostream* out) {
-  *out << p.to << " " << p.method << " " << p.path << " " << p.body.dump();
-}
 
 /// True when every member of `expected` is in `actual` with a value that includes it, and a null
 /// member of `expected` is absent from `actual`; lists must match element by element.
@@ -53,64 +42,77 @@ inline bool includes(const json& actual, const json& expected) {
   return actual == expected;
 }
 
-class DomainHarness {
- public:
-  DomainHarness()
-      : signIn_(
-            store_, [](std::string_view) { return false; }, false),
-        domains_(store_, signIn_,
-                 [this](const Recipients& to, std::string_view path, std::string_view method,
-                        const json& body) -> std::size_t {
-                   const bool socket = to.kind() == Recipients::Kind::socket;
-                   pushed.push_back({socket ? "#" + std::to_string(to.socketId()) : to.key(),
-                                     std::string(path), std::string(method), body});
-                   return socket && closedSockets.contains(to.socketId()) ? 0 : 1;
-                 }) {
-    domains_.install(router_);
-    for (const auto* id : {"alice", "bob", "carol"}) signIn_.addAccount(defaultAccount(id));
+/// An event in short: "<to> <method> <path> <what>", where <to> is a user or "#" and a socket,
+/// and <what> a group's "id[participants]", a contact's "id:name", a presence's address, or else
+/// the body.
+inline std::string summary(const std::string& to, std::string_view method, std::string_view path,
+                           const json& body) {
+  std::string what = body.dump();
+  if (body.contains("participants")) {
+    what = body["groupId"].get<std::string>() + "[";
+    for (const auto& user : body["participants"]) what += user.get<std::string>() + " ";
+    if (what.ends_with(' ')) what.pop_back();
+    what += "]";
+  } else if (body.contains("contact")) {
+    what =
+        body["contact"]["id"].get<std::string>() + ":" + body["contact"]["name"].get<std::string>();
+  } else if (body.contains("address")) {
+    what = body["address"].get<std::string>();
+  }
+  return to + " " + std::string(method) + " " + std::string(path) + " " + what;
+}
+
+struct DomainHarness {
+  DomainHarness() {
+    signIn.install(http, router);
+    domains.install(router);
+    for (const auto* id : {"alice", "bob", "carol"}) signIn.addAccount(defaultAccount(id));
   }
 
-  Reply call(const std::string& user, const std::string& method, const std::string& path,
-             json body = json::object()) {
+  /// Sends "user METHOD path" from the user's socket.
+  Reply call(const std::string& line, json body = json::object()) {
+    std::istringstream words(line);
     ResourceRequest request;
+    words >> request.userId >> request.method >> request.path;
     request.id = 1;
-    request.method = method;
-    request.path = path;
     request.body = std::move(body);
-    request.userId = user;
-    request.socket = user == "alice" ? 1 : user == "bob" ? 2 : 3;
+    request.socket = request.userId == "alice" ? 1 : request.userId == "bob" ? 2 : 3;
     Reply answer{0, json(), std::nullopt};
-    router_.dispatch(std::move(request), Responder::capturing(1, [&](Reply r) { answer = r; }));
+    router.dispatch(std::move(request), Responder::capturing(1, [&](Reply r) { answer = r; }));
     return answer;
   }
 
-  /// The user record that groups carry as their owner.
-  json user(const std::string& id) const { return signIn_.account(id)->user; }
-
-  /// Everything the domains hold, to tell whether a request changed anything.
+  /// Everything the domains and the sessions hold, to tell whether a request changed anything.
   json state() const {
     json state;
     for (const auto* id : {"alice", "bob", "carol"}) {
-      state["books"][id] = domains_.addressBooks.booksFor(id);
-      state["presences"][id] = *domains_.presences.presence(id);
-      state["subscribers"][id] = domains_.presences.subscribers(id);
+      state["books"][id] = domains.addressBooks.booksFor(id);
+      state["presences"][id] = *domains.presences.presence(id);
+      state["subscribers"][id] = domains.presences.subscribers(id);
     }
-    state["groups"] = domains_.groups.groups();
+    state["groups"] = domains.groups.groups();
+    for (const auto& s : store.sessions()) {
+      state["sessions"].push_back({s.token, s.expiry.time_since_epoch().count()});
+    }
     return state;
   }
 
-  SessionStore& store() { return store_; }
-  SignIn& signIn() { return signIn_; }
-  Domains& domains() { return domains_; }
-
-  std::vector<Pushed> pushed;
+  SessionStore store;
+  SignIn signIn{store, [this](std::string_view token) { return !!store.endSession(token); }, false};
+  /// summary() of each event pushed.
+  std::vector<std::string> pushed;
   std::set<SocketId> closedSockets;
-
- private:
-  SessionStore store_;
-  SignIn signIn_;
-  Domains domains_;
-  ResourceRouter router_;
+  Domains domains{
+      store, signIn,
+      [this](const Recipients& to, std::string_view path, std::string_view method,
+             const json& body) -> std::size_t {
+        const bool socket = to.kind() == Recipients::Kind::socket;
+        pushed.push_back(
+            summary(socket ? "#" + std::to_string(to.socketId()) : to.key(), method, path, body));
+        return socket && closedSockets.contains(to.socketId()) ? 0 : 1;
+      }};
+  HttpRouter http;
+  ResourceRouter router;
 };
 
 }  // namespace kel::emulator::test

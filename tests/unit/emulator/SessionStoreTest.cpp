@@ -12,32 +12,22 @@ namespace {
 
 using namespace std::chrono_literals;
 
-TEST(SessionStore, SessionsLiveFromCreationThroughExpiryAndRenewalToTheirEnd) {
+TEST(EmulatorSessionStore, SessionsLiveFromCreationThroughExpiryAndRenewalToTheirEnd) {
   SessionStore store(1h);
   EXPECT_THROW(store.createSession("ghost"), std::invalid_argument);
-  store.addUser({"alice", {{"name", "Alice"}}});
-  auto session = store.createSession("alice");
-  EXPECT_EQ("alice", session.userId);
-  EXPECT_EQ(40u, session.token.size());
-  EXPECT_FALSE(session.sessionId.empty());
-  EXPECT_TRUE(store.isValid(session.token));
-  EXPECT_EQ(session.sessionId, store.sessionWithId(session.sessionId)->sessionId);
-
-  EXPECT_TRUE(store.expireSession(session.token));
-  EXPECT_FALSE(store.isValid(session.token));
-  EXPECT_FALSE(store.validSession(session.token));
-  EXPECT_TRUE(store.session(session.token)) << "an expired session is still known";
-  EXPECT_TRUE(store.renewSession(session.token, 10s));
-  EXPECT_TRUE(store.isValid(session.token));
-
-  EXPECT_EQ(session.token, store.endSession(session.token)->token);
-  EXPECT_FALSE(store.session(session.token));
-  EXPECT_FALSE(store.expireSession(session.token));
-  EXPECT_FALSE(store.renewSession(session.token));
-  EXPECT_FALSE(store.endSession(session.token));
+  store.addUser({"alice", {}});
+  const auto token = store.createSession("alice").token;
+  EXPECT_TRUE(store.expireSession(token));
+  EXPECT_FALSE(store.validSession(token));
+  EXPECT_TRUE(store.session(token)) << "an expired session is still known";
+  EXPECT_TRUE(store.renewSession(token, 10s));
+  EXPECT_TRUE(store.isValid(token));
+  EXPECT_EQ(token, store.endSession(token)->token);
+  EXPECT_FALSE(store.session(token));
+  EXPECT_FALSE(store.renewSession(token));
 }
 
-TEST(SessionStore, ChosenTokensMustBeFreshAndCreatedOnesAreDistinctAcrossThreads) {
+TEST(EmulatorSessionStore, ChosenTokensMustBeFreshAndCreatedOnesAreDistinctAcrossThreads) {
   SessionStore store;
   store.addUser({"bob", {}});
   store.createSession("bob", std::nullopt, "chosen");
