@@ -17,7 +17,6 @@
 #include "ServerClient/platform/InMemoryKeychain.h"
 #include "ServerClient/platform/InMemorySocket.h"
 #include "ServerClient/rx/TestScheduler.h"
-#include "support/LogCapture.h"
 #include "support/SignInAnswer.h"
 #include "support/StreamRecorder.h"
 
@@ -361,40 +360,6 @@ TEST_F(KelServerTest, ASocketClosedNormallyDuringSignInIsAConnectionErrorThatSay
   ASSERT_NE(nullptr, error) << describeError(result.error());
   EXPECT_EQ(ConnectionErrorType::noSocketClient, error->type());
   EXPECT_EQ(kClosedDuringSignIn, error->description());
-}
-
-TEST_F(KelServerTest, LogLinesNameTheOperationThatWroteThem) {
-  testing::LogCapture log;
-  signIn();
-  suspend();
-  failuresLeft_ = 1;
-  StreamRecorder restored(server_->restoreSession(false));
-  scheduler_->advanceBy(2s);
-  ASSERT_EQ(1u, restored.values().size()) << describeError(restored.error());
-  server_->clearSessionInfo();
-
-  // The function part of a line is the documented operation, also for lines written inside the
-  // lambdas of a reactive chain, where a compiler-given name would read "operator()". (The other
-  // classes' texts are their own tests'.)
-  const auto lines = log.lines();
-  for (const std::string tail : {
-           "connect(using:)]: KelServer: Starting connecting...",
-           "connect(using:)]: User connected: ",
-           "suspend()]: KelServer session disconnected",
-           "restoreSession(shouldCheckBackgroundState:)]: KelServer: Starting restoring",
-           "restoreSession(shouldCheckBackgroundState:)]: Should retry restoring KEL session >> "
-           "true",
-           "restoreSession(shouldCheckBackgroundState:)]: User connected: ",
-           "clearSessionInfo()]: Deleting session info...",
-       }) {
-    const std::string prefix = "SDKLog - KEL - [KelServer]:[";
-    EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
-      const auto blank = line.find(' ', prefix.size());  // after the line number
-      return line.starts_with(prefix) && blank != std::string::npos &&
-             line.compare(blank + 1, tail.size(), tail) == 0;
-    })) << tail;
-  }
-  for (const auto& line : lines) EXPECT_EQ(std::string::npos, line.find("operator()")) << line;
 }
 
 }  // namespace

@@ -101,28 +101,6 @@ TEST(UnhandledErrors, ReachTheHookAndAThrowingActionDoesNotWedgeTheEmitter) {
   EXPECT_EQ(error, reported[1]);
 }
 
-TEST(SerialEmitter, ProducersOnSeveralThreadsNeverOverlapAndLoseNothing) {
-  SerialEmitter emitter;
-  std::atomic<int> inside{0};
-  int total = 0;  // unsynchronised on purpose: the emitter must serialise the increments
-  bool overlapped = false;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < 2000; ++i) {
-        emitter.run([&] {
-          if (inside.fetch_add(1) != 0) overlapped = true;
-          ++total;
-          inside.fetch_sub(1);
-        });
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  EXPECT_FALSE(overlapped);
-  EXPECT_EQ(4 * 2000, total);
-}
-
 // A bounded real-thread stress test: subscriptions are disposed from this thread while a serial
 // queue emits into them through several operators. TSan checks the races; the test checks that
 // once dispose() returned and the in-flight emission finished, nothing more arrives.

@@ -28,21 +28,6 @@ TEST_F(VirtualTime, WorkRunsInDueOrderNeverInlineAndMayScheduleOrDisposeOtherWor
   EXPECT_EQ(0u, scheduler->pendingCount());
 }
 
-TEST_F(VirtualTime, IntervalAndTimerTickAtExactInstants) {
-  auto ticks = scheduler->createObserver<std::int64_t>();
-  auto once = scheduler->createObserver<std::int64_t>();
-  interval(100ms, scheduler).take(3).subscribe(ticks);
-  timer(250ms, scheduler).subscribe(once);
-  scheduler->advanceBy(1s);
-  EXPECT_EQ((std::vector<Recorded<Event<std::int64_t>>>{
-                nextAt<std::int64_t>(100ms, 0), nextAt<std::int64_t>(200ms, 1),
-                nextAt<std::int64_t>(300ms, 2), completedAt<std::int64_t>(300ms)}),
-            ticks->events());
-  EXPECT_EQ((std::vector<Recorded<Event<std::int64_t>>>{nextAt<std::int64_t>(250ms, 0),
-                                                        completedAt<std::int64_t>(250ms)}),
-            once->events());
-}
-
 TEST_F(VirtualTime, TimeoutFiresAtTheExactInstantAfterTheLastElementUnlessTheSourceEnded) {
   auto source = scheduler->createColdObservable<int>({nextAt(100ms, 1), nextAt(250ms, 2)});
   auto observer = scheduler->createObserver<int>();
@@ -135,20 +120,6 @@ TEST_F(VirtualTime, ObserveOnAndSubscribeOnDeferToTheScheduler) {
   EXPECT_TRUE(subscribed);
   EXPECT_EQ((Ints{1, 2, 3}), observer->values());
   EXPECT_TRUE(observer->events().back().value.isCompleted());
-}
-
-TEST_F(VirtualTime, SingleTimeoutAndDelay) {
-  std::exception_ptr error;
-  int value = 0;
-  Single<int>::never()
-      .timeout(1s, scheduler)
-      .subscribe([](const int&) {}, [&](auto e) { error = e; });
-  Single<int>::just(5).delaySubscription(2s, scheduler).subscribe([&](const int& v) { value = v; });
-  scheduler->advanceBy(1s);
-  EXPECT_TRUE(isError<TimeoutError>(error));
-  EXPECT_EQ(0, value);
-  scheduler->advanceBy(1s);
-  EXPECT_EQ(5, value);
 }
 
 }  // namespace

@@ -69,13 +69,6 @@ TEST_F(SocketReconnectorTest, TriesEveryPeriodWithOverlappingAttemptsWhileTheNet
   scheduler_->advanceBy(60s);
   EXPECT_EQ(27u, socket_->connectCount());
   EXPECT_EQ(0u, scheduler_->pendingCount()) << "pulse, attempts and time-outs all ended";
-
-  // Once done, a new loss starts a new reconnection.
-  socket_->close(platform::SocketCloseCode::abnormalClosure);
-  reconnector_->launchReconnection("next");
-  scheduler_->advanceBy(3s);
-  socket_->open();
-  EXPECT_EQ("AUTH next", socket_->sentTexts().back());
 }
 
 TEST_F(SocketReconnectorTest, ASocketFoundConnectedEndsThePulseWithoutAnAttempt) {
