@@ -36,17 +36,13 @@ class KelServerTest : public ::testing::Test {
   KelServerTest() {
     http_->setResponder([this](const platform::HTTPRequest&) -> std::optional<Outcome> {
       ++signIns_;
-      if (failuresLeft_ > 0) {
-        --failuresLeft_;
-        return Outcome::respond(500, "{}");
-      }
-      return Outcome::respond(200, kAnswer);
+      return failuresLeft_-- > 0 ? Outcome::respond(500, "{}") : Outcome::respond(200, kAnswer);
     });
     KelServer::Options options;
     options.mainScheduler = options.resumeTimeoutScheduler = options.renewalScheduler = scheduler_;
     options.makeUserInitiatedScheduler = [this] { return scheduler_; };
-    options.keychain = keychain_;
-    options.userDefaults = defaults_;
+    options.keychain = std::make_shared<platform::InMemoryKeychain>();
+    options.userDefaults = std::make_shared<platform::InMemoryUserDefaults>();
     options.applicationLifecycle = lifecycle_;
     options.httpClient = http_;
     options.deviceInfo = std::make_shared<platform::FixedDeviceInfo>();
@@ -126,10 +122,6 @@ class KelServerTest : public ::testing::Test {
 
   std::shared_ptr<rx::TestScheduler> scheduler_ = std::make_shared<rx::TestScheduler>();
   std::shared_ptr<InMemoryHTTPClient> http_ = std::make_shared<InMemoryHTTPClient>();
-  std::shared_ptr<platform::InMemoryKeychain> keychain_ =
-      std::make_shared<platform::InMemoryKeychain>();
-  std::shared_ptr<platform::InMemoryUserDefaults> defaults_ =
-      std::make_shared<platform::InMemoryUserDefaults>();
   std::shared_ptr<platform::ApplicationLifecycle> lifecycle_ =
       std::make_shared<platform::ApplicationLifecycle>();
   std::vector<std::shared_ptr<platform::InMemorySocket>> sockets_;
