@@ -162,7 +162,6 @@ TEST(PermissionsTest, DecodesOptionalMembersAndChecksTheRecordingType) {
   };
   EXPECT_FALSE(granted(json::object(), ""));
   EXPECT_TRUE(granted({{"recordingType", ""}}, ""));
-  EXPECT_TRUE(granted({{"recordingType", "always"}}, "always"));
   EXPECT_FALSE(granted({{"recordingType", "always"}}, "Always"));
   EXPECT_EQ(
       false,
