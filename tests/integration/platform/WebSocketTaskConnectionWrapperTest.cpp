@@ -53,9 +53,7 @@ std::uint16_t closedPort() {
 }
 
 emulator::Options tlsServer(const test::CertifiedKey& certificate) {
-  emulator::Options options;
-  options.tls = emulator::TlsOptions{certificate.certificatePem, certificate.privateKeyPem};
-  return options;
+  return {.tls = emulator::TlsOptions{certificate.certificatePem, certificate.privateKeyPem}};
 }
 
 // The upgrade request's field of that name (case-insensitive), if present.
@@ -264,9 +262,7 @@ TEST_F(WebSocketTest, ThePeersCloseCodeOrALostTransportIsReportedAndTheSocketCon
 TEST_F(WebSocketTest, FramesAboveTheLimitOrNotUtf8EndTheConnectionWithTheirCode) {
   for (auto [limit, size] : {std::pair<std::size_t, std::size_t>{64 * 1024, 64 * 1024 + 1},
                              {Options{}.maxMessageSize, 16 * 1024 * 1024 + 1}}) {
-    Options options;
-    options.maxMessageSize = limit;
-    auto socket = makeSocket(url("/ws"), {}, options);
+    auto socket = makeSocket(url("/ws"), {}, {.maxMessageSize = limit});
     const auto id = open(*socket);
     const auto reports = delegate_->disconnects().size();
     server_->sendText(Recipients::socket(id), std::string(limit, 'a'));  // exactly the limit
@@ -288,9 +284,7 @@ TEST_F(WebSocketTest, FramesAboveTheLimitOrNotUtf8EndTheConnectionWithTheirCode)
 // --- Closing ---
 
 TEST_F(WebSocketTest, DisconnectReportsTheGivenCodeExactlyOnceAndInBoundedTime) {
-  Options options;
-  options.closeTimeout = 200ms;
-  auto socket = makeSocket(url("/ws"), {}, options);
+  auto socket = makeSocket(url("/ws"), {}, {.closeTimeout = 200ms});
   auto id = openAuthenticated(*socket);
   socket->send("last words");
   socket->disconnect(SocketCloseCode::goingBackground);
@@ -411,9 +405,7 @@ TEST_F(WebSocketTest, ASilentPeerCannotKeepTheOpeningPendingForEver) {
   for (bool tls : {false, true}) {
     if (tls) startServer(tlsServer(TestCertificates::shared().localhost()));
     server_->refuseConnections(std::nullopt, emulator::RefusalMode::stall);
-    Options options;
-    options.openTimeout = 300ms;
-    auto socket = makeSocket(url("/ws"), {}, options);
+    auto socket = makeSocket(url("/ws"), {}, {.openTimeout = 300ms});
     const auto before = delegate_->disconnects().size();
     socket->connect();
     EXPECT_EQ(SocketCloseCode::abnormalClosure, delegate_->waitForDisconnect(before + 1)) << tls;
@@ -422,9 +414,7 @@ TEST_F(WebSocketTest, ASilentPeerCannotKeepTheOpeningPendingForEver) {
 }
 
 TEST_F(WebSocketTest, AnIdleConnectionIsKeptAliveAndADeafPeerIsDetected) {
-  Options options;
-  options.keepAliveTimeout = 400ms;
-  auto socket = makeSocket(url("/ws"), {}, options);
+  auto socket = makeSocket(url("/ws"), {}, {.keepAliveTimeout = 400ms});
   const auto id = open(*socket);
   // A healthy peer answers the pings the socket sends when nothing arrives.
   ASSERT_TRUE(waitFor(id, [](const SocketInfo& s) { return s.pingsReceived >= 3; }));
@@ -483,11 +473,9 @@ TEST_F(WebSocketTest, ASocketMayBeDestroyedFromInsideItsOwnCallbacks) {
 TEST_F(WebSocketTest, OnlyCertificatesThatProveTheServersIdentityAreAccepted) {
   const auto& certificates = TestCertificates::shared();
   test::TemporaryFile caFile(certificates.caCertificatePem());
-  Options fromPem;
-  fromPem.extraCertificateAuthoritiesPem = certificates.caCertificatePem();
-  Options fromFile;
-  fromFile.extraCertificateAuthoritiesFile = caFile.path();
-  fromFile.useSystemTrustStore = false;
+  const Options fromPem{.extraCertificateAuthoritiesPem = certificates.caCertificatePem()};
+  const Options fromFile{.useSystemTrustStore = false,
+                         .extraCertificateAuthoritiesFile = caFile.path()};
   const struct {
     const char* what;
     test::CertifiedKey serverCertificate;
@@ -546,12 +534,10 @@ TEST(WebSocketTaskConnectionWrapper, RefusesWhatCouldNeverConnect) {
   EXPECT_THROW(make("https://127.0.0.1/ws"), std::invalid_argument);
   EXPECT_THROW(make("ws:relative"), std::invalid_argument);
   EXPECT_THROW(make("ws://127.0.0.1/ws", {"two words"}), std::invalid_argument);
-  Options badPem;
-  badPem.extraCertificateAuthoritiesPem = "not a certificate";
-  EXPECT_THROW(make("wss://127.0.0.1/ws", {}, badPem), std::invalid_argument);
-  Options missingFile;
-  missingFile.extraCertificateAuthoritiesFile = "/nonexistent/ca.pem";
-  EXPECT_THROW(make("wss://127.0.0.1/ws", {}, missingFile), std::invalid_argument);
+  EXPECT_THROW(make("wss://127.0.0.1/ws", {}, {.extraCertificateAuthoritiesPem = "not a PEM"}),
+               std::invalid_argument);
+  EXPECT_THROW(make("wss://127.0.0.1/ws", {}, {.extraCertificateAuthoritiesFile = "/none/ca.pem"}),
+               std::invalid_argument);
   EXPECT_NO_THROW(make("WSS://LOCALHOST/ws", {"kel", "kel.v2"}));
 }
 
