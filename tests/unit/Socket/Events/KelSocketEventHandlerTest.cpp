@@ -111,16 +111,6 @@ TEST_F(KelSocketEventHandlerTest, RecordsTheLastFailureUntilTheSocketOpensAgain)
             handler_->lastFailure().value().description());
 }
 
-TEST_F(KelSocketEventHandlerTest, StoppedByUserClosesAnOpeningSocketWithoutPublishingConnected) {
-  handler_->setStopByUser([] { return StopByUserState{true, SocketCloseCode::goingBackground}; });
-  socket_->connect();
-  EXPECT_EQ(std::vector{SocketCloseCode::goingBackground}, socket_->disconnectCodes());
-  for (const auto& state : states_) EXPECT_NE(SocketState::connected(), state);
-  handler_->setStopByUser([] { return StopByUserState{false, SocketCloseCode::invalid}; });
-  socket_->connect();
-  EXPECT_EQ(SocketState::connected(), states_.back());
-}
-
 TEST(KelSocketEventHandlerConcurrency, ACloseRacingAUserDisconnectPublishesOneAtATime) {
   for (int round = 0; round < 50; ++round) {
     auto socket = std::make_shared<InMemorySocket>(boost::urls::url("ws://127.0.0.1:1/kel"));
