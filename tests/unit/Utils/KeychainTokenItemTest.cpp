@@ -138,21 +138,5 @@ TEST_F(KeychainTokenItemTest, DeleteSucceedsOnEmptyKeychainIgnoresURLFailureRepo
             KeychainError::unhandledError(platform::errSecInteractionNotAllowed));
 }
 
-TEST_F(KeychainTokenItemTest, EachGroupsPairIsItsOwnForReadingSavingAndDeleting) {
-  item_.saveToken("default", "https://default.example/");
-  const KeychainTokenItem team(kService, keychainAccessGroup("TEAM"), keychain_);
-  const KeychainTokenItem other(kService, keychainAccessGroup("OTHER"), keychain_);
-  team.saveToken("team", "https://team.example/");
-  other.saveToken("other", "https://other.example/");
-
-  EXPECT_EQ(team.readToken().token, "team");
-  EXPECT_EQ(item_.readToken().token, "default");
-  team.deleteItem();
-  EXPECT_EQ(thrownBy([&] { team.readToken(); }), KeychainError::noToken());
-  item_.deleteItem();  // the default group only
-  EXPECT_EQ(other.readToken(), (KeychainTokenItem::StoredToken{"other", "https://other.example/"}));
-  EXPECT_EQ(keychain_->items().size(), 2u);
-}
-
 }  // namespace
 }  // namespace kel

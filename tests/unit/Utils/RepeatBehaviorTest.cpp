@@ -43,7 +43,6 @@ TEST_F(RepeatBehaviorTest, SubscribesMaxCountTimesInAllWaitingWholeSecondsThenFa
       {"exponential", 1, RepeatBehavior::exponentialDelayed(4, 1.0, 1.0), {0s, 1s, 3s, 7s}},
       // 2, 3 and 4.5 seconds, fractions dropped.
       {"exponential 0.5", 1, RepeatBehavior::exponentialDelayed(4, 2.0, 0.5), {0s, 2s, 5s, 9s}},
-      {"fractions dropped", 1, RepeatBehavior::delayed(3, 1.5), {0s, 1s, 2s}},
       {"under a second", 1, RepeatBehavior::delayed(2, 0.5), {0s, 0s}},
       {"custom",
        1,

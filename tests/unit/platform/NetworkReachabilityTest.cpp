@@ -46,8 +46,8 @@ TEST(Reachability, NeedsAnInterfaceThatIsUpRunningNotLoopbackAndHoldsAGlobalAddr
   }
 }
 
-// Both serialise posts through a SerialEmitter (whose thread-safety is tested on its own): a post
-// made while one is being delivered comes after it, never inside it.
+// Both serialise posts through a SerialEmitter (whose thread-safety the socket event handler's race
+// test checks): a post made while one is being delivered comes after it, never inside it.
 TEST(PlatformEvents, APostMadeDuringADeliveryComesAfterIt) {
   ApplicationLifecycle lifecycle;
   std::string seen;

@@ -28,21 +28,6 @@ TEST_F(VirtualTime, WorkRunsInDueOrderNeverInlineAndMayScheduleOrDisposeOtherWor
   EXPECT_EQ(0u, scheduler->pendingCount());
 }
 
-TEST_F(VirtualTime, IntervalAndTimerTickAtExactInstants) {
-  auto ticks = scheduler->createObserver<std::int64_t>();
-  auto once = scheduler->createObserver<std::int64_t>();
-  interval(100ms, scheduler).take(3).subscribe(ticks);
-  timer(250ms, scheduler).subscribe(once);
-  scheduler->advanceBy(1s);
-  EXPECT_EQ((std::vector<Recorded<Event<std::int64_t>>>{
-                nextAt<std::int64_t>(100ms, 0), nextAt<std::int64_t>(200ms, 1),
-                nextAt<std::int64_t>(300ms, 2), completedAt<std::int64_t>(300ms)}),
-            ticks->events());
-  EXPECT_EQ((std::vector<Recorded<Event<std::int64_t>>>{nextAt<std::int64_t>(250ms, 0),
-                                                        completedAt<std::int64_t>(250ms)}),
-            once->events());
-}
-
 TEST_F(VirtualTime, TimeoutFiresAtTheExactInstantAfterTheLastElementUnlessTheSourceEnded) {
   auto source = scheduler->createColdObservable<int>({nextAt(100ms, 1), nextAt(250ms, 2)});
   auto observer = scheduler->createObserver<int>();
@@ -76,51 +61,6 @@ TEST_F(VirtualTime, TimeoutWithOtherSwitchesAtTheDeadline) {
   EXPECT_EQ((Subscriptions{{at(300ms), at(360ms)}}), other.subscriptions());
 }
 
-TEST_F(VirtualTime, DelaySubscriptionSubscribesAtTheExactInstantAndDisposingCancelsIt) {
-  auto source = scheduler->createColdObservable<int>({nextAt(10ms, 1), completedAt<int>(20ms)});
-  auto observer = scheduler->createObserver<int>();
-  source.observable().delaySubscription(300ms, scheduler).subscribe(observer);
-  auto cancelled =
-      source.observable().delaySubscription(100ms, scheduler).subscribe([](const int&) {
-        ADD_FAILURE() << "subscribed after dispose";
-      });
-  cancelled.dispose();
-  EXPECT_EQ(1u, scheduler->pendingCount());
-  scheduler->advanceBy(299ms);
-  EXPECT_TRUE(source.subscriptions().empty());
-  scheduler->advanceBy(1ms);
-  EXPECT_EQ((Subscriptions{{at(300ms), std::nullopt}}), source.subscriptions());
-  scheduler->start();
-  EXPECT_EQ((IntEvents{nextAt(310ms, 1), completedAt<int>(320ms)}), observer->events());
-}
-
-TEST_F(VirtualTime, AmbDisposesTheLoserAndCancelsItsTimer) {
-  auto slow = timer(300ms, scheduler).map([](std::int64_t) { return 1; });
-  auto fast = scheduler->createColdObservable<int>({nextAt(100ms, 2), completedAt<int>(150ms)});
-  auto observer = scheduler->createObserver<int>();
-  Observable<int>::amb({slow, fast}).subscribe(observer);
-  EXPECT_EQ(3u, scheduler->pendingCount()) << "slow's timer and fast's two messages";
-  scheduler->advanceBy(100ms);
-  EXPECT_EQ(1u, scheduler->pendingCount()) << "only fast's completion is left";
-  scheduler->start();
-  EXPECT_EQ((IntEvents{nextAt(100ms, 2), completedAt<int>(150ms)}), observer->events());
-}
-
-TEST_F(VirtualTime, RetryWhenResubscribesOnEachTriggerUntilTheTriggersEnd) {
-  auto source = scheduler->createColdObservable<int>({errorAt<int>(10ms, testError())});
-  auto observer = scheduler->createObserver<int>();
-  source.observable()
-      .retryWhen([this](Observable<std::exception_ptr> errors) {
-        return errors.take(2).flatMap([this](auto) { return timer(100ms, scheduler); });
-      })
-      .subscribe(observer);
-  scheduler->start();
-  EXPECT_EQ((Subscriptions{{at(0ms), at(10ms)}, {at(110ms), at(120ms)}, {at(220ms), at(220ms)}}),
-            source.subscriptions())
-      << "the triggers' completion ends even the attempt it just started";
-  EXPECT_EQ((IntEvents{completedAt<int>(220ms)}), observer->events());
-}
-
 TEST_F(VirtualTime, ObserveOnAndSubscribeOnDeferToTheScheduler) {
   auto observer = scheduler->createObserver<int>();
   bool subscribed = false;
@@ -135,20 +75,6 @@ TEST_F(VirtualTime, ObserveOnAndSubscribeOnDeferToTheScheduler) {
   EXPECT_TRUE(subscribed);
   EXPECT_EQ((Ints{1, 2, 3}), observer->values());
   EXPECT_TRUE(observer->events().back().value.isCompleted());
-}
-
-TEST_F(VirtualTime, SingleTimeoutAndDelay) {
-  std::exception_ptr error;
-  int value = 0;
-  Single<int>::never()
-      .timeout(1s, scheduler)
-      .subscribe([](const int&) {}, [&](auto e) { error = e; });
-  Single<int>::just(5).delaySubscription(2s, scheduler).subscribe([&](const int& v) { value = v; });
-  scheduler->advanceBy(1s);
-  EXPECT_TRUE(isError<TimeoutError>(error));
-  EXPECT_EQ(0, value);
-  scheduler->advanceBy(1s);
-  EXPECT_EQ(5, value);
 }
 
 }  // namespace

@@ -27,13 +27,11 @@ TEST(KelSocketClientConcurrency, SendsResponsesTimeOutsCancelsAndAStopFromSevera
   auto socketScheduler = std::make_shared<rx::SerialDispatchQueueScheduler>("KelSocket");
   auto socket =
       std::make_shared<platform::InMemorySocket>(boost::urls::url("wss://kel.test/ws/kel"));
-  KelSocketClient::Options options;
-  options.socketScheduler = socketScheduler;
-  options.networkManager = std::make_shared<platform::InMemoryNetworkManager>();
-  options.applicationLifecycle = std::make_shared<platform::ApplicationLifecycle>();
   auto client = KelSocketClient::create(
       socket, KelSocketEventHandler::create(socket), nullptr, [] { return std::nullopt; }, 3s,
-      options);
+      {.socketScheduler = socketScheduler,
+       .networkManager = std::make_shared<platform::InMemoryNetworkManager>(),
+       .applicationLifecycle = std::make_shared<platform::ApplicationLifecycle>()});
 
   std::mutex mutex;  // guards frames and framesClosed
   std::condition_variable framesChanged;

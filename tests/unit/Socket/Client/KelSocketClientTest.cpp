@@ -156,25 +156,6 @@ TEST_F(KelSocketClientTest, ALaterRegistrationReplacesAnEarlierOneUnderTheSameId
   EXPECT_TRUE(earlier->values().empty());
 }
 
-TEST_F(KelSocketClientTest, StopCompletesEveryPendingRequestWithoutAnElement) {
-  authenticate();
-  std::vector records{send(testRequest(1)), send(testRequest(2))};
-  scheduler_->advanceBy(0s);
-  // Sent before the stop, subscribed on the socket queue only after it.
-  records.push_back(send(testRequest(3)));
-  client_->stop(SocketCloseCode::normalClosure);
-  EXPECT_EQ((std::vector{SocketCloseCode::normalClosure}), socket_->disconnectCodes());
-  EXPECT_EQ(SocketState::disconnected(Reason::expectedClose), client_->currentStatus());
-  scheduler_->advanceBy(0s);
-  for (const auto& outcome : records) {
-    EXPECT_TRUE(outcome->completed());
-    EXPECT_EQ(0u, outcome->values().size());
-  }
-  EXPECT_EQ(2u, requestFrames().size());
-  EXPECT_TRUE(client_->pendingRequests().empty());
-  EXPECT_EQ(0u, scheduler_->pendingCount()) << "every time-out was cancelled";
-}
-
 TEST_F(KelSocketClientTest, OnlyALostConnectionWithATokenStartsAReconnectionUntilAStop) {
   authenticate();
   // A request outlives lost connections; only the stop ends it.

@@ -69,13 +69,10 @@ class SocketClientTest : public ::testing::Test {
   }
 
   std::shared_ptr<KelSocketClient> makeClient() {
-    KelSocketClient::Options options;
-    options.socketScheduler = options.connectionScheduler = options.authenticationScheduler =
-        options.reconnectionScheduler = scheduler_;
-    options.networkManager = network_;
-    options.applicationLifecycle = lifecycle_;
+    // Every queue on the scheduler; no cookies.
     return KelSocketClient::create(
-        socket_, handler_, serverEvents_, [this] { return sessionToken_; }, 3s, options);
+        socket_, handler_, serverEvents_, [this] { return sessionToken_; }, 3s,
+        {scheduler_, scheduler_, scheduler_, scheduler_, {}, network_, lifecycle_});
   }
 
   /// Lets the server acknowledge every "AUTH " frame while it is being written.

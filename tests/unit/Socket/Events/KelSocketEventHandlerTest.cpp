@@ -37,16 +37,12 @@ TEST_F(KelSocketEventHandlerTest, CloseCodesMapToDisconnectReasons) {
     SocketCloseCode code;
     Reason reason;
   };
-  for (auto [code, reason] :
-       {Case{SocketCloseCode::goingBackground, Reason::background},
-        Case{SocketCloseCode::normalClosure, Reason::expectedClose},
-        Case{SocketCloseCode::otherExpectedClosure, Reason::expectedClose},
-        Case{SocketCloseCode::abnormalClosure, Reason::lostConnection},
-        Case{SocketCloseCode::goingAway, Reason::lostConnection},
-        Case{SocketCloseCode::invalid, Reason::lostConnection},
-        Case{SocketCloseCode::messageTooBig, Reason::lostConnection},
-        Case{SocketCloseCode::invalidFramePayloadData, Reason::lostConnection},
-        Case{platform::socketCloseCodeFrom(4321), Reason::lostConnection}}) {
+  for (auto [code, reason] : {Case{SocketCloseCode::goingBackground, Reason::background},
+                              Case{SocketCloseCode::normalClosure, Reason::expectedClose},
+                              Case{SocketCloseCode::otherExpectedClosure, Reason::expectedClose},
+                              Case{SocketCloseCode::abnormalClosure, Reason::lostConnection},
+                              Case{SocketCloseCode::goingAway, Reason::lostConnection},
+                              Case{platform::socketCloseCodeFrom(4321), Reason::lostConnection}}) {
     socket_->connect();
     socket_->close(code);
     EXPECT_EQ(SocketState::disconnected(reason), states_.back()) << platform::name(code);
@@ -113,16 +109,6 @@ TEST_F(KelSocketEventHandlerTest, RecordsTheLastFailureUntilTheSocketOpensAgain)
   handler_->socketDidClose(SocketCloseCode::policyViolation, "token=MARK");
   EXPECT_EQ("the socket was closed with 1008 (token=<redacted>)",
             handler_->lastFailure().value().description());
-}
-
-TEST_F(KelSocketEventHandlerTest, StoppedByUserClosesAnOpeningSocketWithoutPublishingConnected) {
-  handler_->setStopByUser([] { return StopByUserState{true, SocketCloseCode::goingBackground}; });
-  socket_->connect();
-  EXPECT_EQ(std::vector{SocketCloseCode::goingBackground}, socket_->disconnectCodes());
-  for (const auto& state : states_) EXPECT_NE(SocketState::connected(), state);
-  handler_->setStopByUser([] { return StopByUserState{false, SocketCloseCode::invalid}; });
-  socket_->connect();
-  EXPECT_EQ(SocketState::connected(), states_.back());
 }
 
 TEST(KelSocketEventHandlerConcurrency, ACloseRacingAUserDisconnectPublishesOneAtATime) {

@@ -16,7 +16,6 @@ TEST(SocketMessage, ClassifiesFramesByTheirFirstByteAndResponsesByAnInt64Id) {
     Kind kind;
     std::int64_t id = 0;  // a response's
   };
-  const std::string deep = std::string(100'000, '[') + std::string(100'000, ']');
   const Case cases[] = {
       {"0", Kind::ping},
       {"0anything, not even JSON {", Kind::ping},
@@ -24,8 +23,6 @@ TEST(SocketMessage, ClassifiesFramesByTheirFirstByteAndResponsesByAnInt64Id) {
       {"3 \n{\"id\": -7}", Kind::response, -7},
       {R"(3{"id":9223372036854775807})", Kind::response, INT64_MAX},
       {R"(3{"id":-9223372036854775808})", Kind::response, INT64_MIN},
-      {"3{\"id\":1,\"b\":" + std::string(100, '[') + std::string(100, ']') + "}", Kind::response,
-       1},
       {R"(3{"id":"5"})", Kind::event},
       {R"(3{"id":9223372036854775808})", Kind::event},
       {R"(3{"id":-9223372036854775809})", Kind::event},
@@ -48,13 +45,8 @@ TEST(SocketMessage, ClassifiesFramesByTheirFirstByteAndResponsesByAnInt64Id) {
       {"3null", Kind::unknown},
       {R"(2{"id":1})", Kind::unknown},
       {"AUTH token", Kind::unknown},
-      // Hostile frames: too deep, invalid UTF-8, trailing text.
-      {"3" + deep, Kind::unknown},
-      {std::string(1'000'000, '{'), Kind::unknown},
-      {"3{\"id\":1,\"x\":\"\xc3\x28\"}", Kind::unknown},
-      {"{\"kapiId\":\"\xed\xa0\x80\"}", Kind::unknown},
+      // Depth, UTF-8 and trailing text are parseJson's (JsonTest); a NUL is refused here.
       {std::string("3{\"id\":1}\0junk", 13), Kind::unknown},
-      {"3{\"id\":1} {\"id\":2}", Kind::unknown},
   };
   for (const auto& c : cases) {
     const auto message = SocketMessage::create(c.frame);
