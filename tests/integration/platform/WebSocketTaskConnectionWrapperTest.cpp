@@ -53,7 +53,9 @@ std::uint16_t closedPort() {
 }
 
 emulator::Options tlsServer(const test::CertifiedKey& certificate) {
-  return {.tls = emulator::TlsOptions{certificate.certificatePem, certificate.privateKeyPem}};
+  emulator::Options options;
+  options.tls = emulator::TlsOptions{certificate.certificatePem, certificate.privateKeyPem};
+  return options;
 }
 
 // The upgrade request's field of that name (case-insensitive), if present.
@@ -262,7 +264,9 @@ TEST_F(WebSocketTest, ThePeersCloseCodeOrALostTransportIsReportedAndTheSocketCon
 TEST_F(WebSocketTest, FramesAboveTheLimitOrNotUtf8EndTheConnectionWithTheirCode) {
   for (auto [limit, size] : {std::pair<std::size_t, std::size_t>{64 * 1024, 64 * 1024 + 1},
                              {Options{}.maxMessageSize, 16 * 1024 * 1024 + 1}}) {
-    auto socket = makeSocket(url("/ws"), {}, {.maxMessageSize = limit});
+    Options options;
+    options.maxMessageSize = limit;
+    auto socket = makeSocket(url("/ws"), {}, options);
     const auto id = open(*socket);
     const auto reports = delegate_->disconnects().size();
     server_->sendText(Recipients::socket(id), std::string(limit, 'a'));  // exactly the limit
@@ -284,7 +288,9 @@ TEST_F(WebSocketTest, FramesAboveTheLimitOrNotUtf8EndTheConnectionWithTheirCode)
 // --- Closing ---
 
 TEST_F(WebSocketTest, DisconnectReportsTheGivenCodeExactlyOnceAndInBoundedTime) {
-  auto socket = makeSocket(url("/ws"), {}, {.closeTimeout = 200ms});
+  Options options;
+  options.closeTimeout = 200ms;
+  auto socket = makeSocket(url("/ws"), {}, options);
   auto id = openAuthenticated(*socket);
   socket->send("last words");
   socket->disconnect(SocketCloseCode::goingBackground);
@@ -405,7 +411,9 @@ TEST_F(WebSocketTest, ASilentPeerCannotKeepTheOpeningPendingForEver) {
   for (bool tls : {false, true}) {
     if (tls) startServer(tlsServer(TestCertificates::shared().localhost()));
     server_->refuseConnections(std::nullopt, emulator::RefusalMode::stall);
-    auto socket = makeSocket(url("/ws"), {}, {.openTimeout = 300ms});
+    Options options;
+    options.openTimeout = 300ms;
+    auto socket = makeSocket(url("/ws"), {}, options);
     const auto before = delegate_->disconnects().size();
     socket->connect();
     EXPECT_EQ(SocketCloseCode::abnormalClosure, delegate_->waitForDisconnect(before + 1)) << tls;
@@ -414,7 +422,9 @@ TEST_F(WebSocketTest, ASilentPeerCannotKeepTheOpeningPendingForEver) {
 }
 
 TEST_F(WebSocketTest, AnIdleConnectionIsKeptAliveAndADeafPeerIsDetected) {
-  auto socket = makeSocket(url("/ws"), {}, {.keepAliveTimeout = 400ms});
+  Options options;
+  options.keepAliveTimeout = 400ms;
+  auto socket = makeSocket(url("/ws"), {}, options);
   const auto id = open(*socket);
   // A healthy peer answers the pings the socket sends when nothing arrives.
   ASSERT_TRUE(waitFor(id, [](const SocketInfo& s) { return s.pingsReceived >= 3; }));
@@ -473,9 +483,11 @@ TEST_F(WebSocketTest, ASocketMayBeDestroyedFromInsideItsOwnCallbacks) {
 TEST_F(WebSocketTest, OnlyCertificatesThatProveTheServersIdentityAreAccepted) {
   const auto& certificates = TestCertificates::shared();
   test::TemporaryFile caFile(certificates.caCertificatePem());
-  const Options fromPem{.extraCertificateAuthoritiesPem = certificates.caCertificatePem()};
-  const Options fromFile{.useSystemTrustStore = false,
-                         .extraCertificateAuthoritiesFile = caFile.path()};
+  Options fromPem;
+  fromPem.extraCertificateAuthoritiesPem = certificates.caCertificatePem();
+  Options fromFile;
+  fromFile.extraCertificateAuthoritiesFile = caFile.path();
+  fromFile.useSystemTrustStore = false;
   const struct {
     const char* what;
     test::CertifiedKey serverCertificate;
@@ -534,10 +546,12 @@ TEST(WebSocketTaskConnectionWrapper, RefusesWhatCouldNeverConnect) {
   EXPECT_THROW(make("https://127.0.0.1/ws"), std::invalid_argument);
   EXPECT_THROW(make("ws:relative"), std::invalid_argument);
   EXPECT_THROW(make("ws://127.0.0.1/ws", {"two words"}), std::invalid_argument);
-  EXPECT_THROW(make("wss://127.0.0.1/ws", {}, {.extraCertificateAuthoritiesPem = "not a PEM"}),
-               std::invalid_argument);
-  EXPECT_THROW(make("wss://127.0.0.1/ws", {}, {.extraCertificateAuthoritiesFile = "/none/ca.pem"}),
-               std::invalid_argument);
+  Options badPem;
+  badPem.extraCertificateAuthoritiesPem = "not a certificate";
+  EXPECT_THROW(make("wss://127.0.0.1/ws", {}, badPem), std::invalid_argument);
+  Options missingFile;
+  missingFile.extraCertificateAuthoritiesFile = "/nonexistent/ca.pem";
+  EXPECT_THROW(make("wss://127.0.0.1/ws", {}, missingFile), std::invalid_argument);
   EXPECT_NO_THROW(make("WSS://LOCALHOST/ws", {"kel", "kel.v2"}));
 }
 
