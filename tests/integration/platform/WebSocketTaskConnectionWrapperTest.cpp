@@ -472,7 +472,9 @@ TEST_F(WebSocketTest, ASocketMayBeDestroyedFromInsideItsOwnCallbacks) {
     // The connection is dropped, without a close frame and without any further call.
     const auto end = waitForEnd(last_);
     ASSERT_TRUE(end) << name(kind);
-    if (kind != Kind::disconnected) EXPECT_NE(ClosedBy::client, end->closedBy) << name(kind);
+    if (kind != Kind::disconnected) {
+      EXPECT_NE(ClosedBy::client, end->closedBy) << name(kind);
+    }
     EXPECT_EQ(kind, delegate->events().back().kind) << name(kind);
     EXPECT_EQ("", delegate->contractViolations());
   }
