@@ -19,6 +19,7 @@
 #include "ServerClient/Presence/Event/PresencesEventHandler.h"
 #include "ServerClient/Presence/Service/PresencesService.h"
 #include "ServerClient/platform/InMemoryKeychain.h"
+#include "ServerClient/rx/Schedulers.h"
 #include "emulator/Emulator.h"
 #include "support/StreamRecorder.h"
 
@@ -46,6 +47,16 @@ T await(const rx::Single<T>& single) {
 
 void await(const rx::Completable& completable) {
   await(completable.andThen(rx::Single<rx::Unit>::just(rx::Unit{})));
+}
+
+/// The handlers' streams subscribe on the main queue, so an event that the server sends right
+/// after the recorders were made could arrive before them. Once the serial main queue has run a
+/// task scheduled after theirs, they listen.
+void untilListening() {
+  auto ran = std::make_shared<std::promise<void>>();
+  auto future = ran->get_future();
+  rx::MainScheduler::instance()->schedule([ran] { ran->set_value(); });
+  ASSERT_EQ(std::future_status::ready, future.wait_for(20s));
 }
 
 class DomainsIntegrationTest : public ::testing::Test {
@@ -83,6 +94,7 @@ TEST_F(DomainsIntegrationTest, ContactsReachTheAddressBookAndTheOwnersOtherSessi
   StreamRecorder created(events.newContact());
   StreamRecorder updated(events.contactUpdated());
   StreamRecorder deleted(events.contactDeleted());
+  untilListening();
 
   Contact contact{.id = "c1", .name = "Bob", .associatedUserId = "bob", .favorite = true};
   await(ann->userContacts()->add(contact));
@@ -112,6 +124,7 @@ TEST_F(DomainsIntegrationTest, PresenceChangesReachTheSubscribers) {
   auto ann = signIn("ann");
   auto bob = signIn("bob");
   StreamRecorder changes(bob->presenceEventHandler()->presenceUpdated());
+  untilListening();
 
   const auto first = await(bob->presencesService()->subscribe(std::string("kel-user:ann")));
   EXPECT_FALSE(first.fromCache);
@@ -134,6 +147,7 @@ TEST_F(DomainsIntegrationTest, GroupChangesReachTheParticipants) {
   StreamRecorder added(events.newGroup());
   StreamRecorder updated(events.groupUpdated());
   StreamRecorder deleted(events.groupDeleted());
+  untilListening();
   auto groups = ann->groupService();
 
   const auto group =
