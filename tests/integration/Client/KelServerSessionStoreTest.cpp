@@ -10,9 +10,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <future>
-#include <memory>
 #include <random>
-#include <string>
 
 #include <boost/url/parse.hpp>
 

@@ -5,8 +5,6 @@
 
 #include <chrono>
 #include <future>
-#include <memory>
-#include <string>
 
 #include <boost/url/parse.hpp>
 

@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <memory>
 #include <optional>
-#include <string>
 
 #include <nlohmann/json.hpp>
 

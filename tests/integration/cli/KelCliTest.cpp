@@ -11,8 +11,6 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include <nlohmann/json.hpp>
 

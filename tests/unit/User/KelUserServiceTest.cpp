@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
-
 #include <nlohmann/json.hpp>
 
 #include "ServerClient/Common/Decoding.h"

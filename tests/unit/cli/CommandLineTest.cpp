@@ -7,7 +7,6 @@
 #include <map>
 #include <set>
 #include <string_view>
-#include <vector>
 
 namespace kel::cli {
 namespace {

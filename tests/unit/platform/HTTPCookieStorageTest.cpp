@@ -4,9 +4,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include <boost/url/parse.hpp>
 #include <boost/url/url.hpp>

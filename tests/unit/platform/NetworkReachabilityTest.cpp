@@ -4,9 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include "ServerClient/rx/Disposable.h"
 
 namespace kel::platform {
