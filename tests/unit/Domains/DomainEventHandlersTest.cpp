@@ -4,6 +4,7 @@
 #include "ServerClient/Group/Event/GroupEventHandler.h"
 #include "ServerClient/Presence/Event/PresencesEventHandler.h"
 #include "ServerClient/rx/TestScheduler.h"
+#include "support/SignInAnswer.h"
 
 namespace kel {
 namespace {
@@ -37,14 +38,7 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
                       {"chatId", "c"},
                       {"name", "G"},
                       {"participants", {"u"}},
-                      {"owner",
-                       {{"id", "u"},
-                        {"domain", "d"},
-                        {"email", "e"},
-                        {"username", "n"},
-                        {"alias", "a"},
-                        {"mobilePhone", json::array()},
-                        {"role", "r"}}}};
+                      {"owner", testing::userRecord("u")}};
   for (const auto& [path, method, body] : std::vector<std::tuple<const char*, const char*, json>>{
            {"/addressbooks/b1", "POST", book},
            {"/addressbooks/b1", "put", book},
