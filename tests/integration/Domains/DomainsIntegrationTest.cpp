@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <future>
 
 #include <boost/url/parse.hpp>
 
@@ -25,26 +24,8 @@ namespace {
 
 using namespace std::chrono_literals;
 using nlohmann::json;
+using testing::await;
 using testing::StreamRecorder;
-
-/// The value of `single`, failing the test on an error or after 20 s.
-template <class T>
-T await(const rx::Single<T>& single) {
-  auto promise = std::make_shared<std::promise<T>>();
-  auto future = promise->get_future();
-  auto subscription =
-      single.subscribe([promise](const T& value) { promise->set_value(value); },
-                       [promise](std::exception_ptr error) { promise->set_exception(error); });
-  if (future.wait_for(20s) != std::future_status::ready) {
-    subscription.dispose();
-    throw std::runtime_error("no answer within 20 s");
-  }
-  return future.get();
-}
-
-void await(const rx::Completable& completable) {
-  await(completable.andThen(rx::Single<rx::Unit>::just(rx::Unit{})));
-}
 
 class DomainsIntegrationTest : public ::testing::Test {
  protected:
