@@ -75,10 +75,6 @@ KelRun finishKel(const StartedKel& kel) {
   return run;
 }
 
-KelRun runKel(const std::vector<std::string>& arguments, const fs::path& configHome) {
-  return finishKel(startKel(arguments, configHome));
-}
-
 class KelCliTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -113,7 +109,7 @@ class KelCliTest : public ::testing::Test {
 };
 
 TEST_F(KelCliTest, DemoWalksAWholeSessionAndSucceeds) {
-  const auto run = runKel({"demo"}, configHome_);
+  const auto run = finishKel(startKel({"demo"}, configHome_));
   EXPECT_EQ(0, run.exitCode) << run.out << run.err;
   EXPECT_NE(std::string::npos, run.out.find("every step succeeded")) << run.out;
   // The demo keeps its session in memory: nothing reaches the defaults file.
@@ -218,8 +214,8 @@ TEST_F(KelCliTest, NoSecretAndNoTerminalControlReachesAnyOutput) {
     expectClean(run, json ? "json" : "plain");
   }
   // A refused command line (its rules are the unit tests') exits with 2 and names the culprit.
-  const auto bad =
-      runKel({"login", "--kel-url", "http://ann:MARK@h", "--socket-url", "ftp://h"}, configHome_);
+  const auto bad = finishKel(startKel(
+      {"login", "--kel-url", "http://ann:MARK@h", "--socket-url", "ftp://h"}, configHome_));
   EXPECT_EQ(2, bad.exitCode);
   EXPECT_NE(std::string::npos, bad.err.find("kel: ")) << bad.err;
   EXPECT_NE(std::string::npos, bad.err.find("ftp://h")) << bad.err;
