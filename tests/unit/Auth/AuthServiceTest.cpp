@@ -4,7 +4,6 @@
 
 #include <boost/url/parse.hpp>
 
-#include "ServerClient/Common/Decoding.h"
 #include "ServerClient/Common/SDKError.h"
 #include "ServerClient/Utils/UnretainedError.h"
 #include "support/FakeSocketClient.h"
@@ -161,17 +160,6 @@ TEST_F(AuthServiceTest, DisposingASignInLetsTheExchangeFinishAndDropsItsResult) 
   EXPECT_TRUE(watched.expired()) << "the subscriber is released at once";
   EXPECT_EQ(1u, http_->pendingCount()) << "the server may already have made the session";
   EXPECT_TRUE(http_->completePending(Outcome::respond(200, kAnswer)));
-}
-
-TEST_F(AuthServiceTest, UnregisterDeletesTheSession) {
-  auto socket = std::make_shared<testing::FakeSocketClient>();
-  socket->queueReply(testing::FakeSocketClient::Reply::empty());
-  socket->queueReply(testing::FakeSocketClient::Reply::withBody(nlohmann::json::object()));
-  auto service = makeService(socket);
-  auto user = from<AuthenticationData>(kAnswer);
-  // A reply without a resource (the socket closed) is a failure, not a success.
-  EXPECT_NE(nullptr, outcome(service->unregister(user)).second);
-  EXPECT_TRUE(outcome(service->unregister(user)).first.has_value());  // the request: KelServerTest
 }
 
 }  // namespace
