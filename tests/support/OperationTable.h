@@ -9,11 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <memory>
 #include <optional>
-#include <string>
-#include <type_traits>
-#include <vector>
 
 #include <nlohmann/json.hpp>
 

@@ -6,21 +6,18 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <random>
 
 #include <boost/url/parse.hpp>
 
-#include "ServerClient/Common/SDKError.h"
 #include "emulator/Emulator.h"
 #include "support/StreamRecorder.h"
 
 namespace kel {
 namespace {
 
-using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
 TEST(KelServerSessionStoreTest, OneTeamsLogoutLeavesAnotherTeamsStoredSessionAlone) {

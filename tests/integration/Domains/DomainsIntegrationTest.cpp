@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-
 #include <boost/url/parse.hpp>
 
 #include "ServerClient/AddressBooks/Event/AddressBooksEventHandler.h"
@@ -22,7 +20,6 @@
 namespace kel {
 namespace {
 
-using namespace std::chrono_literals;
 using nlohmann::json;
 using testing::await;
 using testing::StreamRecorder;

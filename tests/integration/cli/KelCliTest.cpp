@@ -39,7 +39,7 @@ struct KelRun {
   }
 };
 
-/// A kel started in the background; finish() waits for it.
+/// A kel started in the background; finishKel() waits for it.
 struct StartedKel {
   FILE* pipe = nullptr;
   std::string errors;
