@@ -40,8 +40,6 @@ class FakeSocketClient final : public SocketClient,
   explicit FakeSocketClient(SocketState state = SocketState::authenticated())
       : state_(std::move(state)) {}
 
-  /// Unanswered requests fail with ConnectionError(timeout, -1) after their time-out on
-  /// `scheduler`. Without one they stay pending until answered.
   void setTimeoutScheduler(rx::SchedulerPtr scheduler) {
     std::lock_guard lock(mutex_);
     timeoutScheduler_ = std::move(scheduler);
@@ -65,9 +63,8 @@ class FakeSocketClient final : public SocketClient,
     return pending_.size();
   }
 
-  /// Answers the pending request `id` with one Resource made of `body` as the real client makes it
-  /// (compact JSON; empty for a scalar body), then completes it. False when no such request is
-  /// pending.
+  /// Answers the pending request `id` as the real client would, then completes it. False when no
+  /// such request is pending.
   bool respond(std::int64_t id, const nlohmann::json& body) {
     return answer(id, Reply::withBody(body));
   }

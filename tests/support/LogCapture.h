@@ -16,9 +16,7 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  /// Every line written so far, oldest first.
   std::vector<std::string> lines();
-  /// How many lines contain `text`.
   std::size_t count(std::string_view text);
   bool contains(std::string_view text) { return count(text) > 0; }
 

@@ -1,18 +1,15 @@
 #pragma once
 
-// Operation tables for the domain services: each row is one operation, the frame it must write
+// Operation tables for the socket services: each row is one operation, the frame it must write
 // (method, path, body; the random id aside) and what it must make of the answer, run against a
 // recording socket client. What a result "is" is written as JSON: the record's encoding, a list,
-// null for nothing, "completed" for a Completable, {"error": errorKind} for a failure.
+// null for nothing, "completed" for a Completable, {"error": errorKind} for a failure,
+// {"pending": result} for a stream that has not ended.
 
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <memory>
 #include <optional>
-#include <string>
-#include <type_traits>
-#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -51,7 +48,8 @@ nlohmann::json outcome(const rx::Observable<T>& stream) {
   if (recorder.error()) return {{"error", errorKind(recorder.error())}};
   const auto values = recorder.values();
   if (values.empty()) return recorder.completed() ? "completed" : "pending";
-  return values.size() == 1 ? valueJson(values[0]) : valueJson(values);
+  auto result = values.size() == 1 ? valueJson(values[0]) : valueJson(values);
+  return recorder.completed() ? result : nlohmann::json{{"pending", result}};
 }
 template <class T>
 nlohmann::json outcome(const rx::Single<T>& single) {

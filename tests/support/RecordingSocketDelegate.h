@@ -1,16 +1,9 @@
 #pragma once
 
 // A WebSocketConnectionDelegate that records every call, for tests of sockets and of what sits
-// on them. Tests wait on the recorded calls themselves, never on time:
-//
-//   auto delegate = std::make_shared<RecordingSocketDelegate>();
-//   socket->setDelegate(delegate);
-//   socket->connect();
-//   ASSERT_TRUE(delegate->waitForConnect());
-//   EXPECT_EQ(SocketCloseCode::normalClosure, delegate->waitForDisconnect());
-//
-// It also checks the promises of Socket.h that a test cannot see from outside: that calls never
-// overlap and that nothing follows a socketDidDisconnect until the next socketDidConnect.
+// on them; tests wait on the recorded calls, never on time. It also checks the promises of
+// Socket.h that a test cannot see from outside: calls never overlap, and nothing follows a
+// socketDidDisconnect until the next socketDidConnect.
 
 #include <chrono>
 #include <condition_variable>
@@ -58,20 +51,15 @@ class RecordingSocketDelegate final : public platform::WebSocketConnectionDelega
     record({Kind::data, {}, std::move(bytes)});
   }
 
-  /// Runs on the calling thread after each call has been recorded, e.g. to act from inside a
-  /// callback.
+  /// Runs on the calling thread after each call has been recorded.
   void setHook(std::function<void(const Event&)> hook);
 
   std::vector<Event> events() const;
   std::size_t count(Kind kind) const;
-  /// The texts of socketDidReceiveMessage, in order.
   std::vector<std::string> messages() const { return texts(Kind::message); }
-  /// The what() of every error received, in order.
   std::vector<std::string> errors() const { return texts(Kind::error); }
-  /// The codes of every socketDidDisconnect, in order.
   std::vector<platform::SocketCloseCode> disconnects() const;
 
-  /// Waits until `count` calls of `kind` have been made.
   bool waitFor(Kind kind, std::size_t count = 1,
                std::chrono::milliseconds timeout = kDefaultWait) const;
   /// Waits until `count` calls of any of `kinds` have been made in all, e.g. the end of an

@@ -1,12 +1,7 @@
 #pragma once
 
-// Subscribes to a stream and keeps what it delivered, on whatever thread it delivers; tests that
-// drive the source by hand read it at once, tests against real threads wait for it:
-//
-//   StreamRecorder renewal(service.renewSession(session));      // virtual time, fakes
-//   auto states =
-//   std::make_shared<StreamRecorder<SocketState>>(client->socketConnectionEventChannel());
-//   ASSERT_TRUE(states->waitFor([](auto& s) { return s == SocketState::authenticated(); }));
+// Subscribes to a stream and keeps what it delivered, on whatever thread it delivers: tests that
+// drive the source by hand read it at once, tests against real threads wait for it.
 
 #include <chrono>
 #include <condition_variable>
@@ -16,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -121,5 +117,17 @@ template <class T>
 StreamRecorder(const rx::Observable<T>&) -> StreamRecorder<T>;
 template <class T>
 StreamRecorder(const rx::Single<T>&) -> StreamRecorder<T>;
+
+/// The value of `single` once it comes; throws its error, or std::runtime_error after kStreamWait.
+template <class T>
+T await(const rx::Single<T>& single) {
+  StreamRecorder<T> recorder(single);
+  if (!recorder.waitForEnd()) throw std::runtime_error("no answer in time");
+  if (recorder.error()) std::rethrow_exception(recorder.error());
+  return recorder.values().at(0);
+}
+inline void await(const rx::Completable& completable) {
+  await(completable.andThen(rx::Single<rx::Unit>::just(rx::Unit{})));
+}
 
 }  // namespace kel::testing

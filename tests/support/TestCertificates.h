@@ -1,15 +1,9 @@
 #pragma once
 
-// Throwaway certificates for TLS tests, made in memory with OpenSSL at first use: a certificate
-// authority and leaf certificates with P-256 keys.
-//
-//   const auto& certs = kel::test::TestCertificates::shared();
-//   emulatorOptions.tls = kel::emulator::TlsOptions{certs.localhost().certificatePem, ...};
-//   options.extraCertificateAuthoritiesPem = certs.caCertificatePem();
-//
-// Every leaf names localhost, 127.0.0.1 and ::1 (subject alternative names) except wrongHost(),
-// and is valid from an hour ago for 30 days except expired(). Nothing here is trusted by the
-// system, so a client trusts these only when told to.
+// Throwaway certificates for TLS tests, made in memory with OpenSSL at first use. Every leaf
+// names localhost, 127.0.0.1 and ::1 except wrongHost(), and is valid from an hour ago for 30
+// days except expired(). Nothing here is trusted by the system, so a client trusts these only
+// when told to.
 
 #include <filesystem>
 #include <string>
@@ -29,15 +23,13 @@ class TestCertificates {
   /// std::runtime_error if OpenSSL fails.
   static const TestCertificates& shared();
 
-  /// The authority that signs the leaves below (except selfSigned()).
+  /// The authority that signs every leaf but selfSigned().
   const std::string& caCertificatePem() const noexcept { return ca_.certificatePem; }
-  /// Signed by the authority; for localhost, 127.0.0.1 and ::1.
   const CertifiedKey& localhost() const noexcept { return localhost_; }
-  /// Signed by the authority; names only "wrong-host.invalid".
+  /// Names only "wrong-host.invalid".
   const CertifiedKey& wrongHost() const noexcept { return wrongHost_; }
-  /// Signed by the authority for localhost, 127.0.0.1 and ::1, but expired yesterday.
+  /// Expired yesterday.
   const CertifiedKey& expired() const noexcept { return expired_; }
-  /// For localhost, 127.0.0.1 and ::1, signed by its own key: trusted by nobody.
   const CertifiedKey& selfSigned() const noexcept { return selfSigned_; }
 
  private:

@@ -5,8 +5,6 @@
 
 #include <chrono>
 #include <future>
-#include <memory>
-#include <string>
 
 #include <boost/url/parse.hpp>
 
@@ -26,28 +24,9 @@
 namespace kel {
 namespace {
 
-using namespace std::chrono_literals;
 using nlohmann::json;
+using testing::await;
 using testing::StreamRecorder;
-
-/// The value of `single`, failing the test on an error or after 20 s.
-template <class T>
-T await(const rx::Single<T>& single) {
-  auto promise = std::make_shared<std::promise<T>>();
-  auto future = promise->get_future();
-  auto subscription =
-      single.subscribe([promise](const T& value) { promise->set_value(value); },
-                       [promise](std::exception_ptr error) { promise->set_exception(error); });
-  if (future.wait_for(20s) != std::future_status::ready) {
-    subscription.dispose();
-    throw std::runtime_error("no answer within 20 s");
-  }
-  return future.get();
-}
-
-void await(const rx::Completable& completable) {
-  await(completable.andThen(rx::Single<rx::Unit>::just(rx::Unit{})));
-}
 
 /// The handlers' streams subscribe on the main queue, so an event that the server sends right
 /// after the recorders were made could arrive before them. Once the serial main queue has run a
@@ -56,7 +35,7 @@ void untilListening() {
   auto ran = std::make_shared<std::promise<void>>();
   auto future = ran->get_future();
   rx::MainScheduler::instance()->schedule([ran] { ran->set_value(); });
-  ASSERT_EQ(std::future_status::ready, future.wait_for(20s));
+  ASSERT_EQ(std::future_status::ready, future.wait_for(std::chrono::seconds(20)));
 }
 
 class DomainsIntegrationTest : public ::testing::Test {

@@ -11,8 +11,6 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -41,7 +39,7 @@ struct KelRun {
   }
 };
 
-/// A kel started in the background; finish() waits for it.
+/// A kel started in the background; finishKel() waits for it.
 struct StartedKel {
   FILE* pipe = nullptr;
   std::string errors;
@@ -75,10 +73,6 @@ KelRun finishKel(const StartedKel& kel) {
   fs::remove(kel.errors);
   EXPECT_NE(128 + SIGKILL, run.exitCode) << "kel still running after 60 s:\n" << run.out << run.err;
   return run;
-}
-
-KelRun runKel(const std::vector<std::string>& arguments, const fs::path& configHome) {
-  return finishKel(startKel(arguments, configHome));
 }
 
 class KelCliTest : public ::testing::Test {
@@ -115,7 +109,7 @@ class KelCliTest : public ::testing::Test {
 };
 
 TEST_F(KelCliTest, DemoWalksAWholeSessionAndSucceeds) {
-  const auto run = runKel({"demo"}, configHome_);
+  const auto run = finishKel(startKel({"demo"}, configHome_));
   EXPECT_EQ(0, run.exitCode) << run.out << run.err;
   EXPECT_NE(std::string::npos, run.out.find("every step succeeded")) << run.out;
   // The demo keeps its session in memory: nothing reaches the defaults file.
@@ -220,8 +214,8 @@ TEST_F(KelCliTest, NoSecretAndNoTerminalControlReachesAnyOutput) {
     expectClean(run, json ? "json" : "plain");
   }
   // A refused command line (its rules are the unit tests') exits with 2 and names the culprit.
-  const auto bad =
-      runKel({"login", "--kel-url", "http://ann:MARK@h", "--socket-url", "ftp://h"}, configHome_);
+  const auto bad = finishKel(startKel(
+      {"login", "--kel-url", "http://ann:MARK@h", "--socket-url", "ftp://h"}, configHome_));
   EXPECT_EQ(2, bad.exitCode);
   EXPECT_NE(std::string::npos, bad.err.find("kel: ")) << bad.err;
   EXPECT_NE(std::string::npos, bad.err.find("ftp://h")) << bad.err;
@@ -356,18 +350,17 @@ TEST_F(KelCliTest, DomainCommandsChangeTheServerAndWatchPrintsAnotherProcesssEve
   ok("alice", {"groups", "add", "g1", "bob"});
   run = finishKel(watch);
   EXPECT_EQ(0, run.exitCode) << run.out << run.err;
-  std::vector<nlohmann::json> lines;
+  auto lines = nlohmann::json::array();
   std::istringstream out(run.out);
   for (std::string line; std::getline(out, line);) lines.push_back(nlohmann::json::parse(line));
   ASSERT_EQ(3u, lines.size()) << run.out;
-  EXPECT_EQ("presence", lines[0]["domain"]) << run.out;
-  EXPECT_EQ("PUT", lines[0]["method"]) << run.out;
-  EXPECT_EQ("away", lines[0]["record"]["activity"]) << run.out;
-  EXPECT_EQ("group", lines[1]["domain"]) << run.out;
-  EXPECT_EQ("POST", lines[1]["method"]) << run.out;
-  EXPECT_EQ("g1", lines[1]["record"]["groupId"]) << run.out;
-  EXPECT_EQ(2, lines[2]["events"]) << run.out;
-  EXPECT_EQ("count", lines[2]["endedBy"]) << run.out;
+  const nlohmann::json expected = {
+      {"/0/domain", "presence"}, {"/0/method", "PUT"},   {"/0/record/activity", "away"},
+      {"/1/domain", "group"},    {"/1/method", "POST"},  {"/1/record/groupId", "g1"},
+      {"/2/events", 2},          {"/2/endedBy", "count"}};
+  for (const auto& [pointer, value] : expected.items()) {
+    EXPECT_EQ(value, lines[nlohmann::json::json_pointer(pointer)]) << pointer << "\n" << run.out;
+  }
 }
 
 }  // namespace

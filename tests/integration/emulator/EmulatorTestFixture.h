@@ -6,10 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <memory>
 #include <optional>
-#include <string>
-#include <vector>
 
 #include <boost/url/parse.hpp>
 #include <nlohmann/json.hpp>

@@ -5,8 +5,6 @@
 
 #include <chrono>
 #include <future>
-#include <memory>
-#include <string>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>

@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <optional>
 #include <random>
-#include <string>
 
 #include "ServerClient/Utils/KeychainTokenItem.h"
 #include "support/LogCapture.h"

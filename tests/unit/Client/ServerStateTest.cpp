@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
-#include <vector>
-
 #include "ServerClient/rx/Subjects.h"
 
 namespace kel {

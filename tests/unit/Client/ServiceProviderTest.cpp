@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
-#include <string>
-
 #include <boost/url/parse.hpp>
 #include <nlohmann/json.hpp>
 

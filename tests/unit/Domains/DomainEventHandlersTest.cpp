@@ -4,6 +4,7 @@
 #include "ServerClient/Group/Event/GroupEventHandler.h"
 #include "ServerClient/Presence/Event/PresencesEventHandler.h"
 #include "ServerClient/rx/TestScheduler.h"
+#include "support/SignInAnswer.h"
 
 namespace kel {
 namespace {
@@ -16,20 +17,18 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
   AddressBooksEventHandler books(channel, scheduler);
   PresencesEventHandler presence(channel, scheduler);
   GroupEventHandler groups(channel, scheduler);
-  auto created = scheduler->createObserver<AddressBookSocketDTO>();
-  auto updated = scheduler->createObserver<AddressBookSocketDTO>();
-  auto deleted = scheduler->createObserver<AddressBookSocketDTO>();
-  auto presenceUpdated = scheduler->createObserver<PresenceDTO>();
-  auto newGroup = scheduler->createObserver<GroupDTO>();
-  auto groupDeleted = scheduler->createObserver<std::string>();
-  auto participantRemoved = scheduler->createObserver<std::string>();
-  books.newContact().subscribe(created);
-  books.contactUpdated().subscribe(updated);
-  books.contactDeleted().subscribe(deleted);
-  presence.presenceUpdated().subscribe(presenceUpdated);
-  groups.newGroup().subscribe(newGroup);
-  groups.groupDeleted().subscribe(groupDeleted);
-  groups.groupDidRemoveParticipant().subscribe(participantRemoved);
+  const auto observe = [&](const auto& stream) {
+    auto observer = scheduler->createObserver<typename std::decay_t<decltype(stream)>::Element>();
+    stream.subscribe(observer);
+    return observer;
+  };
+  auto created = observe(books.newContact());
+  auto updated = observe(books.contactUpdated());
+  auto deleted = observe(books.contactDeleted());
+  auto presenceUpdated = observe(presence.presenceUpdated());
+  auto newGroup = observe(groups.newGroup());
+  auto groupDeleted = observe(groups.groupDeleted());
+  auto participantRemoved = observe(groups.groupDidRemoveParticipant());
   scheduler->start();
 
   const json book = {{"addressBookId", "b1"}, {"addressBookType", "contacts"}};
@@ -37,14 +36,7 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
                       {"chatId", "c"},
                       {"name", "G"},
                       {"participants", {"u"}},
-                      {"owner",
-                       {{"id", "u"},
-                        {"domain", "d"},
-                        {"email", "e"},
-                        {"username", "n"},
-                        {"alias", "a"},
-                        {"mobilePhone", json::array()},
-                        {"role", "r"}}}};
+                      {"owner", testing::userRecord("u")}};
   for (const auto& [path, method, body] : std::vector<std::tuple<const char*, const char*, json>>{
            {"/addressbooks/b1", "POST", book},
            {"/addressbooks/b1", "put", book},

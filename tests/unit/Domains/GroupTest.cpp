@@ -4,6 +4,7 @@
 #include "ServerClient/Group/Service/KelCacheGroupService.h"
 #include "support/LogCapture.h"
 #include "support/OperationTable.h"
+#include "support/SignInAnswer.h"
 
 namespace kel {
 namespace {
@@ -14,16 +15,12 @@ using testing::frame;
 using testing::outcome;
 using Reply = FakeSocketClient::Reply;
 
-const json kOwner = {{"id", "u1"},        {"domain", "d"},  {"email", "e"},
-                     {"username", "ann"}, {"alias", "Ann"}, {"mobilePhone", json::array()},
-                     {"role", "user"}};
-
 json group(std::string id, json strategy = nullptr) {
   json g = {{"groupId", std::move(id)},
             {"chatId", "c"},
             {"name", "G"},
             {"participants", {"u1"}},
-            {"owner", kOwner}};
+            {"owner", testing::userRecord("u1")}};
   if (!strategy.is_null()) g["ringingStrategy"] = std::move(strategy);
   return g;
 }

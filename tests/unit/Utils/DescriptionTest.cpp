@@ -6,13 +6,9 @@
 
 #include <chrono>
 #include <cmath>
-#include <limits>
 #include <map>
-#include <memory>
 #include <optional>
-#include <string>
 #include <variant>
-#include <vector>
 
 #include "ServerClient/Common/SDKError.h"
 

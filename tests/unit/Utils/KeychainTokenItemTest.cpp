@@ -3,11 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <optional>
-#include <string>
 #include <utility>
-#include <vector>
 
 #include "ServerClient/platform/InMemoryKeychain.h"
 #include "support/Thrown.h"

@@ -4,8 +4,6 @@
 
 #include <boost/url/parse.hpp>
 
-#include <limits>
-
 namespace kel {
 namespace {
 

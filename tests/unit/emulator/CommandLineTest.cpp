@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <ranges>
-#include <vector>
 
 #include "emulator/CommandLine.h"
 

@@ -8,8 +8,6 @@
 
 #include <set>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include <nlohmann/json.hpp>
 

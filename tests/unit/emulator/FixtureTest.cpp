@@ -6,7 +6,6 @@
 
 #include <fstream>
 #include <utility>
-#include <vector>
 
 #include "DomainHarness.h"
 

@@ -3,7 +3,6 @@
 #include <set>
 #include <stdexcept>
 #include <thread>
-#include <vector>
 
 #include "emulator/SessionStore.h"
 

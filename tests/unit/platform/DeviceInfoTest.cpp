@@ -4,9 +4,7 @@
 
 #include <filesystem>
 #include <fstream>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "ServerClient/Common/Random.h"
 

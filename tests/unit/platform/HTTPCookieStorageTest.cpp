@@ -4,9 +4,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include <boost/url/parse.hpp>
 #include <boost/url/url.hpp>
@@ -47,9 +45,8 @@ class HTTPCookieStorageTest : public testing::Test {
 
 TEST_F(HTTPCookieStorageTest, SignInCookiesGoWithTheSocketUpgradeToTheSameHost) {
   // The sign-in answer over https sets the session cookies...
-  EXPECT_TRUE(storage_.setCookie("JSESSIONID=abc123; Path=/; Secure; HttpOnly",
-                                 url("https://kel.example.com/api/login")));
-  EXPECT_TRUE(storage_.setCookie("lb=node-7", url("https://kel.example.com/login")));
+  set({"JSESSIONID=abc123; Path=/; Secure; HttpOnly", "lb=node-7"},
+      "https://kel.example.com/login");
   // ...and the socket finds them for its wss URL, HttpOnly included, in one header field.
   EXPECT_EQ("JSESSIONID=abc123; lb=node-7", cookieHeader(storage_, "wss://kel.example.com/ws"));
   // Secure cookies never travel in clear text; the others do.
@@ -72,7 +69,7 @@ TEST_F(HTTPCookieStorageTest, DomainCookiesReachSubdomainsOnlyWhenTheHostMaySetT
   EXPECT_EQ("", cookieHeader(storage_, "wss://example.com/ws"));
 
   // A dotless name is usable only by the host of that name, and then only for itself.
-  EXPECT_TRUE(storage_.setCookie("dev=1; Domain=localhost", url("http://localhost:8080/login")));
+  set({"dev=1; Domain=localhost"}, "http://localhost:8080/login");
   EXPECT_EQ("dev=1", cookieHeader(storage_, "ws://localhost:9000/ws"));
   EXPECT_EQ("", cookieHeader(storage_, "ws://a.localhost/ws"));
 }

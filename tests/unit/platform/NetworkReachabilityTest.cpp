@@ -4,9 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include "ServerClient/rx/Disposable.h"
 
 namespace kel::platform {
@@ -14,13 +11,7 @@ namespace {
 
 NetworkInterface interface(std::string name, bool up, bool running,
                            std::vector<std::string> addresses, bool loopback = false) {
-  NetworkInterface result;
-  result.name = std::move(name);
-  result.up = up;
-  result.running = running;
-  result.loopback = loopback;
-  result.addresses = std::move(addresses);
-  return result;
+  return {std::move(name), up, running, loopback, std::move(addresses)};
 }
 
 TEST(Reachability, NeedsAnInterfaceThatIsUpRunningNotLoopbackAndHoldsAGlobalAddress) {

@@ -6,10 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <memory>
 #include <ostream>
 #include <stdexcept>
-#include <vector>
 
 namespace kel::rx {
 

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <memory>
 
 #include "ServerClient/Common/SDKError.h"
 #include "ServerClient/Socket/Client/KelSocketClient.h"

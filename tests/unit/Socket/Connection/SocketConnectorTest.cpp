@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include "ServerClient/Socket/SocketAuthenticator.h"
 #include "unit/Socket/Client/SocketTestSupport.h"
 

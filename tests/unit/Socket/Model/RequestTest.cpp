@@ -3,10 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <limits>
 #include <map>
 #include <stdexcept>
-#include <string>
 
 namespace kel {
 namespace {
