@@ -18,7 +18,9 @@ namespace kel {
 ///
 /// Streams are subscribed to the event channel on the handler's scheduler (the application's
 /// main thread unless a test injects another) and deliver there too, so an application can touch
-/// its user interface from a subscriber. Every subscriber goes through the same chain; all of
+/// its user interface from a subscriber. A subscription therefore starts listening only once that
+/// scheduler has run it: an event the server sends before then is not seen, so subscribe before
+/// asking for a change whose event you want. Every subscriber goes through the same chain; all of
 /// them end when the channel is completed. A record that does not decode ends that stream, for
 /// that subscriber, with the decoding error.
 class DomainEventHandler {
