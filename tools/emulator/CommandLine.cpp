@@ -134,6 +134,12 @@ CommandLineResult parseCommandLine(std::span<const std::string_view> arguments) 
       auto seconds = text ? parseSeconds(*text) : std::nullopt;
       if (!seconds || *seconds < 1) return fail("--session-lifetime takes a number of seconds");
       line.options.sessionLifetime = std::chrono::seconds(std::llround(*seconds));
+    } else if (flag == "--alert-lifetime") {
+      auto text = value();
+      auto seconds = text ? parseSeconds(*text) : std::nullopt;
+      if (!seconds || *seconds <= 0) return fail("--alert-lifetime takes a number of seconds");
+      line.options.alertLifetime =
+          std::chrono::milliseconds(static_cast<std::int64_t>(std::llround(*seconds * 1000)));
     } else if (flag == "--socket-path") {
       auto text = value();
       if (!text || !text->starts_with('/'))
@@ -203,6 +209,7 @@ Options:
                            "presences", "directories", "groups" (see the README); users with
                            a "token" get a session with it, listed in the first line
   --session-lifetime S     lifetime of sessions in seconds (default 86400)
+  --alert-lifetime S       seconds until a raised alert expires (default 300)
   --ping-period S          send the ping frame "0" every S seconds, 0 for never (default 30)
   --socket-path PATH       path of the advertised socket URL; its last component is the
                            sub-protocol that clients offer (default /kel/websocket); the upgrade

@@ -1,5 +1,7 @@
 #include "emulator/Emulator.h"
 
+#include <condition_variable>
+#include <mutex>
 #include <utility>
 
 #include "emulator/Fixture.h"
@@ -23,19 +25,36 @@ Emulator::Emulator(Options options)
       [this](const Recipients& to, std::string_view path, std::string_view method,
              const nlohmann::json& body) { return pushEvent(to, path, method, body); });
   domains_->install(server_->resources());
+  domains_->installControl(server_->http());
+  domains_->alerts.setLifetime(server_->options().alertLifetime);
 }
 
 // The server goes first: its handlers may still be using the sign-in and the domains until it
 // has stopped.
 Emulator::~Emulator() {
-  server_->stop();
+  stop();
 }
 
 Urls Emulator::start() {
-  return server_->start();
+  auto urls = server_->start();
+  // A second is as late as an expiry event may be; nothing waits on it but people.
+  alertSweeper_ = std::jthread([this](std::stop_token stop) {
+    std::mutex mutex;
+    std::condition_variable_any wake;
+    std::unique_lock lock(mutex);
+    while (!wake.wait_for(lock, stop, std::chrono::seconds(1), [] { return false; })) {
+      if (stop.stop_requested()) break;
+      domains_->alerts.expireDue();
+    }
+  });
+  return urls;
 }
 
 void Emulator::stop() {
+  if (alertSweeper_.joinable()) {
+    alertSweeper_.request_stop();
+    alertSweeper_.join();
+  }
   server_->stop();
 }
 
@@ -108,6 +127,30 @@ Presences& Emulator::presences() {
 
 Groups& Emulator::groups() {
   return domains_->groups;
+}
+
+Meetings& Emulator::meetings() {
+  return domains_->meetings;
+}
+
+CallHistory& Emulator::callHistory() {
+  return domains_->callHistory;
+}
+
+Alerts& Emulator::alerts() {
+  return domains_->alerts;
+}
+
+ChatLists& Emulator::chatLists() {
+  return domains_->chatLists;
+}
+
+DomainClock& Emulator::domainClock() {
+  return domains_->clock;
+}
+
+nlohmann::json Emulator::placeCall(const PlacedCall& call) {
+  return domains_->callHistory.placeCall(call);
 }
 
 std::vector<Session> Emulator::loadFixture(const nlohmann::json& fixture) {

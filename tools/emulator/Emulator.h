@@ -42,6 +42,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -155,7 +156,18 @@ class Emulator {
   AddressBooks& addressBooks();
   Presences& presences();
   Groups& groups();
-  /// Adds start-up data (Fixture.h): users, their contacts and presences, directories, groups.
+  Meetings& meetings();
+  CallHistory& callHistory();
+  Alerts& alerts();
+  ChatLists& chatLists();
+  /// The time of the call history and the alerts; a test sets its own to drive alert expiry.
+  DomainClock& domainClock();
+  /// The operator's call between two users (CallHistory.h): records it in the conference log
+  /// (and the callee's missed calls when missed) and pushes its events. Throws
+  /// std::invalid_argument for an unknown user. Also on plain HTTP: POST /emulator/calls.
+  nlohmann::json placeCall(const PlacedCall& call);
+  /// Adds start-up data (Fixture.h): users, their contacts and presences, directories, groups,
+  /// meetings, call history, alert templates and chats.
   /// Throws std::invalid_argument, changing nothing, for a fixture that is not valid. Returns the
   /// sessions created for users with a "token".
   std::vector<Session> loadFixture(const nlohmann::json& fixture);
@@ -226,6 +238,8 @@ class Emulator {
   std::unique_ptr<detail::Server> server_;
   std::unique_ptr<SignIn> signIn_;
   std::unique_ptr<Domains> domains_;
+  /// Expires alerts while the emulator runs (they also expire at the next request to alerts).
+  std::jthread alertSweeper_;
 };
 
 }  // namespace kel::emulator

@@ -82,12 +82,19 @@ std::vector<Session> loadFixture(const json& fixture, SessionStore& store, SignI
   };
   if (!fixture.is_object()) throw std::invalid_argument("a fixture is a JSON object");
   try {
-    onlyKnownKeys(fixture, {"users", "contacts", "presences", "directories", "groups"}, "");
+    onlyKnownKeys(fixture,
+                  {"users", "contacts", "presences", "directories", "groups", "meetings", "calls",
+                   "alertTemplates", "chats"},
+                  "");
     const auto users = checkUsers(part("users"), store);
     if (!part("contacts").is_null()) UserContacts::checkFixture(part("contacts"), users);
     if (!part("presences").is_null()) Presences::checkFixture(part("presences"), users);
     if (!part("directories").is_null()) AddressBooks::checkFixture(part("directories"));
     if (!part("groups").is_null()) Groups::checkFixture(part("groups"), users);
+    if (!part("meetings").is_null()) Meetings::checkFixture(part("meetings"), users);
+    if (!part("calls").is_null()) CallHistory::checkFixture(part("calls"), users);
+    if (!part("alertTemplates").is_null()) Alerts::checkFixture(part("alertTemplates"));
+    if (!part("chats").is_null()) ChatLists::checkFixture(part("chats"), users);
   } catch (const Refusal& refusal) {
     throw std::invalid_argument(refusal.what());
   }
@@ -96,6 +103,10 @@ std::vector<Session> loadFixture(const json& fixture, SessionStore& store, SignI
   if (!part("presences").is_null()) domains.presences.loadFixture(part("presences"));
   if (!part("directories").is_null()) domains.addressBooks.loadFixture(part("directories"));
   if (!part("groups").is_null()) domains.groups.loadFixture(part("groups"));
+  if (!part("meetings").is_null()) domains.meetings.loadFixture(part("meetings"));
+  if (!part("calls").is_null()) domains.callHistory.loadFixture(part("calls"));
+  if (!part("alertTemplates").is_null()) domains.alerts.loadFixture(part("alertTemplates"));
+  if (!part("chats").is_null()) domains.chatLists.loadFixture(part("chats"));
   return sessions;
 }
 

@@ -11,6 +11,10 @@
 //   "presences":   {"<user id>": {"online", ...}}    Presences
 //   "directories": [{"id", "name", "type", "contacts"}, ...]   AddressBooks
 //   "groups":      [{"groupId", "name", "owner", "participants", ...}, ...]   Groups
+//   "meetings":    [{"id", "owner", "name", "participants", "validSince", ...}, ...]   Meetings
+//   "calls":       [{"from", "to", "outcome", "durationSeconds"?, "endedAt"?}, ...]  CallHistory
+//   "alertTemplates": [{"templateId", "title", "payload"}, ...]   Alerts
+//   "chats":       {"<user id>": [jid, ...]}     ChatLists
 //
 // Users named anywhere must be known: added by the same fixture or before it.
 

@@ -44,6 +44,8 @@ struct Options {
   std::chrono::milliseconds pingPeriod{0};
   /// Lifetime of a session created without an explicit one.
   std::chrono::seconds sessionLifetime{std::chrono::hours(1)};
+  /// How long a raised alert stays active before it expires.
+  std::chrono::milliseconds alertLifetime{std::chrono::minutes(5)};
   /// See kInvalidTokenCloseCode.
   std::uint16_t invalidTokenCloseCode = kInvalidTokenCloseCode;
 

@@ -22,7 +22,7 @@ CommandLineResult parse(std::string_view line) {
 TEST(EmulatorCommandLine, FlagsFillTheOptions) {
   auto result = parse(
       "--listen [::1]:8080 --ping-period=0.25 --user alice --token t1 --user=bob --socket-path /ws "
-      "--threads 2 --session-lifetime 60 --log-frames --record-frames 50");
+      "--threads 2 --session-lifetime 60 --log-frames --record-frames 50 --alert-lifetime 1.5");
   ASSERT_TRUE(result.commandLine) << result.error;
   const auto& options = result.commandLine->options;
   const auto& users = result.commandLine->users;
@@ -34,6 +34,7 @@ TEST(EmulatorCommandLine, FlagsFillTheOptions) {
   EXPECT_EQ(60s, options.sessionLifetime);
   EXPECT_TRUE(options.logFrames);
   EXPECT_EQ(50u, options.frameLogLimit);
+  EXPECT_EQ(1500ms, options.alertLifetime);
   ASSERT_EQ(2u, users.size());
   EXPECT_EQ("t1", users[0].token);
   EXPECT_FALSE(users[1].token);
@@ -49,7 +50,8 @@ TEST(EmulatorCommandLine, MistakesAreRefusedWithAReason) {
        {"--listen 127.0.0.1", "--listen ::1:80", "--listen 127.0.0.1:65536", "--listen",
         "--token t", "--user a --token t --token u", "--tls-cert c.pem", "--ping-period -1",
         "--ping-period soon", "--threads 0", "--auth-timeout -1", "--record-frames many",
-        "--no-record=yes", "--socket-path ws", "--help=yes", "--verbose", "--fixture"}) {
+        "--no-record=yes", "--socket-path ws", "--help=yes", "--verbose", "--fixture",
+        "--alert-lifetime 0"}) {
     auto result = parse(line);
     EXPECT_FALSE(result.commandLine) << line;
     EXPECT_FALSE(result.error.empty()) << line;

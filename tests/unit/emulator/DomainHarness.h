@@ -46,7 +46,24 @@ inline bool includes(const json& actual, const json& expected) {
 inline std::string summary(const std::string& to, std::string_view method, std::string_view path,
                            const json& body) {
   std::string what = body.dump();
-  if (body.contains("participants")) {
+  if (body.contains("url")) {
+    // A meeting: its id and registered participants.
+    what = body["id"].get<std::string>() + "[";
+    for (const auto& p : body["participants"]) {
+      if (p.contains("userId")) what += p["userId"].get<std::string>() + " ";
+    }
+    if (what.ends_with(' ')) what.pop_back();
+    what += "]";
+  } else if (body.contains("invites")) {
+    // A conference-log entry: its id and how the invitation ended.
+    what = body["id"].get<std::string>() + " " + body["invites"][0]["state"].get<std::string>();
+  } else if (body.contains("alertId") && body.contains("cancelled")) {
+    what = body["alertId"].get<std::string>() +
+           (body.contains("acceptedBy") ? " accepted by " + body["acceptedBy"].get<std::string>()
+            : body["cancelled"].get<bool>() ? " cancelled"
+            : body.contains("resolvedAt")   ? " expired"
+                                            : " active");
+  } else if (body.contains("participants")) {
     what = body["groupId"].get<std::string>() + "[";
     for (const auto& user : body["participants"]) what += user.get<std::string>() + " ";
     if (what.ends_with(' ')) what.pop_back();
@@ -60,11 +77,27 @@ inline std::string summary(const std::string& to, std::string_view method, std::
   return to + " " + std::string(method) + " " + std::string(path) + " " + what;
 }
 
+/// One request of a table: "user METHOD path" with its body, the status and what the answer
+/// must include (see includes(); null: not looked at), and the summaries of exactly the events it
+/// pushes, "; "-separated.
+struct Step {
+  std::string request;
+  nlohmann::json body;
+  int status;
+  nlohmann::json answer;
+  std::string events;
+};
+
+/// What the client sends where it sends no body.
+inline const nlohmann::json kNoBody = nlohmann::json::array();
+
 struct DomainHarness {
   DomainHarness() {
     signIn.install(http, router);
     domains.install(router);
+    domains.installControl(http);
     for (const auto* id : {"alice", "bob", "carol"}) signIn.addAccount(defaultAccount(id));
+    domains.clock.set([this] { return now; });
   }
 
   /// Sends "user METHOD path" from the user's socket.
@@ -89,12 +122,36 @@ struct DomainHarness {
       state["subscribers"][id] = domains.presences.subscribers(id);
     }
     state["groups"] = domains.groups.groups();
+    state["meetings"] = domains.meetings.meetings();
+    state["conferences"] = domains.callHistory.entries();
+    state["alerts"] = domains.alerts.alerts();
+    state["alertTemplates"] = domains.alerts.templates();
+    for (const auto* id : {"alice", "bob", "carol"}) {
+      state["missedCalls"][id] = domains.callHistory.missedCalls(id);
+      state["chats"][id] = domains.chatLists.chats(id);
+    }
     for (const auto& s : store.sessions()) {
       state["sessions"].push_back({s.token, s.expiry.time_since_epoch().count()});
     }
     return state;
   }
 
+  /// Runs the steps in order, each expecting its answer and events.
+  void run(const std::vector<Step>& steps) {
+    for (const auto& step : steps) {
+      SCOPED_TRACE(step.request + " " + step.body.dump());
+      pushed.clear();
+      const auto reply = call(step.request, step.body);
+      EXPECT_EQ(step.status, reply.status) << reply.body.dump();
+      EXPECT_TRUE(step.answer.is_null() || includes(reply.body, step.answer)) << reply.body.dump();
+      std::string events;
+      for (const auto& event : pushed) events += (events.empty() ? "" : "; ") + event;
+      EXPECT_EQ(step.events, events);
+    }
+  }
+
+  /// The domains' clock.
+  TimePoint now = fromMillis(1'700'000'000'000);
   SessionStore store;
   SignIn signIn{store, [this](std::string_view token) { return !!store.endSession(token); }, false};
   /// summary() of each event pushed.

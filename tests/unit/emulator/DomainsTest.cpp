@@ -9,31 +9,7 @@
 namespace kel::emulator::test {
 namespace {
 
-struct Step {
-  /// "user METHOD path"
-  std::string request;
-  json body;
-  int status;
-  /// What the answer must include (see includes()); null: not looked at.
-  json answer;
-  /// The summaries of the events pushed, "; "-separated.
-  std::string events;
-};
-
-void run(DomainHarness& harness, const std::vector<Step>& steps) {
-  for (const auto& step : steps) {
-    SCOPED_TRACE(step.request + " " + step.body.dump());
-    harness.pushed.clear();
-    const auto reply = harness.call(step.request, step.body);
-    EXPECT_EQ(step.status, reply.status) << reply.body.dump();
-    EXPECT_TRUE(step.answer.is_null() || includes(reply.body, step.answer)) << reply.body.dump();
-    std::string events;
-    for (const auto& event : harness.pushed) events += (events.empty() ? "" : "; ") + event;
-    EXPECT_EQ(step.events, events);
-  }
-}
-
-const json kNone = json::array();  // what the client sends where it sends no body
+const json& kNone = kNoBody;
 
 json contact(const std::string& id, const std::string& name, json more = json::object()) {
   more.update({{"id", id}, {"name", name}, {"favorite", false}}, true);
@@ -59,20 +35,19 @@ TEST(EmulatorDomains, UserContactsFillTheirOwnersBookBesideTheDirectories) {
                              {"emails", {{{"type", "home"}, {"primary", false}}}}});
   const std::string book = " /addressbooks/contacts-alice ";
   const json staff = {{"contacts", {{{"id", "s1"}}}}};
-  run(harness,
-      {
-          // The answer is the JSON text "", which the client reads as the empty body it expects.
-          {"alice POST userContacts", contact("c1", "C"), 200, "", "alice POST" + book + "c1:C"},
-          {"alice PUT userContacts/c1", full, 200, "", "alice PUT" + book + "c1:Carol C"},
-          {"alice GET /addressbooks?contacts=true", kNone, 200,
-           books({"contacts-alice"}, {{"contacts", {full}}}), ""},
-          {"bob GET /addressbooks?contacts=true", kNone, 200,
-           books({"contacts-bob"}, {{"contacts", kNone}}), ""},
-          {"alice GET /addressbooks?phonebooks=true&static=true&contacts=false", kNone, 200,
-           books({"staff", "pb"}, staff), ""},
-          {"alice GET /addressbooks?static=false", kNone, 200, books({}), ""},
-          {"alice GET /addressbooks", kNone, 200, books({"contacts-alice", "staff", "pb"}), ""},
-      });
+  harness.run({
+      // The answer is the JSON text "", which the client reads as the empty body it expects.
+      {"alice POST userContacts", contact("c1", "C"), 200, "", "alice POST" + book + "c1:C"},
+      {"alice PUT userContacts/c1", full, 200, "", "alice PUT" + book + "c1:Carol C"},
+      {"alice GET /addressbooks?contacts=true", kNone, 200,
+       books({"contacts-alice"}, {{"contacts", {full}}}), ""},
+      {"bob GET /addressbooks?contacts=true", kNone, 200,
+       books({"contacts-bob"}, {{"contacts", kNone}}), ""},
+      {"alice GET /addressbooks?phonebooks=true&static=true&contacts=false", kNone, 200,
+       books({"staff", "pb"}, staff), ""},
+      {"alice GET /addressbooks?static=false", kNone, 200, books({}), ""},
+      {"alice GET /addressbooks", kNone, 200, books({"contacts-alice", "staff", "pb"}), ""},
+  });
 }
 
 TEST(EmulatorDomains, PresenceGoesToEverySocketSubscribedToIt) {
@@ -92,15 +67,14 @@ TEST(EmulatorDomains, PresenceGoesToEverySocketSubscribedToIt) {
   const json reset = {{"avatar", nullptr}, {"displayName", nullptr}};
   const json defaults = {{"avatar", nullptr}, {"displayName", "alice"}, {"note", "n"}};
   const json offline = {{"online", false}};
-  run(harness,
-      {
-          {"bob POST /presence", {{"address", "kel-user:alice"}}, 200, offline, ""},
-          {"carol POST /batch/presence", addresses, 200, found, ""},
-          {"alice PUT /presence/alice", changes, 200, busy, toSubscribers},
-          {"bob GET /presence/kel-user:alice?withoutAvatar=true", kNone, 200, withoutAvatar, ""},
-          {"bob GET /presence/alice@emulator.kel?withoutAvatar=false", kNone, 200, withAvatar, ""},
-          {"alice PUT /presence/kel-user:alice", reset, 200, defaults, toSubscribers},
-      });
+  harness.run({
+      {"bob POST /presence", {{"address", "kel-user:alice"}}, 200, offline, ""},
+      {"carol POST /batch/presence", addresses, 200, found, ""},
+      {"alice PUT /presence/alice", changes, 200, busy, toSubscribers},
+      {"bob GET /presence/kel-user:alice?withoutAvatar=true", kNone, 200, withoutAvatar, ""},
+      {"bob GET /presence/alice@emulator.kel?withoutAvatar=false", kNone, 200, withAvatar, ""},
+      {"alice PUT /presence/kel-user:alice", reset, 200, defaults, toSubscribers},
+  });
 
   // A closed socket's subscription is forgotten at the next change it misses.
   harness.closedSockets = {3};
@@ -130,55 +104,52 @@ TEST(EmulatorDomains, GroupsAreChangedByTheirOwnerAndTellEveryoneConcerned) {
   const auto left = [](const std::string& user, const std::string& group) {
     return user + " DELETE /usersGroup/participant {\"groupId\":\"" + group + "\"}; ";
   };
-  run(harness,
-      {
-          {"alice POST /usersGroup", named, 200, created, "alice POST /usersGroup group-1[]"},
-          {"alice POST /usersGroup", named, 200, groups({"group-2"})[0],
-           "alice POST /usersGroup group-2[]"},
-          {"alice POST /usersGroup/group-1/participants", bob, 200, ok,
-           "bob POST /usersGroup group-1[bob]; alice PUT /usersGroup group-1[bob]"},
-          {"alice POST /usersGroup/group-1/participants", carol, 200, ok,
-           "carol POST /usersGroup group-1[bob carol]; alice PUT /usersGroup group-1[bob carol]; "
-           "bob PUT /usersGroup group-1[bob carol]"},
-          {"alice PUT /usersGroup/group-1/participants", reordered, 200, ok,
-           "alice PUT /usersGroup group-1[carol bob]; carol PUT /usersGroup group-1[carol bob]; "
-           "bob PUT /usersGroup group-1[carol bob]"},
-          {"alice POST /usersGroup/group-2/participants", bob, 200, ok,
-           "bob POST /usersGroup group-2[bob]; alice PUT /usersGroup group-2[bob]"},
-          {"bob GET /usersGroup?participating=true", kNone, 200, groups({"group-1", "group-2"}),
-           ""},
-          {"bob GET /usersGroup?participating=false", kNone, 200, kNone, ""},
-          {"alice GET /usersGroup?participating=false", kNone, 200, groups({"group-1", "group-2"}),
-           ""},
-          {"alice GET /usersGroup?participating=true", kNone, 200, kNone, ""},
-          // The client's path for leaving has two slashes.
-          {"bob DELETE /usersGroup/group-1//leave", kNone, 200, ok,
-           left("bob", "group-1") +
-               "alice PUT /usersGroup group-1[carol]; carol PUT /usersGroup group-1[carol]"},
-          {"alice POST /usersGroup/group-1/participants", bob, 200, ok,
-           "bob POST /usersGroup group-1[carol bob]; alice PUT /usersGroup group-1[carol bob]; "
-           "carol PUT /usersGroup group-1[carol bob]"},
-          {"alice DELETE /usersGroup/group-1/participants", carol, 200, ok,
-           left("carol", "group-1") +
-               "alice PUT /usersGroup group-1[bob]; bob PUT /usersGroup group-1[bob]"},
-          {"alice POST /usersGroup/group-2/participants", carol, 200, ok,
-           "carol POST /usersGroup group-2[bob carol]; alice PUT /usersGroup group-2[bob carol]; "
-           "bob PUT /usersGroup group-2[bob carol]"},
-          {"alice DELETE /usersGroup/group-2/participants", kNone, 200, ok,
-           left("bob", "group-2") + left("carol", "group-2") + "alice PUT /usersGroup group-2[]"},
-          {"alice POST /usersGroup/group-2/participants", bob, 200, ok,
-           "bob POST /usersGroup group-2[bob]; alice PUT /usersGroup group-2[bob]"},
-          {"bob DELETE /usersGroups/participations", kNone, 200, ok,
-           left("bob", "group-1") + "alice PUT /usersGroup group-1[]; " + left("bob", "group-2") +
-               "alice PUT /usersGroup group-2[]"},
-          {"alice POST /usersGroup/group-1/participants", carol, 200, ok,
-           "carol POST /usersGroup group-1[carol]; alice PUT /usersGroup group-1[carol]"},
-          // Text values only: the client drops a deletion whose body holds anything else.
-          {"alice DELETE /usersGroup/group-1", kNone, 200, ok,
-           "alice DELETE /usersGroup {\"groupId\":\"group-1\"}; "
-           "carol DELETE /usersGroup {\"groupId\":\"group-1\"}"},
-          {"carol GET /usersGroup/group-1", kNone, 404, nullptr, ""},
-      });
+  harness.run({
+      {"alice POST /usersGroup", named, 200, created, "alice POST /usersGroup group-1[]"},
+      {"alice POST /usersGroup", named, 200, groups({"group-2"})[0],
+       "alice POST /usersGroup group-2[]"},
+      {"alice POST /usersGroup/group-1/participants", bob, 200, ok,
+       "bob POST /usersGroup group-1[bob]; alice PUT /usersGroup group-1[bob]"},
+      {"alice POST /usersGroup/group-1/participants", carol, 200, ok,
+       "carol POST /usersGroup group-1[bob carol]; alice PUT /usersGroup group-1[bob carol]; "
+       "bob PUT /usersGroup group-1[bob carol]"},
+      {"alice PUT /usersGroup/group-1/participants", reordered, 200, ok,
+       "alice PUT /usersGroup group-1[carol bob]; carol PUT /usersGroup group-1[carol bob]; "
+       "bob PUT /usersGroup group-1[carol bob]"},
+      {"alice POST /usersGroup/group-2/participants", bob, 200, ok,
+       "bob POST /usersGroup group-2[bob]; alice PUT /usersGroup group-2[bob]"},
+      {"bob GET /usersGroup?participating=true", kNone, 200, groups({"group-1", "group-2"}), ""},
+      {"bob GET /usersGroup?participating=false", kNone, 200, kNone, ""},
+      {"alice GET /usersGroup?participating=false", kNone, 200, groups({"group-1", "group-2"}), ""},
+      {"alice GET /usersGroup?participating=true", kNone, 200, kNone, ""},
+      // The client's path for leaving has two slashes.
+      {"bob DELETE /usersGroup/group-1//leave", kNone, 200, ok,
+       left("bob", "group-1") +
+           "alice PUT /usersGroup group-1[carol]; carol PUT /usersGroup group-1[carol]"},
+      {"alice POST /usersGroup/group-1/participants", bob, 200, ok,
+       "bob POST /usersGroup group-1[carol bob]; alice PUT /usersGroup group-1[carol bob]; "
+       "carol PUT /usersGroup group-1[carol bob]"},
+      {"alice DELETE /usersGroup/group-1/participants", carol, 200, ok,
+       left("carol", "group-1") +
+           "alice PUT /usersGroup group-1[bob]; bob PUT /usersGroup group-1[bob]"},
+      {"alice POST /usersGroup/group-2/participants", carol, 200, ok,
+       "carol POST /usersGroup group-2[bob carol]; alice PUT /usersGroup group-2[bob carol]; "
+       "bob PUT /usersGroup group-2[bob carol]"},
+      {"alice DELETE /usersGroup/group-2/participants", kNone, 200, ok,
+       left("bob", "group-2") + left("carol", "group-2") + "alice PUT /usersGroup group-2[]"},
+      {"alice POST /usersGroup/group-2/participants", bob, 200, ok,
+       "bob POST /usersGroup group-2[bob]; alice PUT /usersGroup group-2[bob]"},
+      {"bob DELETE /usersGroups/participations", kNone, 200, ok,
+       left("bob", "group-1") + "alice PUT /usersGroup group-1[]; " + left("bob", "group-2") +
+           "alice PUT /usersGroup group-2[]"},
+      {"alice POST /usersGroup/group-1/participants", carol, 200, ok,
+       "carol POST /usersGroup group-1[carol]; alice PUT /usersGroup group-1[carol]"},
+      // Text values only: the client drops a deletion whose body holds anything else.
+      {"alice DELETE /usersGroup/group-1", kNone, 200, ok,
+       "alice DELETE /usersGroup {\"groupId\":\"group-1\"}; "
+       "carol DELETE /usersGroup {\"groupId\":\"group-1\"}"},
+      {"carol GET /usersGroup/group-1", kNone, 404, nullptr, ""},
+  });
 }
 
 // Every refused request is answered with its reason and leaves everything as it was.

@@ -28,7 +28,14 @@ const json kFixture = json::parse(R"({
   "directories": [{"id": "staff", "name": "Staff", "type": "static",
                    "contacts": [{"id": "s1", "name": "Sam", "favorite": false}]}],
   "groups": [{"groupId": "sales", "name": "Sales", "owner": "dave", "participants": ["erin", "alice"],
-              "ringingStrategy": {"type": "simultaneous-reduced", "properties": {"steps": 2}}}]
+              "ringingStrategy": {"type": "simultaneous-reduced", "properties": {"steps": 2}}}],
+  "meetings": [{"id": "m1", "owner": "dave", "name": "Plan", "language": "en",
+                "participants": [{"email": "erin@emulator.kel"}], "validSince": 1700000000000,
+                "validUntil": 1700003600000, "record": {"type": "all"}}],
+  "calls": [{"from": "erin", "to": "dave", "outcome": "missed", "endedAt": 1700000060000,
+             "durationSeconds": 60}],
+  "alertTemplates": [{"templateId": "fire", "title": "Fire", "payload": "Leave"}],
+  "chats": {"dave": ["erin@emulator.kel"]}
 })");
 
 TEST(EmulatorFixture, SetsUpAccountsSessionsAndEveryDomain) {
@@ -52,6 +59,17 @@ TEST(EmulatorFixture, SetsUpAccountsSessionsAndEveryDomain) {
                         {"participants", {"erin", "alice"}},
                         {"owner", {{"id", "dave"}, {"alias", "Dave D"}}},
                         {"ringingStrategy", kFixture["groups"][0]["ringingStrategy"]}}));
+  EXPECT_TRUE(includes(*domains.meetings.meeting("m1"), {{"url", "https://meet.emulator.kel/m1"},
+                                                         {"participants", {{{"userId", "erin"}}}},
+                                                         {"isPasswordProtected", false},
+                                                         {"validUntil", 1700003600000}}));
+  const auto entries = domains.callHistory.entries();
+  ASSERT_EQ(1u, entries.size());
+  EXPECT_TRUE(includes(entries[0], {{"createdAt", 1700000000000}, {"finishedAt", 1700000060000}}));
+  EXPECT_EQ(1u, domains.callHistory.missedCalls("dave").size());
+  EXPECT_EQ(kFixture["alertTemplates"], json(domains.alerts.templates()));
+  EXPECT_EQ(std::vector<std::string>{"erin@emulator.kel"}, domains.chatLists.chats("dave"));
+  EXPECT_TRUE(harness.pushed.empty()) << "history is loaded without events";
 }
 
 TEST(EmulatorFixture, InvalidFixturesNameTheMemberAndChangeNothing) {
@@ -78,6 +96,20 @@ TEST(EmulatorFixture, InvalidFixturesNameTheMemberAndChangeNothing) {
       {R"({"groups": [{"groupId": "g", "name": "G", "owner": "alice",
                        "ringingStrategy": {"type": "sequential", "properties": {"steps": 1}}}]})",
        R"("groups[0].ringingStrategy.properties.delay" is missing)"},
+      {R"({"meetings": [{"id": "m", "owner": "alice", "name": "M", "language": "en",
+                         "participants": [], "validSince": 1, "record": {"type": "all"},
+                         "sendInvites": true}]})",
+       R"("meetings[0].sendInvites" is not known)"},
+      {R"({"meetings": [{"id": "m", "owner": "zed", "name": "M", "language": "en",
+                         "participants": [], "validSince": 1, "record": {"type": "all"}}]})",
+       R"("meetings[0].owner": no user "zed")"},
+      {R"({"calls": [{"from": "alice", "to": "bob", "outcome": "lost"}]})",
+       R"("calls[0].outcome" must be)"},
+      {R"({"calls": [{"from": "alice", "to": "zed", "outcome": "missed"}]})",
+       R"("calls[0].to": no user "zed")"},
+      {R"({"alertTemplates": [{"templateId": "t", "title": "T"}]})",
+       R"("alertTemplates[0].payload" is missing)"},
+      {R"({"chats": {"alice": ["bob"]}})", R"("chats.alice": "bob" is no JID)"},
       // Valid users followed by an invalid part: the users are not added either.
       {R"({"users": [{"id": "new", "token": "nt"}],
            "groups": [{"groupId": "g", "name": "G", "owner": "new", "participants": ["zed"]}]})",

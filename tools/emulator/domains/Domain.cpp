@@ -1,6 +1,7 @@
 #include "emulator/domains/Domain.h"
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
 
 namespace kel::emulator {
@@ -11,6 +12,31 @@ std::optional<json> DomainContext::user(std::string_view userId) const {
   auto account = signIn.account(userId);
   if (!account) return std::nullopt;
   return std::move(account->user);
+}
+
+std::vector<std::string> DomainContext::userIds() const {
+  std::vector<std::string> ids;
+  for (const auto& user : store.users()) ids.push_back(user.id);
+  return ids;
+}
+
+std::int64_t millis(TimePoint time) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
+}
+
+TimePoint fromMillis(std::int64_t millis) {
+  return TimePoint(
+      std::chrono::duration_cast<TimePoint::duration>(std::chrono::milliseconds(millis)));
+}
+
+TimePoint DomainClock::now() const {
+  std::lock_guard lock(mutex_);
+  return now_ ? now_() : std::chrono::system_clock::now();
+}
+
+void DomainClock::set(std::function<TimePoint()> now) {
+  std::lock_guard lock(mutex_);
+  now_ = std::move(now);
 }
 
 ResourceHandler refusing(ResourceHandler handler) {
@@ -91,6 +117,29 @@ std::optional<std::string> optionalText(const json& object, std::string_view key
   const auto* value = member(object, key, JsonKind::text, where, false);
   if (value == nullptr) return std::nullopt;
   return value->get<std::string>();
+}
+
+std::optional<std::int64_t> optionalInstant(const json& object, std::string_view key,
+                                            std::string_view where) {
+  if (!object.is_object()) throw Refusal(400, memberName(where, "") + " must be an object");
+  const auto found = object.find(key);
+  if (found == object.end() || found->is_null()) return std::nullopt;
+  // Clients write instants as floating-point milliseconds; anything beyond ±10^15 ms (some 30,000
+  // years) is no date.
+  if (!found->is_number() || !(std::abs(found->get<double>()) < 1e15)) {
+    throw Refusal(400, memberName(where, key) + " must be a number of milliseconds");
+  }
+  return std::llround(found->get<double>());
+}
+
+std::int64_t instant(const json& object, std::string_view key, std::string_view where) {
+  auto value = optionalInstant(object, key, where);
+  if (!value) throw Refusal(400, memberName(where, key) + " is missing");
+  return *value;
+}
+
+void requireEmptyBody(const json& body) {
+  if (!body.empty()) throw Refusal(400, "the body must be empty ({} or [])");
 }
 
 void onlyKnownKeys(const json& object, std::initializer_list<std::string_view> known,

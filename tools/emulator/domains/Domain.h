@@ -1,23 +1,26 @@
 #pragma once
 
-// What the emulator's domains (user contacts, address books, presence, groups) share: the
-// accounts they read, the one push function through which their events leave, the refusal that
-// turns into an error answer, and the checks of JSON bodies and fixture parts.
+// What the emulator's domains share: the accounts they read, the one push function through which
+// their events leave, the clock of the domains that keep time, the refusal that turns into an
+// error answer, and the checks of JSON bodies and fixture parts.
 //
 // A domain validates a request completely before it changes anything, so a refused request
 // (400, 403, 404, 409) leaves its state as it was. Events are pushed while the domain's mutex is
 // held, so that they leave in the order of the changes; pushing only queues frames.
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
 #include <map>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -39,6 +42,25 @@ using UserIds = std::set<std::string, std::less<>>;
 /// A user's presence address: "kel-user:" + id.
 inline constexpr std::string_view kUserAddressPrefix = "kel-user:";
 
+using TimePoint = std::chrono::system_clock::time_point;
+
+/// Milliseconds since the Unix epoch, as instants travel on the wire.
+std::int64_t millis(TimePoint time);
+TimePoint fromMillis(std::int64_t millis);
+
+/// The time of the domains that keep it (call history, alerts): the system clock until a test
+/// sets its own, so that expiry is driven without waiting.
+class DomainClock {
+ public:
+  TimePoint now() const;
+  /// An empty function restores the system clock.
+  void set(std::function<TimePoint()> now);
+
+ private:
+  mutable std::mutex mutex_;  // guards now_
+  std::function<TimePoint()> now_;
+};
+
 struct DomainContext {
   SessionStore& store;
   SignIn& signIn;
@@ -47,6 +69,8 @@ struct DomainContext {
   /// The user record ("userObj" of the sign-in answer) of a known user.
   std::optional<nlohmann::json> user(std::string_view userId) const;
   bool knows(std::string_view userId) const { return store.user(userId).has_value(); }
+  /// Every known user id, in order.
+  std::vector<std::string> userIds() const;
 };
 
 /// A request refused before anything changed; answered with its status and {"message": what()}.
@@ -81,6 +105,12 @@ std::string text(const nlohmann::json& object, std::string_view key, std::string
 /// A text that is not empty (an identifier).
 std::string identifier(const nlohmann::json& object, std::string_view key,
                        std::string_view where = {});
+/// A JSON number (integer or not) as whole milliseconds.
+std::int64_t instant(const nlohmann::json& object, std::string_view key, std::string_view where);
+std::optional<std::int64_t> optionalInstant(const nlohmann::json& object, std::string_view key,
+                                            std::string_view where);
+/// A body that carries nothing: an empty object or list (what clients send without a body).
+void requireEmptyBody(const nlohmann::json& body);
 std::optional<std::string> optionalText(const nlohmann::json& object, std::string_view key,
                                         std::string_view where = {});
 /// Throws Refusal(400) naming the first member of `object` whose key is not in `known`.

@@ -1,0 +1,288 @@
+// The conference log, missed calls and alerts: operator calls and a driven clock make the history;
+// the tables check what clients read of it and the events they get.
+
+#include <gtest/gtest.h>
+
+#include "DomainHarness.h"
+
+namespace kel::emulator::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::int64_t kT = 1'700'000'000'000;  // the harness's clock, in milliseconds
+
+json ids(std::vector<std::string> ids) {
+  json list = json::array();
+  for (const auto& id : ids) list.push_back({{"id", id}});
+  return list;
+}
+
+TEST(EmulatorCallHistory, CallsFillBothLogsAndMissedCallsTheCalleesList) {
+  DomainHarness harness;
+  auto& calls = harness.domains.callHistory;
+  calls.placeCall({"alice", "bob", CallOutcome::answered, 60s, true});
+  EXPECT_EQ((std::vector<std::string>{
+                "alice POST /conferences conference-1 ACCEPTED",
+                "bob POST /conferences conference-1 ACCEPTED",
+            }),
+            harness.pushed);
+  harness.pushed.clear();
+  harness.now += 1h;
+  const auto missed = calls.placeCall({"bob", "alice", CallOutcome::missed, 30s, false});
+  const json missedItem = {{"id", "missed-2"},
+                           {"conferenceId", "conference-2"},
+                           {"from", "kel-user:bob"},
+                           {"createdAt", kT + 3'600'000 - 30'000}};
+  EXPECT_EQ((std::vector<std::string>{
+                "bob POST /conferences conference-2 DECLINED_BY_TIMEOUT",
+                "alice POST /conferences conference-2 DECLINED_BY_TIMEOUT",
+                "alice PUT /missedCalls/alice " + json{{"items", {missedItem}}}.dump(),
+            }),
+            harness.pushed);
+  const json entry = {{"id", "conference-2"},
+                      {"roomId", "room-2"},
+                      {"state", "finished"},
+                      {"type", "call"},
+                      {"createdAt", kT + 3'600'000 - 30'000},
+                      {"finishedAt", kT + 3'600'000},
+                      {"invites",
+                       {{{"from", "kel-user:bob"},
+                         {"to", "kel-user:alice"},
+                         {"candidates", {{{"address", "kel-user:alice"}, {"endReason", 408}}}},
+                         {"state", "DECLINED_BY_TIMEOUT"},
+                         {"group", false},
+                         {"error", 408},
+                         {"mediatypes", {{"audio", true}, {"video", false}}}}}},
+                      {"participants",
+                       {{{"address", "kel-user:bob"},
+                         {"createdAt", kT + 3'600'000 - 30'000},
+                         {"finishedAt", kT + 3'600'000}}}},
+                      {"transfers", json::array()}};
+  EXPECT_EQ(entry, missed);
+  harness.now += 1h;
+  calls.placeCall({"alice", "carol", CallOutcome::declined, 0s, false});
+  harness.now += 1h;
+  calls.placeCall({"carol", "alice", CallOutcome::missed, 0s, false});
+
+  const auto since = std::to_string(kT + 3'600'000 - 30'000);
+  const auto before = std::to_string(kT + 7'200'000);
+  harness.run({
+      {"alice GET /conferences?limit=2&sortBy=createdAt.desc", kNoBody, 200,
+       ids({"conference-4", "conference-3"}), ""},
+      {"alice GET /conferences?limit=20&sortBy=createdAt.asc&createdAtSince=" + since +
+           "&createdAtBefore=" + before,
+       kNoBody, 200, ids({"conference-2"}), ""},
+      {"bob GET /conferences?limit=20&sortBy=createdAt.asc", kNoBody, 200,
+       ids({"conference-1", "conference-2"}), ""},
+      {"carol GET /conferences", kNoBody, 200,
+       json{{{"id", "conference-4"}, {"invites", {{{"state", "DECLINED_BY_TIMEOUT"}}}}},
+            {{"id", "conference-3"}, {"invites", {{{"state", "DECLINED"}, {"error", 603}}}}}},
+       ""},
+      {"alice GET /missedCalls/alice",
+       kNoBody,
+       200,
+       {{"data", {{"items", ids({"missed-2", "missed-4"})}}}},
+       ""},
+      {"bob GET /missedCalls/bob", kNoBody, 200, {{"data", {{"items", kNoBody}}}}, ""},
+      {"alice POST /missedCalls/alice/read?last=missed-2", json::object(), 200, nullptr, ""},
+      {"alice GET /missedCalls/alice",
+       kNoBody,
+       200,
+       {{"data", {{"items", ids({"missed-4"})}}}},
+       ""},
+      {"alice POST /missedCalls/alice/read?last=missed-4", json::object(), 200, nullptr, ""},
+      {"alice GET /missedCalls/alice", kNoBody, 200, {{"data", {{"items", kNoBody}}}}, ""},
+  });
+  EXPECT_THROW(calls.placeCall({"alice", "zed", CallOutcome::answered, 0s, false}),
+               std::invalid_argument);
+}
+
+// The program's operator places calls with a plain HTTP request.
+TEST(EmulatorCallHistory, TheControlRequestPlacesACallOrRefusesItUnchanged) {
+  DomainHarness harness;
+  const auto post = [&](std::string body) {
+    HttpRequest request;
+    request.method = "POST";
+    request.path = "/emulator/calls";
+    request.body = std::move(body);
+    return harness.http.handle(std::move(request));
+  };
+  const auto placed =
+      post(R"({"from": "carol", "to": "bob", "outcome": "busy", "durationSeconds": 5})");
+  EXPECT_EQ(200, placed.status);
+  EXPECT_TRUE(includes(json::parse(placed.body),
+                       {{"createdAt", kT - 5000}, {"invites", {{{"error", 486}}}}}));
+  EXPECT_EQ(2u, harness.pushed.size());
+  const auto before = harness.state();
+  harness.pushed.clear();
+  for (const auto& [body, status] : std::vector<std::pair<std::string, int>>{
+           {R"({"from": "carol", "to": "zed", "outcome": "missed"})", 404},
+           {R"({"from": "carol", "to": "carol", "outcome": "missed"})", 400},
+           {R"({"from": "carol", "to": "bob", "outcome": "missed", "durationSeconds": -1})", 400},
+           {R"({"from": "carol", "to": "bob"})", 400},
+           {"carol calls bob", 400},
+       }) {
+    EXPECT_EQ(status, post(body).status) << body;
+  }
+  EXPECT_EQ(before, harness.state());
+  EXPECT_TRUE(harness.pushed.empty());
+}
+
+// Alerts go to every user of the raiser's domain (dave is elsewhere); they are accepted by
+// another user or expire after their lifetime, and the lists show each within its window.
+TEST(EmulatorAlerts, RaisedAcceptedAndExpiredAlertsReachTheWholeDomain) {
+  DomainHarness harness;
+  auto dave = defaultAccount("dave");
+  dave.user["domain"] = "elsewhere.kel";
+  harness.signIn.addAccount(dave);
+  auto& alerts = harness.domains.alerts;
+  alerts.addTemplate({{"templateId", "fire"}, {"title", "Fire"}, {"payload", "Leave now"}});
+  alerts.setLifetime(10min);
+  const auto toDomain = [](const std::string& method, const std::string& what) {
+    std::string events;
+    for (const auto* user : {"alice", "bob", "carol"}) {
+      events += std::string(events.empty() ? "" : "; ") + user + " " + method + " /alerts " + what;
+    }
+    return events;
+  };
+  const json raised = {{"alertId", "A-1"},       {"from", "alice"},      {"title", "Fire"},
+                       {"payload", "Leave now"}, {"createdAt", kT},      {"cancelled", false},
+                       {"resolvedAt", nullptr},  {"acceptedBy", nullptr}};
+  const json accepted = {{"alertId", "A-1"}, {"acceptedBy", "bob"}, {"resolvedAt", kT}};
+  harness.run({
+      {"bob GET /alerts/templates",
+       kNoBody,
+       200,
+       {{"alertTemplates",
+         {{{"templateId", "fire"}, {"title", "Fire"}, {"payload", "Leave now"}}}}},
+       ""},
+      {"alice POST /alerts",
+       {{"alertId", "A-1"}, {"templateId", "fire"}},
+       200,
+       raised,
+       toDomain("POST", "A-1 active")},
+      {"alice POST /alerts",
+       {{"alertId", "A-2"}, {"templateId", "fire"}},
+       200,
+       nullptr,
+       toDomain("POST", "A-2 active")},
+      {"bob POST /alerts/accept",
+       {{"alertId", "A-1"}},
+       200,
+       nullptr,
+       toDomain("PUT", "A-1 accepted by bob")},
+      {"carol GET /alerts?acceptedSince=60000",
+       kNoBody,
+       200,
+       {{"active", {{{"alertId", "A-2"}}}}, {"accepted", {accepted}}, {"expired", kNoBody}},
+       ""},
+      {"carol GET /alerts", kNoBody, 200, {{"accepted", kNoBody}, {"cancelled", kNoBody}}, ""},
+      {"dave GET /alerts?acceptedSince=-1&expiredSince=-1",
+       kNoBody,
+       200,
+       {{"active", kNoBody}, {"accepted", kNoBody}, {"expired", kNoBody}},
+       ""},
+  });
+
+  harness.now += 10min - 1ms;
+  EXPECT_EQ(0u, alerts.expireDue());
+  harness.now += 1ms;
+  harness.pushed.clear();
+  EXPECT_EQ(1u, alerts.expireDue());
+  EXPECT_EQ(toDomain("DELETE", "A-2 expired"), [&] {
+    std::string events;
+    for (const auto& e : harness.pushed) events += (events.empty() ? "" : "; ") + e;
+    return events;
+  }());
+  harness.now += 1min;
+  const auto expired = json{{{"alertId", "A-2"}, {"resolvedAt", kT + 600'000}}};
+  harness.run({
+      // The accepted alert is 11 minutes old, the expired one 1 minute.
+      {"bob GET /alerts?acceptedSince=600000&expiredSince=60000",
+       kNoBody,
+       200,
+       {{"active", kNoBody}, {"accepted", kNoBody}, {"expired", expired}},
+       ""},
+      {"bob GET /alerts?acceptedSince=-1&expiredSince=59999",
+       kNoBody,
+       200,
+       {{"accepted", {accepted}}, {"expired", kNoBody}},
+       ""},
+      {"carol POST /alerts/accept", {{"alertId", "A-2"}}, 409, nullptr, ""},
+  });
+}
+
+// Every refused request is answered with its reason and leaves everything as it was.
+TEST(EmulatorDomains, RefusedRequestsOfTheCallMeetingAlertAndChatDomainsChangeNothing) {
+  DomainHarness harness;
+  harness.domains.alerts.addTemplate({{"templateId", "t"}, {"title", "T"}, {"payload", "P"}});
+  const json valid = {{"name", "M"},
+                      {"participants", json::array()},
+                      {"language", "en"},
+                      {"validSince", 1.7e12},
+                      {"record", {{"type", "none"}}}};
+  ASSERT_EQ(200, harness.call("alice POST /meetings", valid).status);
+  ASSERT_EQ(200,
+            harness.call("alice POST /alerts", {{"alertId", "a1"}, {"templateId", "t"}}).status);
+  ASSERT_EQ(200, harness.call("alice PUT /xmpp/individualChatList/bob@kel").status);
+  harness.domains.callHistory.placeCall({"bob", "alice", CallOutcome::missed, 0s, false});
+  const auto with = [&](json more) {
+    auto body = valid;
+    body.update(more);
+    return body;
+  };
+
+  struct Refused {
+    std::string request;
+    json body;
+    int status;
+  };
+  const std::vector<Refused> refused{
+      {"alice POST /meetings", {{"name", "M"}}, 400},
+      {"alice POST /meetings", with({{"sendInvites", true}}), 400},
+      {"alice POST /meetings", with({{"validSince", "tomorrow"}}), 400},
+      {"alice POST /meetings", with({{"validUntil", 1.6e12}}), 400},
+      {"alice POST /meetings", with({{"record", {{"type", "some"}}}}), 400},
+      {"alice POST /meetings", with({{"participants", {{{"sendSMS", true}}}}}), 400},
+      {"alice POST /meetings", "meeting", 400},
+      {"alice PUT /meetings/meeting-1?sendInvites=maybe", valid, 400},
+      {"alice PUT /meetings/meeting-9", valid, 404},
+      {"bob PUT /meetings/meeting-1", valid, 403},
+      {"bob DELETE /meetings/meeting-1", kNoBody, 403},
+      {"alice GET /meetings?validUntil=soon", kNoBody, 400},
+      {"alice GET /meetings?all=yes", kNoBody, 400},
+      {"alice GET /conferences?limit=ten", kNoBody, 400},
+      {"alice GET /conferences?limit=-1", kNoBody, 400},
+      {"alice GET /conferences?sortBy=name", kNoBody, 400},
+      {"bob GET /missedCalls/alice", kNoBody, 403},
+      {"bob POST /missedCalls/alice/read?last=missed-1", json::object(), 403},
+      {"alice POST /missedCalls/alice/read", json::object(), 400},
+      {"alice POST /missedCalls/alice/read?last=missed-9", json::object(), 404},
+      {"bob POST /alerts", {{"alertId", "a2"}, {"templateId", "nope"}}, 404},
+      {"bob POST /alerts", {{"alertId", "a1"}, {"templateId", "t"}}, 409},
+      {"bob POST /alerts", {{"templateId", "t"}}, 400},
+      {"bob POST /alerts", {{"alertId", "a2"}, {"templateId", "t"}, {"x", 1}}, 400},
+      {"bob POST /alerts/accept", {{"alertId", "a9"}}, 404},
+      {"bob POST /alerts/accept", {{"alertId", 1}}, 400},
+      {"alice POST /alerts/accept", {{"alertId", "a1"}}, 403},
+      {"bob GET /alerts?expiredSince=-5", kNoBody, 400},
+      {"bob GET /alerts?acceptedSince=lately", kNoBody, 400},
+      {"alice PUT /xmpp/individualChatList/bob", kNoBody, 400},
+      {"alice PUT /xmpp/individualChatList/carol@kel", {{"jid", "carol@kel"}}, 400},
+      {"alice DELETE /xmpp/individualChatList/carol@kel", kNoBody, 404},
+  };
+  const auto before = harness.state();
+  harness.pushed.clear();
+  for (const auto& [request, body, status] : refused) {
+    SCOPED_TRACE(request + " " + body.dump());
+    const auto reply = harness.call(request, body);
+    EXPECT_EQ(status, reply.status);
+    EXPECT_TRUE(reply.body.contains("message")) << reply.body.dump();
+    EXPECT_EQ(before, harness.state());
+    EXPECT_TRUE(harness.pushed.empty());
+  }
+}
+
+}  // namespace
+}  // namespace kel::emulator::test
