@@ -10,10 +10,10 @@
 
 namespace kel::test {
 
-/// The exit code (-1 when it did not exit) and the standard output of `command`.
-inline std::pair<int, std::string> runShell(const std::string& command) {
+/// The exit code (-1 when it did not exit) and the standard output of a command started with
+/// popen(), once it ends.
+inline std::pair<int, std::string> finishShell(FILE* pipe) {
   std::string output;
-  FILE* pipe = ::popen(command.c_str(), "r");
   if (pipe == nullptr) return {-1, output};
   char buffer[4096];
   for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) {
@@ -21,6 +21,10 @@ inline std::pair<int, std::string> runShell(const std::string& command) {
   }
   const int status = ::pclose(pipe);
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, std::move(output)};
+}
+
+inline std::pair<int, std::string> runShell(const std::string& command) {
+  return finishShell(::popen(command.c_str(), "r"));
 }
 
 /// `text` as one shell word.

@@ -34,10 +34,6 @@ JsonRequest<Resources> request(Resources path, nlohmann::json body = nlohmann::j
   return {.pathname = path, .body = std::move(body), .method = "POST"};
 }
 
-bool isAuthenticated(const SocketState& state) {
-  return state == SocketState::authenticated();
-}
-
 class SocketClientAgainstEmulator : public ::testing::Test {
  protected:
   // A client made by the builder on the system's platform, as the facade makes it.
@@ -50,20 +46,12 @@ class SocketClientAgainstEmulator : public ::testing::Test {
     urls_ = emulator_.start();
     builder_ = SocketBuilder::create(
         boost::urls::url(urls_.kelURL), boost::urls::url(urls_.socketURL), events_,
-        [this] { return std::optional(token_); }, SocketBuilder::Platform::system(), 100ms);
+        [this] { return std::optional(token_); }, SocketBuilder::Platform::system());
     client_ = std::dynamic_pointer_cast<KelSocketClient>(builder_->newSocket());
-    states_ =
-        std::make_shared<StreamRecorder<SocketState>>(client_->socketConnectionEventChannel());
   }
   void TearDown() override {
     client_->stop(platform::SocketCloseCode::normalClosure);
     platform::HTTPCookieStorage::shared()->removeAllCookies();
-  }
-
-  /// Connects and authenticates, failing the test when that does not happen.
-  void connect() {
-    ASSERT_NO_THROW(testing::await(client_->connect(token_).asSingle()));
-    ASSERT_TRUE(isAuthenticated(client_->currentStatus()));
   }
 
   /// Sends and waits for the outcome.
@@ -79,7 +67,6 @@ class SocketClientAgainstEmulator : public ::testing::Test {
   std::shared_ptr<KelEventHandler> events_ = std::make_shared<KelEventHandler>();
   std::shared_ptr<SocketBuilder> builder_;
   std::shared_ptr<KelSocketClient> client_;
-  std::shared_ptr<StreamRecorder<SocketState>> states_;
 };
 
 TEST_F(SocketClientAgainstEmulator, SignsInSendsTheSessionCookieAndExchangesRequestsAndEvents) {
@@ -87,7 +74,8 @@ TEST_F(SocketClientAgainstEmulator, SignsInSendsTheSessionCookieAndExchangesRequ
   ASSERT_TRUE(platform::HTTPCookieStorage::shared()->setCookie(
       "SESSION=abc123; Path=/",
       boost::urls::url("http://127.0.0.1:" + std::to_string(urls_.port))));
-  connect();
+  ASSERT_NO_THROW(testing::await(client_->connect(token_).asSingle()));
+  ASSERT_EQ(SocketState::authenticated(), client_->currentStatus());
   const auto socket = emulator_.waitForSocket([](auto& s) { return s.authenticated; }, 5s);
   ASSERT_TRUE(socket);
   EXPECT_EQ("SESSION=abc123", socket->cookieHeader);
@@ -109,30 +97,6 @@ TEST_F(SocketClientAgainstEmulator, SignsInSendsTheSessionCookieAndExchangesRequ
                                     {{"status", "away"}}));
   ASSERT_TRUE(received->waitFor([](const KelEvent& e) { return e.param == "alice"; }));
   EXPECT_EQ("PUT", received->values()[0].method);
-}
-
-TEST_F(SocketClientAgainstEmulator, ReconnectsAndAuthenticatesAgainAfterAnAbruptDrop) {
-  connect();
-
-  emulator_.refuseConnections();
-  ASSERT_EQ(1u, emulator_.dropSockets(Recipients::all()));
-  ASSERT_TRUE(states_->waitFor([](const SocketState& s) {
-    return s == SocketState::disconnected(SocketStateDisconnectedReason::lostConnection);
-  }));
-  // The reconnector keeps trying while the server turns it away...
-  ASSERT_TRUE(
-      emulator_.waitUntil([&] { return emulator_.counters().connectionsRefused >= 2; }, 5s));
-  EXPECT_EQ(1u, emulator_.counters().authSuccesses);
-  auto refused = send(request(Resources::echo));
-  const auto* noClient = errorAs<ConnectionError>(refused->error());
-  ASSERT_NE(nullptr, noClient);
-  EXPECT_EQ(ConnectionErrorType::noSocketClient, noClient->type());
-
-  // ... and gets through once it accepts again.
-  emulator_.acceptConnections();
-  ASSERT_TRUE(states_->waitFor(isAuthenticated, 2));
-  ASSERT_TRUE(emulator_.waitUntil([&] { return emulator_.counters().authSuccesses == 2; }, 5s));
-  EXPECT_EQ(1u, send(request(Resources::echo))->values().size());
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <tuple>
 
 #include <nlohmann/json.hpp>
 
@@ -62,11 +63,7 @@ StartedKel startKel(const std::vector<std::string>& arguments, const fs::path& c
 KelRun finishKel(const StartedKel& kel) {
   KelRun run;
   if (kel.pipe == nullptr) return run;
-  char buffer[4096];
-  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, kel.pipe)) > 0;)
-    run.out.append(buffer, n);
-  const int status = ::pclose(kel.pipe);
-  run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  std::tie(run.exitCode, run.out) = test::finishShell(kel.pipe);
   std::ostringstream err;
   err << std::ifstream(kel.errors, std::ios::binary).rdbuf();
   run.err = err.str();

@@ -10,6 +10,7 @@
 #include "ServerClient/Common/SDKError.h"
 #include "ServerClient/Utils/Description.h"
 #include "ServerClient/Utils/JsonCollection.h"
+#include "support/SignInAnswer.h"
 #include "support/Thrown.h"
 
 namespace kel {
@@ -20,26 +21,19 @@ using namespace std::chrono;
 using Texts = std::vector<std::string>;
 
 json userJson() {
-  return {{"id", "u1"},        {"domain", "example.org"}, {"email", "ann@example.org"},
-          {"username", "ann"}, {"alias", "Ann"},          {"mobilePhone", {"+100", "+200"}},
-          {"role", "admin"}};
+  auto user = testing::userRecord("u1");
+  user["mobilePhone"] = {"+100", "+200"};
+  return user;
 }
 
+// Distinct tokens and a date in text form, so that each is seen to come from its own member.
 json answerJson() {
-  json session = {{"token", "session-own-token"},
-                  {"from", "2024-05-06T10:11:12.345Z"},
-                  {"id", "s-42"},
-                  {"registered", "yes"},
-                  {"to", 1715000000000},
-                  {"userObj", userJson()}};
-  json credential = {{"source", "gw"}, {"user", "kel-ann"},
-                     {"lease", 3600},  {"type", "sip"},
-                     {"id", "cred-7"}, {"data", {{"password", "pw"}, {"realm", "r"}}}};
-  return {{"access_token", "tok"},
-          {"token_type", "Bearer"},
-          {"session", session},
-          {"credential", credential},
-          {"capabilities", {{"domain", {"presence"}}, {"user", json::array()}}}};
+  auto answer = json::parse(testing::signInAnswer({"presence"}));
+  answer["access_token"] = "tok";
+  answer["session"]["from"] = "2024-05-06T10:11:12.345Z";
+  answer["session"]["userObj"] = userJson();
+  answer["credential"]["data"] = {{"password", "pw"}};
+  return answer;
 }
 
 /// The GenericError thrown by decoding `document` as T.
@@ -51,11 +45,11 @@ GenericError decodingError(const json& document) {
 TEST(AuthenticationDataTest, DecodesTheSignInAnswer) {
   const auto data = from<AuthenticationData>(answerJson().dump());
   EXPECT_EQ("tok", data.token);
-  EXPECT_EQ("session-own-token", data.session.token);
-  EXPECT_EQ(1715000000000, data.session.to);
+  EXPECT_EQ("T1", data.session.token);
+  EXPECT_EQ(1700003600000, data.session.to);
   EXPECT_EQ("u1", data.user.userId);
   EXPECT_EQ("kel-user:u1", data.user.kelUri());
-  EXPECT_EQ(3600, data.credential.lease);
+  EXPECT_EQ(1, data.credential.lease);
   EXPECT_EQ("pw", data.credential.gatewayCredential.at("password"));
   ASSERT_NE(nullptr, data.capabilities);
   EXPECT_EQ((Texts{"presence"}), data.capabilities->domain);
@@ -64,7 +58,7 @@ TEST(AuthenticationDataTest, DecodesTheSignInAnswer) {
   const auto text = description(data);
   EXPECT_EQ(0u, text.find("***** ServerClient.AuthenticationData *****\ntoken: <redacted>\n"
                           "tokenType: Bearer\nsession: Session(token: <redacted>, "
-                          "from: 2024-05-06T10:11:12.345Z, sessionID: \"s-42\""))
+                          "from: 2024-05-06T10:11:12.345Z, sessionID: \"S1\""))
       << text;
 }
 
@@ -131,8 +125,8 @@ TEST(UserTest, GatewayUsernameIsReadButNeverWritten) {
 
   const auto encoded = toCollection(user);
   EXPECT_EQ(userJson(), encoded);  // without gatewayUsername
-  EXPECT_EQ(R"({"id":"u1","alias":"Ann","domain":"example.org","email":"ann@example.org",)"
-            R"("username":"ann","mobilePhone":["+100","+200"],"role":"admin"})",
+  EXPECT_EQ(R"({"id":"u1","alias":"a","domain":"d","email":"e","username":"n",)"
+            R"("mobilePhone":["+100","+200"],"role":"user"})",
             nlohmann::ordered_json(user).dump());
 }
 

@@ -2,21 +2,18 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <optional>
 #include <stdexcept>
 
 #include <nlohmann/json.hpp>
 
 #include "ServerClient/Common/SDKError.h"
-#include "ServerClient/rx/TestScheduler.h"
 #include "support/FakeSocketClient.h"
 #include "support/StreamRecorder.h"
 
 namespace kel {
 namespace {
 
-using namespace std::chrono_literals;
 using nlohmann::json;
 using testing::FakeSocketClient;
 using testing::StreamRecorder;
@@ -33,9 +30,6 @@ AuthenticationData signedIn() {
 
 class KeepConnectionServiceTest : public ::testing::Test {
  protected:
-  KeepConnectionServiceTest() { client_->setTimeoutScheduler(scheduler_); }
-
-  std::shared_ptr<rx::TestScheduler> scheduler_ = std::make_shared<rx::TestScheduler>();
   std::shared_ptr<FakeSocketClient> client_ = std::make_shared<FakeSocketClient>();
   SocketClientSlot slot_{client_};
   KeepConnectionService service_{slot_};
@@ -63,6 +57,9 @@ TEST_F(KeepConnectionServiceTest, ARenewalIsOneElementWhateverTheAnswerAndTheOrE
     EXPECT_EQ(c.orError, errorKind(orError.error()));
     EXPECT_EQ(c.orError == "none" ? 1u : 0u, orError.values().size());
   }
+  // Without a client the renewal is one element as well.
+  slot_.accept(nullptr);
+  EXPECT_EQ(1u, StreamRecorder(service_.renewSession(session_)).values().size());
   const auto request = client_->lastRequest();
   EXPECT_EQ("/sessions/s-42", request.at("path"));
   EXPECT_EQ("PUT", request.at("method"));
@@ -79,22 +76,6 @@ TEST_F(KeepConnectionServiceTest, WithoutASessionNothingIsSent) {
     EXPECT_TRUE(none.values().empty());
   }
   EXPECT_TRUE(client_->requests().empty());
-}
-
-TEST_F(KeepConnectionServiceTest, ATimeOutOrAMissingClientIsOneElementAsWell) {
-  // A time-out after the request's 20 seconds, in virtual time.
-  StreamRecorder timedOut(service_.renewSession(session_));
-  scheduler_->advanceBy(19s);
-  EXPECT_FALSE(timedOut.terminated());
-  scheduler_->advanceBy(1s);
-  EXPECT_EQ(1u, timedOut.values().size());
-  EXPECT_TRUE(timedOut.completed());
-  EXPECT_EQ(0u, client_->pendingCount());
-
-  slot_.accept(nullptr);
-  StreamRecorder noClient(service_.renewSession(session_));
-  EXPECT_EQ(1u, noClient.values().size());
-  EXPECT_TRUE(noClient.completed());
 }
 
 }  // namespace
