@@ -13,6 +13,8 @@
 #include "ServerClient/Group/Service/GroupService.h"
 #include "ServerClient/KeepConnection/KeepConnectionService.h"
 #include "ServerClient/Log/ServerLog.h"
+#include "ServerClient/Meeting/Event/MeetingsEventHandler.h"
+#include "ServerClient/Meeting/Service/MeetingsService.h"
 #include "ServerClient/Presence/Event/PresencesEventHandler.h"
 #include "ServerClient/Presence/Service/PresencesService.h"
 #include "ServerClient/Push/PushService.h"
@@ -138,6 +140,10 @@ std::shared_ptr<CacheGroupService> KelServer::groupService() {
   return service<CacheGroupService>(Domain::groups);
 }
 
+std::shared_ptr<MeetingsService> KelServer::meetingsService() {
+  return service<MeetingsService>(Domain::meetings);
+}
+
 std::shared_ptr<AddressBooksEventHandler> KelServer::addressBooksEventHandler() {
   return addressBooksEventHandler_.get(kelEventHandler_, options_.mainScheduler);
 }
@@ -160,6 +166,14 @@ std::shared_ptr<GroupEventHandler> KelServer::groupEventHandler() {
 
 void KelServer::setGroupEventHandler(std::shared_ptr<GroupEventHandler> handler) {
   groupEventHandler_.set(std::move(handler));
+}
+
+std::shared_ptr<MeetingsEventHandler> KelServer::meetingsEventHandler() {
+  return meetingsEventHandler_.get(kelEventHandler_, options_.mainScheduler);
+}
+
+void KelServer::setMeetingsEventHandler(std::shared_ptr<MeetingsEventHandler> handler) {
+  meetingsEventHandler_.set(std::move(handler));
 }
 
 // --- Wiring -------------------------------------------------------------------------------------

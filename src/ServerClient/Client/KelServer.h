@@ -32,6 +32,8 @@
 namespace kel {
 
 class AddressBooksEventHandler;
+class MeetingsService;
+class MeetingsEventHandler;
 class CacheAddressBooksService;
 class CacheGroupService;
 class CachePresencesService;
@@ -188,6 +190,7 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
   /// Refused (GenericError notAllowed "presence") while the user lacks the presence capability.
   std::shared_ptr<CachePresencesService> presencesService();
   std::shared_ptr<CacheGroupService> groupService();
+  std::shared_ptr<MeetingsService> meetingsService();
 
   // Domain event handlers: each made on first use and then kept; the application may set its
   // own. They deliver on the main scheduler (Options::mainScheduler).
@@ -197,6 +200,8 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
   void setPresenceEventHandler(std::shared_ptr<PresencesEventHandler> handler);
   std::shared_ptr<GroupEventHandler> groupEventHandler();
   void setGroupEventHandler(std::shared_ptr<GroupEventHandler> handler);
+  std::shared_ptr<MeetingsEventHandler> meetingsEventHandler();
+  void setMeetingsEventHandler(std::shared_ptr<MeetingsEventHandler> handler);
 
   // The parts, for the application and for tests.
   const std::shared_ptr<KelEventHandler>& kelEventHandler() const noexcept {
@@ -269,6 +274,7 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
   LazyEventHandler<AddressBooksEventHandler> addressBooksEventHandler_;
   LazyEventHandler<PresencesEventHandler> presenceEventHandler_;
   LazyEventHandler<GroupEventHandler> groupEventHandler_;
+  LazyEventHandler<MeetingsEventHandler> meetingsEventHandler_;
 
   std::once_flag renewOnce_;
   rx::Observable<rx::Unit> renewSession_ = rx::Observable<rx::Unit>::empty();

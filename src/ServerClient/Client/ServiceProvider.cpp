@@ -6,6 +6,7 @@
 #include "ServerClient/Contact/Service/KelUserContactsService.h"
 #include "ServerClient/Group/Service/KelCacheGroupService.h"
 #include "ServerClient/KeepConnection/KeepConnectionService.h"
+#include "ServerClient/Meeting/Service/KelMeetingsService.h"
 #include "ServerClient/Presence/Service/KelCachePresencesService.h"
 #include "ServerClient/Push/KelPushService.h"
 #include "ServerClient/User/KelUserService.h"
@@ -42,6 +43,7 @@ std::string ServiceProvider::Dependencies::description() const {
 
 std::map<ServiceProvider::Domain, ServiceProvider::Factory> ServiceProvider::defaultFactories() {
   return {
+      {Domain::meetings, factoryOf<KelMeetingsService>()},
       {Domain::addressBooks, factoryOf<KelCacheAddressBooksService>()},
       {Domain::groups, factoryOf<KelCacheGroupService>()},
       {Domain::keepConnection, factoryOf<KeepConnectionService>()},

@@ -2,6 +2,7 @@
 
 #include "ServerClient/AddressBooks/Event/AddressBooksEventHandler.h"
 #include "ServerClient/Group/Event/GroupEventHandler.h"
+#include "ServerClient/Meeting/Event/MeetingsEventHandler.h"
 #include "ServerClient/Presence/Event/PresencesEventHandler.h"
 #include "ServerClient/rx/TestScheduler.h"
 
@@ -16,6 +17,7 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
   AddressBooksEventHandler books(channel, scheduler);
   PresencesEventHandler presence(channel, scheduler);
   GroupEventHandler groups(channel, scheduler);
+  MeetingsEventHandler meetings(channel, scheduler);
   auto created = scheduler->createObserver<AddressBookSocketDTO>();
   auto updated = scheduler->createObserver<AddressBookSocketDTO>();
   auto deleted = scheduler->createObserver<AddressBookSocketDTO>();
@@ -23,6 +25,9 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
   auto newGroup = scheduler->createObserver<GroupDTO>();
   auto groupDeleted = scheduler->createObserver<std::string>();
   auto participantRemoved = scheduler->createObserver<std::string>();
+  auto newMeeting = scheduler->createObserver<Meeting>();
+  auto meetingUpdated = scheduler->createObserver<Meeting>();
+  auto meetingDeleted = scheduler->createObserver<rx::Unit>();
   books.newContact().subscribe(created);
   books.contactUpdated().subscribe(updated);
   books.contactDeleted().subscribe(deleted);
@@ -30,6 +35,9 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
   groups.newGroup().subscribe(newGroup);
   groups.groupDeleted().subscribe(groupDeleted);
   groups.groupDidRemoveParticipant().subscribe(participantRemoved);
+  meetings.newMeeting().subscribe(newMeeting);
+  meetings.meetingUpdated().subscribe(meetingUpdated);
+  meetings.meetingDeleted().subscribe(meetingDeleted);
   scheduler->start();
 
   const json book = {{"addressBookId", "b1"}, {"addressBookType", "contacts"}};
@@ -45,6 +53,15 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
                         {"alias", "a"},
                         {"mobilePhone", json::array()},
                         {"role", "r"}}}};
+  const json meeting = {{"id", "m1"},
+                        {"name", "M"},
+                        {"user", group["owner"]},
+                        {"participants", json::array()},
+                        {"validSince", 1},
+                        {"validUntil", 2},
+                        {"url", "u"},
+                        {"isPasswordProtected", true},
+                        {"record", {{"type", "all"}}}};
   for (const auto& [path, method, body] : std::vector<std::tuple<const char*, const char*, json>>{
            {"/addressbooks/b1", "POST", book},
            {"/addressbooks/b1", "put", book},
@@ -60,6 +77,11 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
            {"/usersGroup/g3", "DELETE", {{"name", "no id"}}},
            {"/usersGroup/participant", "DELETE", {{"groupId", "g5"}}},
            {"/usersGroup/participant", "PUT", {{"groupId", "g6"}}},
+           {"/meetings", "POST", meeting},
+           {"/meetings/m1", "PUT", meeting},
+           {"/meetings/m1", "DELETE", {{"id", "m1"}}},  // not a meeting, not read
+           {"/meetings", "GET", meeting},
+           {"/meetings/m1", "PUT", group},  // not a meeting: ends meetingUpdated
        }) {
     channel->handle({{"path", path}, {"method", method}, {"body", body}});
   }
@@ -75,6 +97,10 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
   EXPECT_TRUE(newGroup->events().back().value.isError());
   EXPECT_EQ(std::vector<std::string>{"g1"}, groupDeleted->values());
   EXPECT_EQ(std::vector<std::string>{"g5"}, participantRemoved->values());
+  EXPECT_EQ("m1", newMeeting->values().at(0).id);
+  ASSERT_EQ(2u, meetingUpdated->events().size());
+  EXPECT_TRUE(meetingUpdated->events()[1].value.isError());
+  EXPECT_EQ(1u, meetingDeleted->values().size());
 }
 
 }  // namespace
