@@ -8,6 +8,8 @@
 #include "ServerClient/AddressBooks/Service/AddressBooksService.h"
 #include "ServerClient/Auth/Service/AuthService.h"
 #include "ServerClient/Common/SDKError.h"
+#include "ServerClient/ConferenceLog/Event/ConferenceLogEventHandler.h"
+#include "ServerClient/ConferenceLog/Service/ConferenceLogService.h"
 #include "ServerClient/Contact/Service/UserContactsService.h"
 #include "ServerClient/Group/Event/GroupEventHandler.h"
 #include "ServerClient/Group/Service/GroupService.h"
@@ -140,6 +142,10 @@ std::shared_ptr<CacheGroupService> KelServer::groupService() {
   return service<CacheGroupService>(Domain::groups);
 }
 
+std::shared_ptr<ConferenceLogService> KelServer::conferenceLogService() {
+  return service<ConferenceLogService>(Domain::conferenceLog);
+}
+
 std::shared_ptr<MeetingsService> KelServer::meetingsService() {
   return service<MeetingsService>(Domain::meetings);
 }
@@ -166,6 +172,14 @@ std::shared_ptr<GroupEventHandler> KelServer::groupEventHandler() {
 
 void KelServer::setGroupEventHandler(std::shared_ptr<GroupEventHandler> handler) {
   groupEventHandler_.set(std::move(handler));
+}
+
+std::shared_ptr<ConferenceLogEventHandler> KelServer::conferenceLogEventHandler() {
+  return conferenceLogEventHandler_.get(kelEventHandler_, options_.mainScheduler);
+}
+
+void KelServer::setConferenceLogEventHandler(std::shared_ptr<ConferenceLogEventHandler> handler) {
+  conferenceLogEventHandler_.set(std::move(handler));
 }
 
 std::shared_ptr<MeetingsEventHandler> KelServer::meetingsEventHandler() {

@@ -32,6 +32,8 @@
 namespace kel {
 
 class AddressBooksEventHandler;
+class ConferenceLogService;
+class ConferenceLogEventHandler;
 class MeetingsService;
 class MeetingsEventHandler;
 class CacheAddressBooksService;
@@ -190,6 +192,9 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
   /// Refused (GenericError notAllowed "presence") while the user lacks the presence capability.
   std::shared_ptr<CachePresencesService> presencesService();
   std::shared_ptr<CacheGroupService> groupService();
+  /// Refused (GenericError notAllowed "+call-history") while the user lacks the call-history
+  /// capability.
+  std::shared_ptr<ConferenceLogService> conferenceLogService();
   std::shared_ptr<MeetingsService> meetingsService();
 
   // Domain event handlers: each made on first use and then kept; the application may set its
@@ -200,6 +205,8 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
   void setPresenceEventHandler(std::shared_ptr<PresencesEventHandler> handler);
   std::shared_ptr<GroupEventHandler> groupEventHandler();
   void setGroupEventHandler(std::shared_ptr<GroupEventHandler> handler);
+  std::shared_ptr<ConferenceLogEventHandler> conferenceLogEventHandler();
+  void setConferenceLogEventHandler(std::shared_ptr<ConferenceLogEventHandler> handler);
   std::shared_ptr<MeetingsEventHandler> meetingsEventHandler();
   void setMeetingsEventHandler(std::shared_ptr<MeetingsEventHandler> handler);
 
@@ -274,6 +281,7 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
   LazyEventHandler<AddressBooksEventHandler> addressBooksEventHandler_;
   LazyEventHandler<PresencesEventHandler> presenceEventHandler_;
   LazyEventHandler<GroupEventHandler> groupEventHandler_;
+  LazyEventHandler<ConferenceLogEventHandler> conferenceLogEventHandler_;
   LazyEventHandler<MeetingsEventHandler> meetingsEventHandler_;
 
   std::once_flag renewOnce_;

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "ServerClient/AddressBooks/Event/AddressBooksEventHandler.h"
+#include "ServerClient/ConferenceLog/Event/ConferenceLogEventHandler.h"
 #include "ServerClient/Group/Event/GroupEventHandler.h"
 #include "ServerClient/Meeting/Event/MeetingsEventHandler.h"
 #include "ServerClient/Presence/Event/PresencesEventHandler.h"
@@ -18,6 +19,7 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
   PresencesEventHandler presence(channel, scheduler);
   GroupEventHandler groups(channel, scheduler);
   MeetingsEventHandler meetings(channel, scheduler);
+  ConferenceLogEventHandler conferences(channel, scheduler);
   auto created = scheduler->createObserver<AddressBookSocketDTO>();
   auto updated = scheduler->createObserver<AddressBookSocketDTO>();
   auto deleted = scheduler->createObserver<AddressBookSocketDTO>();
@@ -28,6 +30,7 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
   auto newMeeting = scheduler->createObserver<Meeting>();
   auto meetingUpdated = scheduler->createObserver<Meeting>();
   auto meetingDeleted = scheduler->createObserver<rx::Unit>();
+  auto newConference = scheduler->createObserver<ConferenceEntry>();
   books.newContact().subscribe(created);
   books.contactUpdated().subscribe(updated);
   books.contactDeleted().subscribe(deleted);
@@ -38,6 +41,7 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
   meetings.newMeeting().subscribe(newMeeting);
   meetings.meetingUpdated().subscribe(meetingUpdated);
   meetings.meetingDeleted().subscribe(meetingDeleted);
+  conferences.newConferenceEntry().subscribe(newConference);
   scheduler->start();
 
   const json book = {{"addressBookId", "b1"}, {"addressBookType", "contacts"}};
@@ -62,6 +66,14 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
                         {"url", "u"},
                         {"isPasswordProtected", true},
                         {"record", {{"type", "all"}}}};
+  const json conference = {{"id", "c1"},
+                           {"roomId", "r"},
+                           {"state", "active"},
+                           {"createdAt", 1},
+                           {"finishedAt", 2},
+                           {"invites", json::array()},
+                           {"participants", json::array()},
+                           {"transfers", json::array()}};
   for (const auto& [path, method, body] : std::vector<std::tuple<const char*, const char*, json>>{
            {"/addressbooks/b1", "POST", book},
            {"/addressbooks/b1", "put", book},
@@ -82,6 +94,8 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
            {"/meetings/m1", "DELETE", {{"id", "m1"}}},  // not a meeting, not read
            {"/meetings", "GET", meeting},
            {"/meetings/m1", "PUT", group},  // not a meeting: ends meetingUpdated
+           {"/conferences", "PUT", conference},
+           {"/conferences/c1", "POST", conference},
        }) {
     channel->handle({{"path", path}, {"method", method}, {"body", body}});
   }
@@ -101,6 +115,8 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
   ASSERT_EQ(2u, meetingUpdated->events().size());
   EXPECT_TRUE(meetingUpdated->events()[1].value.isError());
   EXPECT_EQ(1u, meetingDeleted->values().size());
+  ASSERT_EQ(1u, newConference->values().size());
+  EXPECT_EQ("c1", newConference->values()[0].id);
 }
 
 }  // namespace
