@@ -17,6 +17,8 @@
 #include "ServerClient/Log/ServerLog.h"
 #include "ServerClient/Meeting/Event/MeetingsEventHandler.h"
 #include "ServerClient/Meeting/Service/MeetingsService.h"
+#include "ServerClient/MissedCalls/Event/MissedCallsEventHandler.h"
+#include "ServerClient/MissedCalls/Service/MissedCallsService.h"
 #include "ServerClient/Presence/Event/PresencesEventHandler.h"
 #include "ServerClient/Presence/Service/PresencesService.h"
 #include "ServerClient/Push/PushService.h"
@@ -142,6 +144,10 @@ std::shared_ptr<CacheGroupService> KelServer::groupService() {
   return service<CacheGroupService>(Domain::groups);
 }
 
+std::shared_ptr<MissedCallsService> KelServer::missedCallsService() {
+  return service<MissedCallsService>(Domain::missedCalls);
+}
+
 std::shared_ptr<ConferenceLogService> KelServer::conferenceLogService() {
   return service<ConferenceLogService>(Domain::conferenceLog);
 }
@@ -172,6 +178,14 @@ std::shared_ptr<GroupEventHandler> KelServer::groupEventHandler() {
 
 void KelServer::setGroupEventHandler(std::shared_ptr<GroupEventHandler> handler) {
   groupEventHandler_.set(std::move(handler));
+}
+
+std::shared_ptr<MissedCallsEventHandler> KelServer::missedCallsEventHandler() {
+  return missedCallsEventHandler_.get(kelEventHandler_, options_.mainScheduler);
+}
+
+void KelServer::setMissedCallsEventHandler(std::shared_ptr<MissedCallsEventHandler> handler) {
+  missedCallsEventHandler_.set(std::move(handler));
 }
 
 std::shared_ptr<ConferenceLogEventHandler> KelServer::conferenceLogEventHandler() {

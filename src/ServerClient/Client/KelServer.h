@@ -32,6 +32,8 @@
 namespace kel {
 
 class AddressBooksEventHandler;
+class MissedCallsService;
+class MissedCallsEventHandler;
 class ConferenceLogService;
 class ConferenceLogEventHandler;
 class MeetingsService;
@@ -192,6 +194,7 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
   /// Refused (GenericError notAllowed "presence") while the user lacks the presence capability.
   std::shared_ptr<CachePresencesService> presencesService();
   std::shared_ptr<CacheGroupService> groupService();
+  std::shared_ptr<MissedCallsService> missedCallsService();
   /// Refused (GenericError notAllowed "+call-history") while the user lacks the call-history
   /// capability.
   std::shared_ptr<ConferenceLogService> conferenceLogService();
@@ -205,6 +208,8 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
   void setPresenceEventHandler(std::shared_ptr<PresencesEventHandler> handler);
   std::shared_ptr<GroupEventHandler> groupEventHandler();
   void setGroupEventHandler(std::shared_ptr<GroupEventHandler> handler);
+  std::shared_ptr<MissedCallsEventHandler> missedCallsEventHandler();
+  void setMissedCallsEventHandler(std::shared_ptr<MissedCallsEventHandler> handler);
   std::shared_ptr<ConferenceLogEventHandler> conferenceLogEventHandler();
   void setConferenceLogEventHandler(std::shared_ptr<ConferenceLogEventHandler> handler);
   std::shared_ptr<MeetingsEventHandler> meetingsEventHandler();
@@ -281,6 +286,7 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
   LazyEventHandler<AddressBooksEventHandler> addressBooksEventHandler_;
   LazyEventHandler<PresencesEventHandler> presenceEventHandler_;
   LazyEventHandler<GroupEventHandler> groupEventHandler_;
+  LazyEventHandler<MissedCallsEventHandler> missedCallsEventHandler_;
   LazyEventHandler<ConferenceLogEventHandler> conferenceLogEventHandler_;
   LazyEventHandler<MeetingsEventHandler> meetingsEventHandler_;
 

@@ -8,6 +8,7 @@
 #include "ServerClient/Group/Service/KelCacheGroupService.h"
 #include "ServerClient/KeepConnection/KeepConnectionService.h"
 #include "ServerClient/Meeting/Service/KelMeetingsService.h"
+#include "ServerClient/MissedCalls/Service/KelMissedCallsService.h"
 #include "ServerClient/Presence/Service/KelCachePresencesService.h"
 #include "ServerClient/Push/KelPushService.h"
 #include "ServerClient/User/KelUserService.h"

@@ -4,6 +4,7 @@
 #include "ServerClient/ConferenceLog/Event/ConferenceLogEventHandler.h"
 #include "ServerClient/Group/Event/GroupEventHandler.h"
 #include "ServerClient/Meeting/Event/MeetingsEventHandler.h"
+#include "ServerClient/MissedCalls/Event/MissedCallsEventHandler.h"
 #include "ServerClient/Presence/Event/PresencesEventHandler.h"
 #include "ServerClient/rx/TestScheduler.h"
 
@@ -20,6 +21,7 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
   GroupEventHandler groups(channel, scheduler);
   MeetingsEventHandler meetings(channel, scheduler);
   ConferenceLogEventHandler conferences(channel, scheduler);
+  MissedCallsEventHandler missedCalls(channel, scheduler);
   auto created = scheduler->createObserver<AddressBookSocketDTO>();
   auto updated = scheduler->createObserver<AddressBookSocketDTO>();
   auto deleted = scheduler->createObserver<AddressBookSocketDTO>();
@@ -31,6 +33,7 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
   auto meetingUpdated = scheduler->createObserver<Meeting>();
   auto meetingDeleted = scheduler->createObserver<rx::Unit>();
   auto newConference = scheduler->createObserver<ConferenceEntry>();
+  auto newMissedCalls = scheduler->createObserver<MissedCallsSocketDTO>();
   books.newContact().subscribe(created);
   books.contactUpdated().subscribe(updated);
   books.contactDeleted().subscribe(deleted);
@@ -42,6 +45,7 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
   meetings.meetingUpdated().subscribe(meetingUpdated);
   meetings.meetingDeleted().subscribe(meetingDeleted);
   conferences.newConferenceEntry().subscribe(newConference);
+  missedCalls.newMissedCalls().subscribe(newMissedCalls);
   scheduler->start();
 
   const json book = {{"addressBookId", "b1"}, {"addressBookType", "contacts"}};
@@ -96,6 +100,8 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
            {"/meetings/m1", "PUT", group},  // not a meeting: ends meetingUpdated
            {"/conferences", "PUT", conference},
            {"/conferences/c1", "POST", conference},
+           {"/missedCalls/u1", "POST", {{"items", {{{"id", "c1"}}}}}},
+           {"/missedCalls/u1", "PUT", {{"items", {{{"id", "c2"}}}}}},
        }) {
     channel->handle({{"path", path}, {"method", method}, {"body", body}});
   }
@@ -117,6 +123,9 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
   EXPECT_EQ(1u, meetingDeleted->values().size());
   ASSERT_EQ(1u, newConference->values().size());
   EXPECT_EQ("c1", newConference->values()[0].id);
+  ASSERT_EQ(1u, newMissedCalls->values().size());
+  EXPECT_EQ((MissedCallsSocketDTO{std::vector<MissedCallItemDTO>{{"c2"}}}),
+            newMissedCalls->values()[0]);
 }
 
 }  // namespace
