@@ -6,6 +6,8 @@
 
 #include "ServerClient/AddressBooks/Event/AddressBooksEventHandler.h"
 #include "ServerClient/AddressBooks/Service/AddressBooksService.h"
+#include "ServerClient/Alert/Event/AlertsEventHandler.h"
+#include "ServerClient/Alert/Service/AlertsService.h"
 #include "ServerClient/Auth/Service/AuthService.h"
 #include "ServerClient/Common/SDKError.h"
 #include "ServerClient/ConferenceLog/Event/ConferenceLogEventHandler.h"
@@ -144,6 +146,10 @@ std::shared_ptr<CacheGroupService> KelServer::groupService() {
   return service<CacheGroupService>(Domain::groups);
 }
 
+std::shared_ptr<AlertsService> KelServer::alerts() {
+  return service<AlertsService>(Domain::alerts);
+}
+
 std::shared_ptr<MissedCallsService> KelServer::missedCallsService() {
   return service<MissedCallsService>(Domain::missedCalls);
 }
@@ -178,6 +184,14 @@ std::shared_ptr<GroupEventHandler> KelServer::groupEventHandler() {
 
 void KelServer::setGroupEventHandler(std::shared_ptr<GroupEventHandler> handler) {
   groupEventHandler_.set(std::move(handler));
+}
+
+std::shared_ptr<AlertsEventHandler> KelServer::alertsEventHandler() {
+  return alertsEventHandler_.get(kelEventHandler_, options_.mainScheduler);
+}
+
+void KelServer::setAlertsEventHandler(std::shared_ptr<AlertsEventHandler> handler) {
+  alertsEventHandler_.set(std::move(handler));
 }
 
 std::shared_ptr<MissedCallsEventHandler> KelServer::missedCallsEventHandler() {

@@ -32,6 +32,8 @@
 namespace kel {
 
 class AddressBooksEventHandler;
+class AlertsService;
+class AlertsEventHandler;
 class MissedCallsService;
 class MissedCallsEventHandler;
 class ConferenceLogService;
@@ -194,6 +196,7 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
   /// Refused (GenericError notAllowed "presence") while the user lacks the presence capability.
   std::shared_ptr<CachePresencesService> presencesService();
   std::shared_ptr<CacheGroupService> groupService();
+  std::shared_ptr<AlertsService> alerts();
   std::shared_ptr<MissedCallsService> missedCallsService();
   /// Refused (GenericError notAllowed "+call-history") while the user lacks the call-history
   /// capability.
@@ -208,6 +211,8 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
   void setPresenceEventHandler(std::shared_ptr<PresencesEventHandler> handler);
   std::shared_ptr<GroupEventHandler> groupEventHandler();
   void setGroupEventHandler(std::shared_ptr<GroupEventHandler> handler);
+  std::shared_ptr<AlertsEventHandler> alertsEventHandler();
+  void setAlertsEventHandler(std::shared_ptr<AlertsEventHandler> handler);
   std::shared_ptr<MissedCallsEventHandler> missedCallsEventHandler();
   void setMissedCallsEventHandler(std::shared_ptr<MissedCallsEventHandler> handler);
   std::shared_ptr<ConferenceLogEventHandler> conferenceLogEventHandler();
@@ -286,6 +291,7 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
   LazyEventHandler<AddressBooksEventHandler> addressBooksEventHandler_;
   LazyEventHandler<PresencesEventHandler> presenceEventHandler_;
   LazyEventHandler<GroupEventHandler> groupEventHandler_;
+  LazyEventHandler<AlertsEventHandler> alertsEventHandler_;
   LazyEventHandler<MissedCallsEventHandler> missedCallsEventHandler_;
   LazyEventHandler<ConferenceLogEventHandler> conferenceLogEventHandler_;
   LazyEventHandler<MeetingsEventHandler> meetingsEventHandler_;

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "ServerClient/AddressBooks/Service/KelCacheAddressBooksService.h"
+#include "ServerClient/Alert/Service/KelAlertsService.h"
 #include "ServerClient/ConferenceLog/Service/KelConferenceLogService.h"
 #include "ServerClient/Contact/Service/KelUserContactsService.h"
 #include "ServerClient/Group/Service/KelCacheGroupService.h"

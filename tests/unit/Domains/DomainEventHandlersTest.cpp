@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "ServerClient/AddressBooks/Event/AddressBooksEventHandler.h"
+#include "ServerClient/Alert/Event/AlertsEventHandler.h"
 #include "ServerClient/ConferenceLog/Event/ConferenceLogEventHandler.h"
 #include "ServerClient/Group/Event/GroupEventHandler.h"
 #include "ServerClient/Meeting/Event/MeetingsEventHandler.h"
@@ -22,6 +23,7 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
   MeetingsEventHandler meetings(channel, scheduler);
   ConferenceLogEventHandler conferences(channel, scheduler);
   MissedCallsEventHandler missedCalls(channel, scheduler);
+  AlertsEventHandler alerts(channel, scheduler);
   auto created = scheduler->createObserver<AddressBookSocketDTO>();
   auto updated = scheduler->createObserver<AddressBookSocketDTO>();
   auto deleted = scheduler->createObserver<AddressBookSocketDTO>();
@@ -34,6 +36,8 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
   auto meetingDeleted = scheduler->createObserver<rx::Unit>();
   auto newConference = scheduler->createObserver<ConferenceEntry>();
   auto newMissedCalls = scheduler->createObserver<MissedCallsSocketDTO>();
+  auto newAlert = scheduler->createObserver<ServerAlert>();
+  auto updatedAlert = scheduler->createObserver<ServerAlert>();
   books.newContact().subscribe(created);
   books.contactUpdated().subscribe(updated);
   books.contactDeleted().subscribe(deleted);
@@ -46,6 +50,8 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
   meetings.meetingDeleted().subscribe(meetingDeleted);
   conferences.newConferenceEntry().subscribe(newConference);
   missedCalls.newMissedCalls().subscribe(newMissedCalls);
+  alerts.newAlert().subscribe(newAlert);
+  alerts.updatedAlert().subscribe(updatedAlert);
   scheduler->start();
 
   const json book = {{"addressBookId", "b1"}, {"addressBookType", "contacts"}};
@@ -78,6 +84,10 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
                            {"invites", json::array()},
                            {"participants", json::array()},
                            {"transfers", json::array()}};
+  const auto alert = [](const char* id) {
+    return json{{"alertId", id},  {"from", "u"},    {"title", "t"},
+                {"payload", "p"}, {"createdAt", 1}, {"cancelled", false}};
+  };
   for (const auto& [path, method, body] : std::vector<std::tuple<const char*, const char*, json>>{
            {"/addressbooks/b1", "POST", book},
            {"/addressbooks/b1", "put", book},
@@ -102,6 +112,11 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
            {"/conferences/c1", "POST", conference},
            {"/missedCalls/u1", "POST", {{"items", {{{"id", "c1"}}}}}},
            {"/missedCalls/u1", "PUT", {{"items", {{{"id", "c2"}}}}}},
+           {"/alerts", "POST", alert("a1")},
+           {"/alerts/a2", "DELETE", alert("a2")},
+           {"/alerts", "PUT", alert("a3")},
+           {"/alerts", "GET", alert("a4")},
+           {"/alerts", "DELETE", {{"alertId", "a5"}}},  // not a full alert: ends updatedAlert
        }) {
     channel->handle({{"path", path}, {"method", method}, {"body", body}});
   }
@@ -124,6 +139,12 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
   ASSERT_EQ(1u, newConference->values().size());
   EXPECT_EQ("c1", newConference->values()[0].id);
   ASSERT_EQ(1u, newMissedCalls->values().size());
+  ASSERT_EQ(1u, newAlert->values().size());
+  EXPECT_EQ("a1", newAlert->values()[0].alertId);
+  ASSERT_EQ(3u, updatedAlert->events().size());
+  EXPECT_EQ("a2", updatedAlert->values().at(0).alertId);
+  EXPECT_EQ("a3", updatedAlert->values().at(1).alertId);
+  EXPECT_TRUE(updatedAlert->events()[2].value.isError());
   EXPECT_EQ((MissedCallsSocketDTO{std::vector<MissedCallItemDTO>{{"c2"}}}),
             newMissedCalls->values()[0]);
 }
