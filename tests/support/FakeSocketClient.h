@@ -40,6 +40,9 @@ class FakeSocketClient final : public SocketClient,
   explicit FakeSocketClient(SocketState state = SocketState::authenticated())
       : state_(std::move(state)) {}
 
+  /// Publishes `state` as the socket's current state.
+  void setState(SocketState state) { state_.onNext(state); }
+
   /// Unanswered requests fail with ConnectionError(timeout, -1) after their time-out on
   /// `scheduler`. Without one they stay pending until answered.
   void setTimeoutScheduler(rx::SchedulerPtr scheduler) {

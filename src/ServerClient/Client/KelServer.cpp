@@ -27,6 +27,8 @@
 #include "ServerClient/User/UserService.h"
 #include "ServerClient/Utils/Description.h"
 #include "ServerClient/Utils/RepeatBehavior.h"
+#include "ServerClient/XMPP/Event/IndividualChatListEventHandler.h"
+#include "ServerClient/XMPP/Service/XMPPService.h"
 #include "ServerClient/rx/Schedulers.h"
 
 namespace kel {
@@ -146,6 +148,10 @@ std::shared_ptr<CacheGroupService> KelServer::groupService() {
   return service<CacheGroupService>(Domain::groups);
 }
 
+std::shared_ptr<XMPPService> KelServer::xmppService() {
+  return service<XMPPService>(Domain::xmpp);
+}
+
 std::shared_ptr<AlertsService> KelServer::alerts() {
   return service<AlertsService>(Domain::alerts);
 }
@@ -184,6 +190,15 @@ std::shared_ptr<GroupEventHandler> KelServer::groupEventHandler() {
 
 void KelServer::setGroupEventHandler(std::shared_ptr<GroupEventHandler> handler) {
   groupEventHandler_.set(std::move(handler));
+}
+
+std::shared_ptr<IndividualChatListEventHandler> KelServer::individualChatListEventHandler() {
+  return individualChatListEventHandler_.get(kelEventHandler_, options_.mainScheduler);
+}
+
+void KelServer::setIndividualChatListEventHandler(
+    std::shared_ptr<IndividualChatListEventHandler> handler) {
+  individualChatListEventHandler_.set(std::move(handler));
 }
 
 std::shared_ptr<AlertsEventHandler> KelServer::alertsEventHandler() {

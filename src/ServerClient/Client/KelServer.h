@@ -32,6 +32,8 @@
 namespace kel {
 
 class AddressBooksEventHandler;
+class XMPPService;
+class IndividualChatListEventHandler;
 class AlertsService;
 class AlertsEventHandler;
 class MissedCallsService;
@@ -196,6 +198,7 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
   /// Refused (GenericError notAllowed "presence") while the user lacks the presence capability.
   std::shared_ptr<CachePresencesService> presencesService();
   std::shared_ptr<CacheGroupService> groupService();
+  std::shared_ptr<XMPPService> xmppService();
   std::shared_ptr<AlertsService> alerts();
   std::shared_ptr<MissedCallsService> missedCallsService();
   /// Refused (GenericError notAllowed "+call-history") while the user lacks the call-history
@@ -211,6 +214,8 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
   void setPresenceEventHandler(std::shared_ptr<PresencesEventHandler> handler);
   std::shared_ptr<GroupEventHandler> groupEventHandler();
   void setGroupEventHandler(std::shared_ptr<GroupEventHandler> handler);
+  std::shared_ptr<IndividualChatListEventHandler> individualChatListEventHandler();
+  void setIndividualChatListEventHandler(std::shared_ptr<IndividualChatListEventHandler> handler);
   std::shared_ptr<AlertsEventHandler> alertsEventHandler();
   void setAlertsEventHandler(std::shared_ptr<AlertsEventHandler> handler);
   std::shared_ptr<MissedCallsEventHandler> missedCallsEventHandler();
@@ -291,6 +296,7 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
   LazyEventHandler<AddressBooksEventHandler> addressBooksEventHandler_;
   LazyEventHandler<PresencesEventHandler> presenceEventHandler_;
   LazyEventHandler<GroupEventHandler> groupEventHandler_;
+  LazyEventHandler<IndividualChatListEventHandler> individualChatListEventHandler_;
   LazyEventHandler<AlertsEventHandler> alertsEventHandler_;
   LazyEventHandler<MissedCallsEventHandler> missedCallsEventHandler_;
   LazyEventHandler<ConferenceLogEventHandler> conferenceLogEventHandler_;

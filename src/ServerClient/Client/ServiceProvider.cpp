@@ -13,6 +13,7 @@
 #include "ServerClient/Presence/Service/KelCachePresencesService.h"
 #include "ServerClient/Push/KelPushService.h"
 #include "ServerClient/User/KelUserService.h"
+#include "ServerClient/XMPP/Service/KelXMPPService.h"
 
 namespace kel {
 

@@ -7,6 +7,7 @@
 #include "ServerClient/Meeting/Event/MeetingsEventHandler.h"
 #include "ServerClient/MissedCalls/Event/MissedCallsEventHandler.h"
 #include "ServerClient/Presence/Event/PresencesEventHandler.h"
+#include "ServerClient/XMPP/Event/IndividualChatListEventHandler.h"
 #include "ServerClient/rx/TestScheduler.h"
 
 namespace kel {
@@ -24,6 +25,7 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
   ConferenceLogEventHandler conferences(channel, scheduler);
   MissedCallsEventHandler missedCalls(channel, scheduler);
   AlertsEventHandler alerts(channel, scheduler);
+  IndividualChatListEventHandler chats(channel, scheduler);
   auto created = scheduler->createObserver<AddressBookSocketDTO>();
   auto updated = scheduler->createObserver<AddressBookSocketDTO>();
   auto deleted = scheduler->createObserver<AddressBookSocketDTO>();
@@ -38,6 +40,8 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
   auto newMissedCalls = scheduler->createObserver<MissedCallsSocketDTO>();
   auto newAlert = scheduler->createObserver<ServerAlert>();
   auto updatedAlert = scheduler->createObserver<ServerAlert>();
+  auto newChat = scheduler->createObserver<IndividualChatListSocketDTO>();
+  auto deletedChat = scheduler->createObserver<IndividualChatListSocketDTO>();
   books.newContact().subscribe(created);
   books.contactUpdated().subscribe(updated);
   books.contactDeleted().subscribe(deleted);
@@ -52,6 +56,8 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
   missedCalls.newMissedCalls().subscribe(newMissedCalls);
   alerts.newAlert().subscribe(newAlert);
   alerts.updatedAlert().subscribe(updatedAlert);
+  chats.newIndividualChat().subscribe(newChat);
+  chats.deleteIndividualChat().subscribe(deletedChat);
   scheduler->start();
 
   const json book = {{"addressBookId", "b1"}, {"addressBookType", "contacts"}};
@@ -117,6 +123,9 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
            {"/alerts", "PUT", alert("a3")},
            {"/alerts", "GET", alert("a4")},
            {"/alerts", "DELETE", {{"alertId", "a5"}}},  // not a full alert: ends updatedAlert
+           {"/xmpp/individualChatList/ann@d", "PUT", {{"jid", "not read"}}},
+           {"/xmpp/individualChatList/bob@d", "POST", json::object()},
+           {"/xmpp/individualChatList", "DELETE", json::object()},
        }) {
     channel->handle({{"path", path}, {"method", method}, {"body", body}});
   }
@@ -139,6 +148,8 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
   ASSERT_EQ(1u, newConference->values().size());
   EXPECT_EQ("c1", newConference->values()[0].id);
   ASSERT_EQ(1u, newMissedCalls->values().size());
+  EXPECT_EQ((std::vector<IndividualChatListSocketDTO>{{"ann@d"}}), newChat->values());
+  EXPECT_EQ((std::vector<IndividualChatListSocketDTO>{{std::nullopt}}), deletedChat->values());
   ASSERT_EQ(1u, newAlert->values().size());
   EXPECT_EQ("a1", newAlert->values()[0].alertId);
   ASSERT_EQ(3u, updatedAlert->events().size());
