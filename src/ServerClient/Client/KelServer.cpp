@@ -148,24 +148,24 @@ std::shared_ptr<CacheGroupService> KelServer::groupService() {
   return service<CacheGroupService>(Domain::groups);
 }
 
-std::shared_ptr<XMPPService> KelServer::xmppService() {
-  return service<XMPPService>(Domain::xmpp);
-}
-
-std::shared_ptr<AlertsService> KelServer::alerts() {
-  return service<AlertsService>(Domain::alerts);
-}
-
-std::shared_ptr<MissedCallsService> KelServer::missedCallsService() {
-  return service<MissedCallsService>(Domain::missedCalls);
+std::shared_ptr<MeetingsService> KelServer::meetingsService() {
+  return service<MeetingsService>(Domain::meetings);
 }
 
 std::shared_ptr<ConferenceLogService> KelServer::conferenceLogService() {
   return service<ConferenceLogService>(Domain::conferenceLog);
 }
 
-std::shared_ptr<MeetingsService> KelServer::meetingsService() {
-  return service<MeetingsService>(Domain::meetings);
+std::shared_ptr<MissedCallsService> KelServer::missedCallsService() {
+  return service<MissedCallsService>(Domain::missedCalls);
+}
+
+std::shared_ptr<AlertsService> KelServer::alerts() {
+  return service<AlertsService>(Domain::alerts);
+}
+
+std::shared_ptr<XMPPService> KelServer::xmppService() {
+  return service<XMPPService>(Domain::xmpp);
 }
 
 std::shared_ptr<AddressBooksEventHandler> KelServer::addressBooksEventHandler() {
@@ -192,29 +192,12 @@ void KelServer::setGroupEventHandler(std::shared_ptr<GroupEventHandler> handler)
   groupEventHandler_.set(std::move(handler));
 }
 
-std::shared_ptr<IndividualChatListEventHandler> KelServer::individualChatListEventHandler() {
-  return individualChatListEventHandler_.get(kelEventHandler_, options_.mainScheduler);
+std::shared_ptr<MeetingsEventHandler> KelServer::meetingsEventHandler() {
+  return meetingsEventHandler_.get(kelEventHandler_, options_.mainScheduler);
 }
 
-void KelServer::setIndividualChatListEventHandler(
-    std::shared_ptr<IndividualChatListEventHandler> handler) {
-  individualChatListEventHandler_.set(std::move(handler));
-}
-
-std::shared_ptr<AlertsEventHandler> KelServer::alertsEventHandler() {
-  return alertsEventHandler_.get(kelEventHandler_, options_.mainScheduler);
-}
-
-void KelServer::setAlertsEventHandler(std::shared_ptr<AlertsEventHandler> handler) {
-  alertsEventHandler_.set(std::move(handler));
-}
-
-std::shared_ptr<MissedCallsEventHandler> KelServer::missedCallsEventHandler() {
-  return missedCallsEventHandler_.get(kelEventHandler_, options_.mainScheduler);
-}
-
-void KelServer::setMissedCallsEventHandler(std::shared_ptr<MissedCallsEventHandler> handler) {
-  missedCallsEventHandler_.set(std::move(handler));
+void KelServer::setMeetingsEventHandler(std::shared_ptr<MeetingsEventHandler> handler) {
+  meetingsEventHandler_.set(std::move(handler));
 }
 
 std::shared_ptr<ConferenceLogEventHandler> KelServer::conferenceLogEventHandler() {
@@ -225,12 +208,29 @@ void KelServer::setConferenceLogEventHandler(std::shared_ptr<ConferenceLogEventH
   conferenceLogEventHandler_.set(std::move(handler));
 }
 
-std::shared_ptr<MeetingsEventHandler> KelServer::meetingsEventHandler() {
-  return meetingsEventHandler_.get(kelEventHandler_, options_.mainScheduler);
+std::shared_ptr<MissedCallsEventHandler> KelServer::missedCallsEventHandler() {
+  return missedCallsEventHandler_.get(kelEventHandler_, options_.mainScheduler);
 }
 
-void KelServer::setMeetingsEventHandler(std::shared_ptr<MeetingsEventHandler> handler) {
-  meetingsEventHandler_.set(std::move(handler));
+void KelServer::setMissedCallsEventHandler(std::shared_ptr<MissedCallsEventHandler> handler) {
+  missedCallsEventHandler_.set(std::move(handler));
+}
+
+std::shared_ptr<AlertsEventHandler> KelServer::alertsEventHandler() {
+  return alertsEventHandler_.get(kelEventHandler_, options_.mainScheduler);
+}
+
+void KelServer::setAlertsEventHandler(std::shared_ptr<AlertsEventHandler> handler) {
+  alertsEventHandler_.set(std::move(handler));
+}
+
+std::shared_ptr<IndividualChatListEventHandler> KelServer::individualChatListEventHandler() {
+  return individualChatListEventHandler_.get(kelEventHandler_, options_.mainScheduler);
+}
+
+void KelServer::setIndividualChatListEventHandler(
+    std::shared_ptr<IndividualChatListEventHandler> handler) {
+  individualChatListEventHandler_.set(std::move(handler));
 }
 
 // --- Wiring -------------------------------------------------------------------------------------

@@ -47,14 +47,18 @@ std::string ServiceProvider::Dependencies::description() const {
 
 std::map<ServiceProvider::Domain, ServiceProvider::Factory> ServiceProvider::defaultFactories() {
   return {
-      {Domain::meetings, factoryOf<KelMeetingsService>()},
       {Domain::addressBooks, factoryOf<KelCacheAddressBooksService>()},
+      {Domain::alerts, factoryOf<KelAlertsService>()},
+      {Domain::conferenceLog, factoryOf<KelConferenceLogService>()},
       {Domain::groups, factoryOf<KelCacheGroupService>()},
       {Domain::keepConnection, factoryOf<KeepConnectionService>()},
+      {Domain::meetings, factoryOf<KelMeetingsService>()},
+      {Domain::missedCalls, factoryOf<KelMissedCallsService>()},
       {Domain::presence, factoryOf<KelCachePresencesService>()},
       {Domain::push, factoryOf<KelPushService>()},
       {Domain::user, factoryOf<KelUserService>()},
       {Domain::userContacts, factoryOf<KelUserContactsService>()},
+      {Domain::xmpp, factoryOf<KelXMPPService>()},
   };
 }
 

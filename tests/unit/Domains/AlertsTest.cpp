@@ -20,21 +20,6 @@ json alert(std::string id) {
           {"payload", "Leave"},       {"createdAt", 1.5}, {"cancelled", false}};
 }
 
-TEST(AlertRecords, OnlyResolutionAndAcceptorMayBeMissing) {
-  auto full = alert("a1");
-  full["resolvedAt"] = 2;
-  full["acceptedBy"] = "u2";
-  EXPECT_EQ((ServerAlert{"a1", "u1", "Fire", "Leave", 1.5, 2.0, "u2", false}),
-            from<ServerAlert>(full.dump()));
-  full["acceptedBy"] = nullptr;
-  EXPECT_EQ(std::nullopt, from<ServerAlert>(full.dump()).acceptedBy);
-  for (const auto& key : {"alertId", "createdAt", "cancelled"}) {
-    auto broken = alert("a1");
-    broken.erase(key);
-    EXPECT_THROW(from<ServerAlert>(broken.dump()), GenericError) << key;
-  }
-}
-
 TEST(AlertsService, EachOperationWritesItsFrameAndTakesItsListsOutOfTheAnswer) {
   testing::LogCapture log;
   const json tmpl = {{"templateId", "t1"}, {"title", "Fire"}, {"payload", "Leave"}};

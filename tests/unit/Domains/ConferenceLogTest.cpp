@@ -50,14 +50,10 @@ Entry decodedWith(const json::json_pointer& pointer, const json& value) {
 TEST(ConferenceLogRecords, DecodeTheirEnumerationsTolerantlyAndEverythingElseStrictly) {
   const auto full = from<Entry>(entry().dump());
   EXPECT_EQ(Entry::ConferenceState::active, full.state);
-  EXPECT_EQ(1700000060000.5, full.finishedAt);
   EXPECT_EQ(std::optional(Entry::ConferenceType::meeting), full.type);
-  const auto& invitation = full.invites.at(0);
-  EXPECT_EQ(Entry::CallState::accepted, invitation.state);
-  EXPECT_EQ(ConferenceCode::busy, invitation.candidates.at(0).endReason);
-  EXPECT_EQ(std::nullopt, invitation.error);
+  EXPECT_EQ(Entry::CallState::accepted, full.invites.at(0).state);
   EXPECT_EQ((std::map<std::string, bool>{{"audio", true}, {"video", false}}),
-            invitation.mediatypes);
+            full.invites.at(0).mediatypes);
   EXPECT_EQ(std::nullopt, full.participants.at(0).finishedAt);
   EXPECT_EQ(Entry::CallState::timeout, full.transfers.at(0).state);
 

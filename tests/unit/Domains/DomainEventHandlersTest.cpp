@@ -73,23 +73,11 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
                         {"alias", "a"},
                         {"mobilePhone", json::array()},
                         {"role", "r"}}}};
-  const json meeting = {{"id", "m1"},
-                        {"name", "M"},
-                        {"user", group["owner"]},
-                        {"participants", json::array()},
-                        {"validSince", 1},
-                        {"validUntil", 2},
-                        {"url", "u"},
-                        {"isPasswordProtected", true},
-                        {"record", {{"type", "all"}}}};
-  const json conference = {{"id", "c1"},
-                           {"roomId", "r"},
-                           {"state", "active"},
-                           {"createdAt", 1},
-                           {"finishedAt", 2},
-                           {"invites", json::array()},
-                           {"participants", json::array()},
-                           {"transfers", json::array()}};
+  json meeting = json::parse(R"({"id":"m1","name":"M","participants":[],"validSince":1,
+      "validUntil":2,"url":"u","isPasswordProtected":true,"record":{"type":"all"}})");
+  meeting["user"] = group["owner"];
+  const json conference = json::parse(R"({"id":"c1","roomId":"r","state":"active","createdAt":1,
+      "finishedAt":2,"invites":[],"participants":[],"transfers":[]})");
   const auto alert = [](const char* id) {
     return json{{"alertId", id},  {"from", "u"},    {"title", "t"},
                 {"payload", "p"}, {"createdAt", 1}, {"cancelled", false}};
