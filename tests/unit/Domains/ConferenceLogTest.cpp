@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "ServerClient/ConferenceLog/Service/KelConferenceLogService.h"
+#include "ServerClient/Utils/Description.h"
 #include "support/OperationTable.h"
 
 namespace kel {
@@ -56,6 +57,8 @@ TEST(ConferenceLogRecords, DecodeTheirEnumerationsTolerantlyAndEverythingElseStr
             full.invites.at(0).mediatypes);
   EXPECT_EQ(std::nullopt, full.participants.at(0).finishedAt);
   EXPECT_EQ(Entry::CallState::timeout, full.transfers.at(0).state);
+  EXPECT_NE(std::string::npos, description(full).find("state: active\n"));
+  EXPECT_NE(std::string::npos, description(full).find("endReason: busy"));
 
   const auto discarded = json(json::value_t::discarded);
   using P = json::json_pointer;
