@@ -40,6 +40,9 @@ class FakeSocketClient final : public SocketClient,
   explicit FakeSocketClient(SocketState state = SocketState::authenticated())
       : state_(std::move(state)) {}
 
+  /// Publishes `state` as the socket's current state.
+  void setState(SocketState state) { state_.onNext(state); }
+
   void setTimeoutScheduler(rx::SchedulerPtr scheduler) {
     std::lock_guard lock(mutex_);
     timeoutScheduler_ = std::move(scheduler);

@@ -6,19 +6,29 @@
 
 #include "ServerClient/AddressBooks/Event/AddressBooksEventHandler.h"
 #include "ServerClient/AddressBooks/Service/AddressBooksService.h"
+#include "ServerClient/Alert/Event/AlertsEventHandler.h"
+#include "ServerClient/Alert/Service/AlertsService.h"
 #include "ServerClient/Auth/Service/AuthService.h"
 #include "ServerClient/Common/SDKError.h"
+#include "ServerClient/ConferenceLog/Event/ConferenceLogEventHandler.h"
+#include "ServerClient/ConferenceLog/Service/ConferenceLogService.h"
 #include "ServerClient/Contact/Service/UserContactsService.h"
 #include "ServerClient/Group/Event/GroupEventHandler.h"
 #include "ServerClient/Group/Service/GroupService.h"
 #include "ServerClient/KeepConnection/KeepConnectionService.h"
 #include "ServerClient/Log/ServerLog.h"
+#include "ServerClient/Meeting/Event/MeetingsEventHandler.h"
+#include "ServerClient/Meeting/Service/MeetingsService.h"
+#include "ServerClient/MissedCalls/Event/MissedCallsEventHandler.h"
+#include "ServerClient/MissedCalls/Service/MissedCallsService.h"
 #include "ServerClient/Presence/Event/PresencesEventHandler.h"
 #include "ServerClient/Presence/Service/PresencesService.h"
 #include "ServerClient/Push/PushService.h"
 #include "ServerClient/User/UserService.h"
 #include "ServerClient/Utils/Description.h"
 #include "ServerClient/Utils/RepeatBehavior.h"
+#include "ServerClient/XMPP/Event/IndividualChatListEventHandler.h"
+#include "ServerClient/XMPP/Service/XMPPService.h"
 #include "ServerClient/rx/Schedulers.h"
 
 namespace kel {
@@ -138,6 +148,26 @@ std::shared_ptr<CacheGroupService> KelServer::groupService() {
   return service<CacheGroupService>(Domain::groups);
 }
 
+std::shared_ptr<MeetingsService> KelServer::meetingsService() {
+  return service<MeetingsService>(Domain::meetings);
+}
+
+std::shared_ptr<ConferenceLogService> KelServer::conferenceLogService() {
+  return service<ConferenceLogService>(Domain::conferenceLog);
+}
+
+std::shared_ptr<MissedCallsService> KelServer::missedCallsService() {
+  return service<MissedCallsService>(Domain::missedCalls);
+}
+
+std::shared_ptr<AlertsService> KelServer::alerts() {
+  return service<AlertsService>(Domain::alerts);
+}
+
+std::shared_ptr<XMPPService> KelServer::xmppService() {
+  return service<XMPPService>(Domain::xmpp);
+}
+
 std::shared_ptr<AddressBooksEventHandler> KelServer::addressBooksEventHandler() {
   return addressBooksEventHandler_.get(kelEventHandler_, options_.mainScheduler);
 }
@@ -160,6 +190,47 @@ std::shared_ptr<GroupEventHandler> KelServer::groupEventHandler() {
 
 void KelServer::setGroupEventHandler(std::shared_ptr<GroupEventHandler> handler) {
   groupEventHandler_.set(std::move(handler));
+}
+
+std::shared_ptr<MeetingsEventHandler> KelServer::meetingsEventHandler() {
+  return meetingsEventHandler_.get(kelEventHandler_, options_.mainScheduler);
+}
+
+void KelServer::setMeetingsEventHandler(std::shared_ptr<MeetingsEventHandler> handler) {
+  meetingsEventHandler_.set(std::move(handler));
+}
+
+std::shared_ptr<ConferenceLogEventHandler> KelServer::conferenceLogEventHandler() {
+  return conferenceLogEventHandler_.get(kelEventHandler_, options_.mainScheduler);
+}
+
+void KelServer::setConferenceLogEventHandler(std::shared_ptr<ConferenceLogEventHandler> handler) {
+  conferenceLogEventHandler_.set(std::move(handler));
+}
+
+std::shared_ptr<MissedCallsEventHandler> KelServer::missedCallsEventHandler() {
+  return missedCallsEventHandler_.get(kelEventHandler_, options_.mainScheduler);
+}
+
+void KelServer::setMissedCallsEventHandler(std::shared_ptr<MissedCallsEventHandler> handler) {
+  missedCallsEventHandler_.set(std::move(handler));
+}
+
+std::shared_ptr<AlertsEventHandler> KelServer::alertsEventHandler() {
+  return alertsEventHandler_.get(kelEventHandler_, options_.mainScheduler);
+}
+
+void KelServer::setAlertsEventHandler(std::shared_ptr<AlertsEventHandler> handler) {
+  alertsEventHandler_.set(std::move(handler));
+}
+
+std::shared_ptr<IndividualChatListEventHandler> KelServer::individualChatListEventHandler() {
+  return individualChatListEventHandler_.get(kelEventHandler_, options_.mainScheduler);
+}
+
+void KelServer::setIndividualChatListEventHandler(
+    std::shared_ptr<IndividualChatListEventHandler> handler) {
+  individualChatListEventHandler_.set(std::move(handler));
 }
 
 // --- Wiring -------------------------------------------------------------------------------------

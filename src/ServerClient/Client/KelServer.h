@@ -32,15 +32,25 @@
 namespace kel {
 
 class AddressBooksEventHandler;
+class AlertsEventHandler;
+class AlertsService;
 class CacheAddressBooksService;
 class CacheGroupService;
 class CachePresencesService;
+class ConferenceLogEventHandler;
+class ConferenceLogService;
 class GroupEventHandler;
+class IndividualChatListEventHandler;
 class KeepConnectionService;
+class MeetingsEventHandler;
+class MeetingsService;
+class MissedCallsEventHandler;
+class MissedCallsService;
 class PresencesEventHandler;
 class PushService;
 class UserContactsService;
 class UserService;
+class XMPPService;
 
 /// A domain event handler that the facade makes on first use, with its own KelEventHandler, and
 /// that the application may replace. Thread-safe.
@@ -188,6 +198,13 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
   /// Refused (GenericError notAllowed "presence") while the user lacks the presence capability.
   std::shared_ptr<CachePresencesService> presencesService();
   std::shared_ptr<CacheGroupService> groupService();
+  std::shared_ptr<MeetingsService> meetingsService();
+  /// Refused (GenericError notAllowed "+call-history") while the user lacks the call-history
+  /// capability.
+  std::shared_ptr<ConferenceLogService> conferenceLogService();
+  std::shared_ptr<MissedCallsService> missedCallsService();
+  std::shared_ptr<AlertsService> alerts();
+  std::shared_ptr<XMPPService> xmppService();
 
   // Domain event handlers: each made on first use and then kept; the application may set its
   // own. They deliver on the main scheduler (Options::mainScheduler).
@@ -197,6 +214,16 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
   void setPresenceEventHandler(std::shared_ptr<PresencesEventHandler> handler);
   std::shared_ptr<GroupEventHandler> groupEventHandler();
   void setGroupEventHandler(std::shared_ptr<GroupEventHandler> handler);
+  std::shared_ptr<MeetingsEventHandler> meetingsEventHandler();
+  void setMeetingsEventHandler(std::shared_ptr<MeetingsEventHandler> handler);
+  std::shared_ptr<ConferenceLogEventHandler> conferenceLogEventHandler();
+  void setConferenceLogEventHandler(std::shared_ptr<ConferenceLogEventHandler> handler);
+  std::shared_ptr<MissedCallsEventHandler> missedCallsEventHandler();
+  void setMissedCallsEventHandler(std::shared_ptr<MissedCallsEventHandler> handler);
+  std::shared_ptr<AlertsEventHandler> alertsEventHandler();
+  void setAlertsEventHandler(std::shared_ptr<AlertsEventHandler> handler);
+  std::shared_ptr<IndividualChatListEventHandler> individualChatListEventHandler();
+  void setIndividualChatListEventHandler(std::shared_ptr<IndividualChatListEventHandler> handler);
 
   // The parts, for the application and for tests.
   const std::shared_ptr<KelEventHandler>& kelEventHandler() const noexcept {
@@ -269,6 +296,11 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
   LazyEventHandler<AddressBooksEventHandler> addressBooksEventHandler_;
   LazyEventHandler<PresencesEventHandler> presenceEventHandler_;
   LazyEventHandler<GroupEventHandler> groupEventHandler_;
+  LazyEventHandler<MeetingsEventHandler> meetingsEventHandler_;
+  LazyEventHandler<ConferenceLogEventHandler> conferenceLogEventHandler_;
+  LazyEventHandler<MissedCallsEventHandler> missedCallsEventHandler_;
+  LazyEventHandler<AlertsEventHandler> alertsEventHandler_;
+  LazyEventHandler<IndividualChatListEventHandler> individualChatListEventHandler_;
 
   std::once_flag renewOnce_;
   rx::Observable<rx::Unit> renewSession_ = rx::Observable<rx::Unit>::empty();

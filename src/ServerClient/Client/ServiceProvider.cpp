@@ -3,12 +3,17 @@
 #include <utility>
 
 #include "ServerClient/AddressBooks/Service/KelCacheAddressBooksService.h"
+#include "ServerClient/Alert/Service/KelAlertsService.h"
+#include "ServerClient/ConferenceLog/Service/KelConferenceLogService.h"
 #include "ServerClient/Contact/Service/KelUserContactsService.h"
 #include "ServerClient/Group/Service/KelCacheGroupService.h"
 #include "ServerClient/KeepConnection/KeepConnectionService.h"
+#include "ServerClient/Meeting/Service/KelMeetingsService.h"
+#include "ServerClient/MissedCalls/Service/KelMissedCallsService.h"
 #include "ServerClient/Presence/Service/KelCachePresencesService.h"
 #include "ServerClient/Push/KelPushService.h"
 #include "ServerClient/User/KelUserService.h"
+#include "ServerClient/XMPP/Service/KelXMPPService.h"
 
 namespace kel {
 
@@ -43,12 +48,17 @@ std::string ServiceProvider::Dependencies::description() const {
 std::map<ServiceProvider::Domain, ServiceProvider::Factory> ServiceProvider::defaultFactories() {
   return {
       {Domain::addressBooks, factoryOf<KelCacheAddressBooksService>()},
+      {Domain::alerts, factoryOf<KelAlertsService>()},
+      {Domain::conferenceLog, factoryOf<KelConferenceLogService>()},
       {Domain::groups, factoryOf<KelCacheGroupService>()},
       {Domain::keepConnection, factoryOf<KeepConnectionService>()},
+      {Domain::meetings, factoryOf<KelMeetingsService>()},
+      {Domain::missedCalls, factoryOf<KelMissedCallsService>()},
       {Domain::presence, factoryOf<KelCachePresencesService>()},
       {Domain::push, factoryOf<KelPushService>()},
       {Domain::user, factoryOf<KelUserService>()},
       {Domain::userContacts, factoryOf<KelUserContactsService>()},
+      {Domain::xmpp, factoryOf<KelXMPPService>()},
   };
 }
 

@@ -1,5 +1,7 @@
 #include "ServerClient/Socket/Events/DomainEventHandler.h"
 
+#include <algorithm>
+
 #include "ServerClient/rx/Schedulers.h"
 
 namespace kel {
@@ -10,10 +12,16 @@ DomainEventHandler::DomainEventHandler(std::shared_ptr<KelEventHandler> kelEvent
       scheduler_(scheduler ? std::move(scheduler) : rx::MainScheduler::instance()) {}
 
 rx::Observable<KelEvent> DomainEventHandler::events(DomainEvent domain, std::string method) const {
+  return eventsWithMethods(domain, {std::move(method)});
+}
+
+rx::Observable<KelEvent> DomainEventHandler::eventsWithMethods(
+    DomainEvent domain, std::vector<std::string> methods) const {
   return kelEventHandler_->eventChannel()
       .subscribeOn(scheduler_)
-      .filter([domain, method = std::move(method)](const KelEvent& event) {
-        return event.domainEvent == domain && event.method == method;
+      .filter([domain, methods = std::move(methods)](const KelEvent& event) {
+        return event.domainEvent == domain &&
+               std::find(methods.begin(), methods.end(), event.method) != methods.end();
       })
       .observeOn(scheduler_);
 }

@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "ServerClient/Common/Decoding.h"
 #include "ServerClient/Socket/Events/DomainEvent.h"
@@ -38,6 +39,11 @@ class DomainEventHandler {
 
   /// The events of `domain` whose method is `method` (upper case, e.g. "PUT").
   rx::Observable<KelEvent> events(DomainEvent domain, std::string method) const;
+
+  /// The events of `domain` whose method is any of `methods`, in the order they arrived (one
+  /// filtered stream, unlike a merge of one stream per method).
+  rx::Observable<KelEvent> eventsWithMethods(DomainEvent domain,
+                                             std::vector<std::string> methods) const;
 
   /// Those events' bodies decoded as `Record`.
   template <class Record>

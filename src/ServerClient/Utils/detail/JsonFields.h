@@ -2,7 +2,8 @@
 
 // Strict field readers for the session records: a missing key or a value of another JSON type
 // throws, and kel::from turns the exception into the decoding error. Integers must be written as
-// integers: 5.0 or "5" is a mistyped value, not a 5.
+// integers: 5.0 or "5" is a mistyped value, not a 5. Floating numbers take any JSON number, but
+// neither a text nor a truth value.
 
 #include <cstdint>
 #include <optional>
@@ -32,6 +33,11 @@ void readRequired(const nlohmann::json& json, std::string_view key, T& out) {
     const auto integer = jsonInt64(value);
     if (!integer) throw std::invalid_argument("\"" + std::string(key) + "\" is not an integer");
     out = *integer;
+  } else if constexpr (std::is_same_v<T, double>) {
+    // nlohmann would read true as 1.
+    if (!value.is_number())
+      throw std::invalid_argument("\"" + std::string(key) + "\" is not a number");
+    out = value.template get<double>();
   } else {
     value.get_to(out);
   }
@@ -43,6 +49,10 @@ std::optional<T> readOptional(const nlohmann::json& json, std::string_view key) 
   if (!json.is_object()) throw std::invalid_argument("expected an object");
   const auto it = json.find(key);
   if (it == json.end() || it->is_null()) return std::nullopt;
+  if constexpr (std::is_same_v<T, double>) {
+    if (!it->is_number())
+      throw std::invalid_argument("\"" + std::string(key) + "\" is not a number");
+  }
   return it->template get<T>();
 }
 
