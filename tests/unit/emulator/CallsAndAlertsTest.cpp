@@ -233,11 +233,6 @@ TEST(EmulatorDomains, RefusedRequestsOfTheCallMeetingAlertAndChatDomainsChangeNo
     return body;
   };
 
-  struct Refused {
-    std::string request;
-    json body;
-    int status;
-  };
   const std::vector<Refused> refused{
       {"alice POST /meetings", {{"name", "M"}}, 400},
       {"alice POST /meetings", with({{"sendInvites", true}}), 400},
@@ -272,16 +267,7 @@ TEST(EmulatorDomains, RefusedRequestsOfTheCallMeetingAlertAndChatDomainsChangeNo
       {"alice PUT /xmpp/individualChatList/carol@kel", {{"jid", "carol@kel"}}, 400},
       {"alice DELETE /xmpp/individualChatList/carol@kel", kNoBody, 404},
   };
-  const auto before = harness.state();
-  harness.pushed.clear();
-  for (const auto& [request, body, status] : refused) {
-    SCOPED_TRACE(request + " " + body.dump());
-    const auto reply = harness.call(request, body);
-    EXPECT_EQ(status, reply.status);
-    EXPECT_TRUE(reply.body.contains("message")) << reply.body.dump();
-    EXPECT_EQ(before, harness.state());
-    EXPECT_TRUE(harness.pushed.empty());
-  }
+  harness.expectRefusedWithoutChange(refused);
 }
 
 }  // namespace

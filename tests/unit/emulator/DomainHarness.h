@@ -88,6 +88,13 @@ struct Step {
   std::string events;
 };
 
+/// A request that must be refused with `status`.
+struct Refused {
+  std::string request;
+  nlohmann::json body;
+  int status;
+};
+
 /// What the client sends where it sends no body.
 inline const nlohmann::json kNoBody = nlohmann::json::array();
 
@@ -147,6 +154,20 @@ struct DomainHarness {
       std::string events;
       for (const auto& event : pushed) events += (events.empty() ? "" : "; ") + event;
       EXPECT_EQ(step.events, events);
+    }
+  }
+
+  /// Each request is refused with its status and a reason, and changes and pushes nothing.
+  void expectRefusedWithoutChange(const std::vector<Refused>& refused) {
+    const auto before = state();
+    pushed.clear();
+    for (const auto& [request, body, status] : refused) {
+      SCOPED_TRACE(request + " " + body.dump());
+      const auto reply = call(request, body);
+      EXPECT_EQ(status, reply.status);
+      EXPECT_TRUE(reply.body.contains("message")) << reply.body.dump();
+      EXPECT_EQ(before, state());
+      EXPECT_TRUE(pushed.empty());
     }
   }
 

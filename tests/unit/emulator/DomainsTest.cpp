@@ -165,11 +165,6 @@ TEST(EmulatorDomains, RefusedRequestsChangeNothingAndPushNothing) {
   const auto bobSession = "/sessions/" + harness.store.createSession("bob").sessionId;
   const json strategy = {{"type", "sequential"}, {"properties", {{"delay", 1}, {"steps", 2}}}};
 
-  struct Refused {
-    std::string request;
-    json body;
-    int status;
-  };
   const std::vector<Refused> refused{
       {"alice POST userContacts", c1, 409},
       {"alice POST userContacts", contact("a/b", "x"), 400},
@@ -209,16 +204,7 @@ TEST(EmulatorDomains, RefusedRequestsChangeNothingAndPushNothing) {
       {"alice PUT " + bobSession, kNone, 404},
       {"alice DELETE " + bobSession, kNone, 404},
   };
-  const auto before = harness.state();
-  harness.pushed.clear();
-  for (const auto& [request, body, status] : refused) {
-    SCOPED_TRACE(request + " " + body.dump());
-    const auto reply = harness.call(request, body);
-    EXPECT_EQ(status, reply.status);
-    EXPECT_TRUE(reply.body.contains("message")) << reply.body.dump();
-    EXPECT_EQ(before, harness.state());
-    EXPECT_TRUE(harness.pushed.empty());
-  }
+  harness.expectRefusedWithoutChange(refused);
 }
 
 }  // namespace
