@@ -10,12 +10,22 @@
 
 #include "ServerClient/AddressBooks/Event/AddressBooksEventHandler.h"
 #include "ServerClient/AddressBooks/Service/AddressBooksService.h"
+#include "ServerClient/Alert/Event/AlertsEventHandler.h"
+#include "ServerClient/Alert/Service/AlertsService.h"
 #include "ServerClient/Client/KelServer.h"
+#include "ServerClient/ConferenceLog/Event/ConferenceLogEventHandler.h"
+#include "ServerClient/ConferenceLog/Service/ConferenceLogService.h"
 #include "ServerClient/Contact/Service/UserContactsService.h"
 #include "ServerClient/Group/Event/GroupEventHandler.h"
 #include "ServerClient/Group/Service/GroupService.h"
+#include "ServerClient/Meeting/Event/MeetingsEventHandler.h"
+#include "ServerClient/Meeting/Service/MeetingsService.h"
+#include "ServerClient/MissedCalls/Event/MissedCallsEventHandler.h"
+#include "ServerClient/MissedCalls/Service/MissedCallsService.h"
 #include "ServerClient/Presence/Event/PresencesEventHandler.h"
 #include "ServerClient/Presence/Service/PresencesService.h"
+#include "ServerClient/XMPP/Event/IndividualChatListEventHandler.h"
+#include "ServerClient/XMPP/Service/XMPPService.h"
 #include "ServerClient/platform/InMemoryKeychain.h"
 #include "ServerClient/rx/Schedulers.h"
 #include "emulator/Emulator.h"
@@ -43,7 +53,7 @@ class DomainsIntegrationTest : public ::testing::Test {
   DomainsIntegrationTest() {
     for (const char* user : {"ann", "bob"}) {
       auto account = emulator::defaultAccount(user, std::string(user) + "-outside");
-      account.capabilities = {{"domain", {"presence"}}, {"user", json::array()}};
+      account.capabilities = {{"domain", {"presence", "call-history"}}, {"user", json::array()}};
       emulator_.addAccount(std::move(account));
     }
     urls_ = emulator_.start();
@@ -56,8 +66,9 @@ class DomainsIntegrationTest : public ::testing::Test {
     auto server = KelServer::create(boost::urls::parse_absolute_uri(urls_.kelURL).value(),
                                     boost::urls::parse_absolute_uri(urls_.socketURL).value(),
                                     "1.0.0", "DOMAINS", options);
-    // Presence needs the capability that the sign-in brings.
+    // Presence and the call history need the capabilities that the sign-in brings.
     EXPECT_THROW(server->presencesService(), GenericError);
+    EXPECT_THROW(server->conferenceLogService(), GenericError);
     await(server->connect(user + "-outside"));
     return server;
   }
@@ -148,6 +159,108 @@ TEST_F(DomainsIntegrationTest, GroupChangesReachTheParticipants) {
   }));
   await(groups->deleteGroup("support"));
   EXPECT_TRUE(deleted.waitFor([](const std::string& id) { return id == "support"; }));
+}
+
+TEST_F(DomainsIntegrationTest, MeetingsReachTheInvitedUsers) {
+  auto ann = signIn("ann");
+  auto bob = signIn("bob");
+  const auto& events = *bob->meetingsEventHandler();
+  StreamRecorder created(events.newMeeting());
+  StreamRecorder updated(events.meetingUpdated());
+  StreamRecorder deleted(events.meetingDeleted());
+  untilListening();
+  auto meetings = ann->meetingsService();
+
+  const auto since = std::chrono::system_clock::now();
+  MeetingInvitation invitation("Board", {{.email = "bob@emulator.kel"}}, "en", since,
+                               since + std::chrono::hours(1), std::nullopt, true, false);
+  const auto meeting = await(meetings->createMeeting(invitation));
+  EXPECT_EQ("ann", meeting.user.userId);
+  ASSERT_EQ(2u, meeting.participants.size());  // the owner first
+  EXPECT_EQ(std::optional<std::string>("bob@emulator.kel"), meeting.participants[1].email);
+  EXPECT_TRUE(meeting.isPasswordProtected);
+  EXPECT_TRUE(created.waitFor([&](const Meeting& m) { return m.id == meeting.id; }));
+
+  invitation.name = "Board, moved";
+  invitation.sendInvites = true;
+  EXPECT_EQ("Board, moved", await(meetings->updateMeeting(meeting.id, invitation)).name);
+  EXPECT_TRUE(updated.waitFor([](const Meeting& m) { return m.name == "Board, moved"; }));
+  EXPECT_EQ(meeting.id, await(meetings->meeting(meeting.id)).id);
+  const auto found = await(meetings->meetings({.name = "moved"}));
+  ASSERT_EQ(1u, found.size());
+  EXPECT_EQ(meeting.id, found[0].id);
+  // Only the owner changes a meeting.
+  EXPECT_THROW(await(bob->meetingsService()->deleteMeeting(meeting)), ConnectionError);
+  await(meetings->deleteMeeting(meeting));
+  EXPECT_TRUE(deleted.waitFor([](const rx::Unit&) { return true; }));
+}
+
+TEST_F(DomainsIntegrationTest, AMissedCallReachesBothHistoriesAndIsReadAway) {
+  auto ann = signIn("ann");
+  auto bob = signIn("bob");
+  StreamRecorder annEntries(ann->conferenceLogEventHandler()->newConferenceEntry());
+  StreamRecorder bobEntries(bob->conferenceLogEventHandler()->newConferenceEntry());
+  StreamRecorder missed(bob->missedCallsEventHandler()->newMissedCalls());
+  untilListening();
+
+  emulator_.placeCall({.from = "ann", .to = "bob", .outcome = emulator::CallOutcome::missed});
+  const auto isTheCall = [](const ConferenceEntry& e) { return e.invites.size() == 1; };
+  EXPECT_TRUE(annEntries.waitFor(isTheCall));
+  EXPECT_TRUE(bobEntries.waitFor(isTheCall));
+  EXPECT_TRUE(missed.waitFor([](const MissedCallsSocketDTO& m) { return m.items->size() == 1; }));
+  for (const auto& server : {ann, bob}) {
+    const auto log = await(server->conferenceLogService()
+                               ->conferencesEntries(std::nullopt, std::nullopt, 10, true)
+                               .take(1)
+                               .asSingle());
+    ASSERT_EQ(1u, log.size());
+    EXPECT_EQ(ConferenceEntry::CallState::timeout, log[0].invites.at(0).state);
+  }
+
+  auto calls = bob->missedCallsService();
+  const auto before = await(calls->getMissedCalls({.userId = "bob"}));
+  ASSERT_EQ(1u, before.data->items->size());
+  await(calls->setReadMissedCalls({.userId = "bob", .callId = *before.data->items->at(0).id}));
+  EXPECT_TRUE(await(calls->getMissedCalls({.userId = "bob"})).data->items->empty());
+}
+
+TEST_F(DomainsIntegrationTest, AnAlertRaisedByOneIsAcceptedByAnother) {
+  emulator_.alerts().addTemplate({{"templateId", "fire"}, {"title", "Fire"}, {"payload", "Leave"}});
+  auto ann = signIn("ann");
+  auto bob = signIn("bob");
+  StreamRecorder raised(bob->alertsEventHandler()->newAlert());
+  StreamRecorder resolved(ann->alertsEventHandler()->updatedAlert());
+  untilListening();
+
+  const auto templates = await(ann->alerts()->alertTemplates());
+  ASSERT_EQ(1u, templates.size());
+  await(ann->alerts()->sendAlert(templates[0]));
+  ASSERT_TRUE(raised.waitFor([](const ServerAlert& a) { return a.title == "Fire"; }));
+  const auto id = raised.values().back().alertId;
+  await(bob->alerts()->accept(id));
+  EXPECT_TRUE(resolved.waitFor([](const ServerAlert& a) { return a.acceptedBy == "bob"; }));
+  const auto listed = await(ann->alerts()->alerts(3600, 3600, 3600));
+  ASSERT_EQ(1u, listed.size());
+  EXPECT_EQ(id, listed[0].alertId);
+}
+
+TEST_F(DomainsIntegrationTest, ChatListChangesReachTheUsersOtherSessions) {
+  auto ann = signIn("ann");
+  auto annElsewhere = signIn("ann");
+  StreamRecorder added(annElsewhere->individualChatListEventHandler()->newIndividualChat());
+  StreamRecorder removed(annElsewhere->individualChatListEventHandler()->deleteIndividualChat());
+  untilListening();
+  auto chats = ann->xmppService();
+
+  await(chats->addOneToOneChat("bob@emulator.kel"));
+  EXPECT_EQ(std::vector<std::string>{"bob@emulator.kel"}, await(chats->oneToOneChatList()));
+  await(chats->deleteOneToOneChat("bob@emulator.kel"));
+  EXPECT_TRUE(await(chats->oneToOneChatList()).empty());
+  const auto isBob = [](const IndividualChatListSocketDTO& c) {
+    return c.jid == "bob@emulator.kel";
+  };
+  EXPECT_TRUE(added.waitFor(isBob));
+  EXPECT_TRUE(removed.waitFor(isBob));
 }
 
 }  // namespace
