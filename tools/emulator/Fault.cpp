@@ -16,7 +16,7 @@ nlohmann::json envelope(std::optional<std::int64_t> requestId, nlohmann::json bo
   return {{"path", "/malformed"}, {"method", "PUT"}, {"body", std::move(body)}};
 }
 
-std::string compact(const nlohmann::json& value) {
+std::string compactOrEmptyObject(const nlohmann::json& value) {
   return dumpJson(value).value_or("{}");
 }
 
@@ -26,7 +26,7 @@ OutgoingFrame malformedFrame(Malformed kind, std::optional<std::int64_t> request
                              std::size_t hugeFrameBytes) {
   switch (kind) {
     case Malformed::notJson: {
-      auto text = "3" + compact(envelope(requestId, nlohmann::json::object()));
+      auto text = "3" + compactOrEmptyObject(envelope(requestId, nlohmann::json::object()));
       text.resize(text.size() / 2);
       return {std::move(text), false};
     }
@@ -40,19 +40,19 @@ OutgoingFrame malformedFrame(Malformed kind, std::optional<std::int64_t> request
       nlohmann::json object{{"id", std::to_string(requestId.value_or(0))},
                             {"status", 200},
                             {"body", nlohmann::json::object()}};
-      return {"3" + compact(object), false};
+      return {"3" + compactOrEmptyObject(object), false};
     }
     case Malformed::binary:
-      return {"3" + compact(envelope(requestId, nlohmann::json::object())), true};
+      return {"3" + compactOrEmptyObject(envelope(requestId, nlohmann::json::object())), true};
     case Malformed::invalidUtf8: {
       // Built by hand: the JSON serialiser refuses invalid UTF-8, which is the point here.
-      auto text = "3" + compact(envelope(requestId, ""));
+      auto text = "3" + compactOrEmptyObject(envelope(requestId, ""));
       const auto quotes = text.rfind("\"\"");
       text.insert(quotes + 1, "\xff\xfe");
       return {std::move(text), false};
     }
     case Malformed::huge: {
-      auto text = "3" + compact(envelope(requestId, ""));
+      auto text = "3" + compactOrEmptyObject(envelope(requestId, ""));
       const auto quotes = text.rfind("\"\"");
       if (hugeFrameBytes > text.size()) text.insert(quotes + 1, hugeFrameBytes - text.size(), 'x');
       return {std::move(text), false};

@@ -30,20 +30,20 @@ FrameKind classifyClientFrame(std::string_view frame) noexcept {
 
 std::optional<RequestFrame> parseRequestFrame(std::string_view frame) {
   if (!frame.starts_with('2')) return std::nullopt;
-  auto json = parseJson(frame.substr(1));
-  if (!json || !json->is_object()) return std::nullopt;
-  auto id = json->find("id");
-  auto path = json->find("path");
-  auto method = json->find("method");
-  if (id == json->end() || path == json->end() || method == json->end()) return std::nullopt;
+  auto object = parseJson(frame.substr(1));
+  if (!object || !object->is_object()) return std::nullopt;
+  auto id = object->find("id");
+  auto path = object->find("path");
+  auto method = object->find("method");
+  if (id == object->end() || path == object->end() || method == object->end()) return std::nullopt;
   auto idValue = kel::detail::jsonInt64(*id);
   if (!idValue || !path->is_string() || !method->is_string()) return std::nullopt;
   RequestFrame request;
   request.id = *idValue;
   request.path = path->get<std::string>();
   request.method = method->get<std::string>();
-  auto body = json->find("body");
-  request.body = body == json->end() ? nlohmann::json::object() : std::move(*body);
+  auto body = object->find("body");
+  request.body = body == object->end() ? nlohmann::json::object() : std::move(*body);
   return request;
 }
 

@@ -46,13 +46,13 @@ std::string frameForLog(std::string_view frame, std::size_t maxChars) {
   if (frame.starts_with(kAuthFramePrefix)) {
     text = std::string(kAuthFramePrefix) + redactSecret(frame.substr(kAuthFramePrefix.size()));
   } else if (frame.size() > 1 && (frame[1] == '{' || frame[1] == '[')) {
-    auto json = nlohmann::json::parse(frame.substr(1), nullptr, false);
-    if (json.is_discarded()) {
+    auto parsed = nlohmann::json::parse(frame.substr(1), nullptr, false);
+    if (parsed.is_discarded()) {
       text = std::string(frame);
     } else {
-      redactMembers(json);
+      redactMembers(parsed);
       text = frame.substr(0, 1);
-      text += json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+      text += parsed.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
     }
   } else {
     text = std::string(frame);

@@ -85,15 +85,15 @@ class KelCliTest : public ::testing::Test {
 
   /// A command against the server at `urls`, in a keychain group of this test's own (tests run
   /// in parallel against one keychain daemon). Options in `arguments` win over these defaults.
-  KelRun kel(const emulator::Urls& urls, std::vector<std::string> arguments, bool json = true) {
-    return finishKel(startKel(withDefaults(urls, std::move(arguments), json), configHome_));
+  KelRun kel(const emulator::Urls& urls, std::vector<std::string> arguments, bool asJson = true) {
+    return finishKel(startKel(withDefaults(urls, std::move(arguments), asJson), configHome_));
   }
 
   std::vector<std::string> withDefaults(const emulator::Urls& urls,
-                                        std::vector<std::string> arguments, bool json = true) {
+                                        std::vector<std::string> arguments, bool asJson = true) {
     arguments.insert(arguments.begin(), {"--kel-url", urls.kelURL, "--socket-url", urls.socketURL,
                                          "--team-id", team(), "--timeout", "10"});
-    if (json) arguments.push_back("--json");
+    if (asJson) arguments.push_back("--json");
     return arguments;
   }
 
@@ -201,14 +201,14 @@ TEST_F(KelCliTest, NoSecretAndNoTerminalControlReachesAnyOutput) {
   // Credentials written into the socket URL are not echoed either.
   urls.socketURL.insert(urls.socketURL.find("//") + 2, "ann:MARK-U@");
   // The log lines of --verbose go to stderr whatever the output format.
-  for (const bool json : {true, false}) {
+  for (const bool asJson : {true, false}) {
     std::vector<std::string> arguments{"login", "--token", "MARK-SIGN-IN"};
-    if (!json) arguments.push_back("--verbose");
-    const auto run = kel(urls, arguments, json);
+    if (!asJson) arguments.push_back("--verbose");
+    const auto run = kel(urls, arguments, asJson);
     EXPECT_EQ(1, run.exitCode) << run.out << run.err;
     EXPECT_NE(std::string::npos, run.err.find("generic/decoding")) << run.err;
     EXPECT_NE(std::string::npos, run.err.find("<redacted>")) << run.err;
-    expectClean(run, json ? "json" : "plain");
+    expectClean(run, asJson ? "json" : "plain");
   }
   // A refused command line (its rules are the unit tests') exits with 2 and names the culprit.
   const auto bad = finishKel(startKel(

@@ -19,7 +19,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using emulator::Emulator;
-using testing::HasSubstr;
+using ::testing::HasSubstr;
 using Kind = HTTPClientError::Kind;
 namespace asio = boost::asio;
 
@@ -41,7 +41,7 @@ HTTPRequest post(const std::string& url, std::string body) {
   return request;
 }
 
-class HTTPClientTest : public testing::Test {
+class HTTPClientTest : public ::testing::Test {
  protected:
   void SetUp() override { startEmulator({}); }
 

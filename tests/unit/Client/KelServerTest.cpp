@@ -31,14 +31,14 @@ using Outcome = InMemoryHTTPClient::Outcome;
 using State = KelServer::State;
 using testing::StreamRecorder;
 
-const std::string kAnswer = testing::signInAnswer({"presence"});
+const std::string kSignInAnswer = testing::signInAnswer({"presence"});
 
 class KelServerTest : public ::testing::Test {
  protected:
   KelServerTest() {
     http_->setResponder([this](const platform::HTTPRequest&) -> std::optional<Outcome> {
       ++signIns_;
-      return failuresLeft_-- > 0 ? Outcome::respond(500, "{}") : Outcome::respond(200, kAnswer);
+      return failuresLeft_-- > 0 ? Outcome::respond(500, "{}") : Outcome::respond(200, kSignInAnswer);
     });
     KelServer::Options options;
     options.mainScheduler = options.resumeTimeoutScheduler = options.renewalScheduler = scheduler_;

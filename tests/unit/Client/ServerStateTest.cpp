@@ -10,7 +10,7 @@ namespace {
 using enum KelServerState;
 using Reason = SocketStateDisconnectedReason;
 
-class ServerStateTest : public testing::Test {
+class ServerStateTest : public ::testing::Test {
  protected:
   ServerStateTest() {
     state_->setSocketEvents(socket_.asObservable());

@@ -17,6 +17,7 @@ namespace {
 using nlohmann::json;
 using testing::FakeSocketClient;
 using testing::StreamRecorder;
+using Reply = FakeSocketClient::Reply;
 using UserSession = rx::BehaviorSubject<std::optional<AuthenticationData>>;
 
 AuthenticationData signedIn() {
@@ -37,7 +38,6 @@ class KeepConnectionServiceTest : public ::testing::Test {
 };
 
 TEST_F(KeepConnectionServiceTest, ARenewalIsOneElementWhateverTheAnswerAndTheOrErrorFormFails) {
-  using Reply = FakeSocketClient::Reply;
   const struct {
     Reply reply;
     std::string orError;  // what the OrError form ends with

@@ -15,8 +15,8 @@ struct Invite {
   std::string room;
   double weight = 1;
 };
-void to_json(nlohmann::json& json, const Invite& invite) {
-  json = {{"room", invite.room}, {"weight", invite.weight}};
+void to_json(nlohmann::json& out, const Invite& invite) {
+  out = {{"room", invite.room}, {"weight", invite.weight}};
 }
 struct Unencodable {};
 void to_json(nlohmann::json&, const Unencodable&) {

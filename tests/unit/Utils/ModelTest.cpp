@@ -9,11 +9,11 @@
 namespace kel {
 namespace {
 
-struct Contact {
+struct Person {
   std::string id;
   int age = 0;
 };
-void from_json(const nlohmann::json& json, Contact& contact) {
+void from_json(const nlohmann::json& json, Person& contact) {
   json.at("id").get_to(contact.id);
   json.at("age").get_to(contact.age);
 }
@@ -22,9 +22,9 @@ void from_json(const nlohmann::json& json, Contact& contact) {
 TEST(Model, AFailureCarriesTheDataAndLogsTheDecodersText) {
   testing::LogCapture log;
   ServerLog::sharedInstance().addLoggers(LogLevel::error, false);  // the complaint is an error
-  EXPECT_EQ(4, Model::from<std::vector<Contact>>(R"([{"id":"b","age":4}])").at(0).age);
+  EXPECT_EQ(4, Model::from<std::vector<Person>>(R"([{"id":"b","age":4}])").at(0).age);
   const std::string data = R"({"id":"a","age":"old"})";
-  const auto error = test::thrown<GenericError>([&] { Model::from<Contact>(data); }).value();
+  const auto error = test::thrown<GenericError>([&] { Model::from<Person>(data); }).value();
   EXPECT_EQ(GenericErrorType::decoding(data), error.type());
   EXPECT_EQ("", error.description());
   const auto lines = log.lines();

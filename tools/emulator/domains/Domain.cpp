@@ -170,4 +170,8 @@ void checkContact(const json& contact, std::string_view where) {
   }
 }
 
+bool contains(const std::vector<std::string>& users, std::string_view user) {
+  return std::find(users.begin(), users.end(), user) != users.end();
+}
+
 }  // namespace kel::emulator

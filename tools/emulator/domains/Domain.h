@@ -118,6 +118,9 @@ void onlyKnownKeys(const nlohmann::json& object, std::initializer_list<std::stri
                    std::string_view where);
 /// `where` + `key`, quoted: the name of a member in messages.
 std::string memberName(std::string_view where, std::string_view key);
+
+/// Whether `user` is among `users`.
+bool contains(const std::vector<std::string>& users, std::string_view user);
 /// Where the entries of a list member are: `where` + key + "[" + index + "].".
 std::string entryWhere(std::string_view where, std::string_view key, std::size_t index);
 

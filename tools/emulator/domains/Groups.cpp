@@ -46,10 +46,6 @@ std::vector<std::string> userList(const json& object, std::string_view key, std:
   return users;
 }
 
-bool contains(const std::vector<std::string>& users, std::string_view user) {
-  return std::find(users.begin(), users.end(), user) != users.end();
-}
-
 }  // namespace
 
 Groups::Groups(DomainContext context) : context_(std::move(context)) {}

@@ -20,10 +20,6 @@ std::string lowerCase(std::string text) {
   return text;
 }
 
-bool contains(const std::vector<std::string>& users, std::string_view user) {
-  return std::find(users.begin(), users.end(), user) != users.end();
-}
-
 }  // namespace
 
 Meetings::Meetings(DomainContext context) : context_(std::move(context)) {}

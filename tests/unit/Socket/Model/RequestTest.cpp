@@ -9,16 +9,16 @@
 namespace kel {
 namespace {
 
-enum class Path { presence, users };
-[[maybe_unused]] constexpr auto pathTable(Path) {
-  return makePathTable<Path>({{Path::presence, "/presence"}, {Path::users, "/users"}});
+enum class TestPath { presence, users };
+[[maybe_unused]] constexpr auto pathTable(TestPath) {
+  return makePathTable<TestPath>({{TestPath::presence, "/presence"}, {TestPath::users, "/users"}});
 }
 
 using nlohmann::json;
 
-JsonRequest<Path> presenceRequest(std::optional<json> body) {
+JsonRequest<TestPath> presenceRequest(std::optional<json> body) {
   return {.requestID = 42,
-          .pathname = {Path::presence, {PathRule::append("u1")}},
+          .pathname = {TestPath::presence, {PathRule::append("u1")}},
           .headers = {{"X-Trace", "1"}},
           .body = std::move(body),
           .method = "PUT"};
@@ -35,8 +35,8 @@ TEST(Request, TheFrameIsTheDigitTwoThenThePrettyPrintedFourMemberWireObject) {
       << "UTF-8 kept; headers and time-out stay local";
   EXPECT_EQ(json::object(), presenceRequest(std::nullopt).toDictionary()["body"]);
   EXPECT_EQ(nullptr, presenceRequest(json(nullptr)).toDictionary()["body"]) << "null is a body";
-  Request<std::map<std::string, std::string>, Path> typed{
-      .pathname = Path::users, .body = std::map<std::string, std::string>{{"a", "b"}}};
+  Request<std::map<std::string, std::string>, TestPath> typed{
+      .pathname = TestPath::users, .body = std::map<std::string, std::string>{{"a", "b"}}};
   EXPECT_EQ((json{{"a", "b"}}), typed.toDictionary()["body"]);
 }
 
@@ -52,14 +52,15 @@ TEST(Request, NoFrameForABodyThatIsNotPlainJson) {
         json(json::value_t::discarded)}) {
     EXPECT_FALSE(presenceRequest(body).toMessage()) << body.type_name();
   }
-  EXPECT_FALSE((JsonRequest<Path>{.pathname = Path::users, .method = "GET\xff"}.toMessage()));
-  Request<ThrowingBody, Path> throwing{.pathname = Path::users, .body = ThrowingBody{}};
+  EXPECT_FALSE(
+      (JsonRequest<TestPath>{.pathname = TestPath::users, .method = "GET\xff"}.toMessage()));
+  Request<ThrowingBody, TestPath> throwing{.pathname = TestPath::users, .body = ThrowingBody{}};
   EXPECT_FALSE(throwing.toMessage());
 }
 
 TEST(Request, RequestsDefaultToAFreshIdentifierInTheWholeRangeAndATwentySecondTimeOut) {
-  const JsonRequest<Path> a{.pathname = Path::users};
-  const JsonRequest<Path> b{.pathname = Path::users};
+  const JsonRequest<TestPath> a{.pathname = TestPath::users};
+  const JsonRequest<TestPath> b{.pathname = TestPath::users};
   EXPECT_EQ(std::chrono::seconds(20), a.timeout);
   EXPECT_NE(a.requestID, b.requestID);  // 1 in 2^31 to fail by chance
   std::int64_t highest = 0;
