@@ -32,8 +32,9 @@ std::string Command::name() const {
 
 const std::vector<const CommandGroup*>& commandGroups() {
   static const std::vector<const CommandGroup*> groups = {
-      &sessionCommands(),  &contactsCommands(), &addressBooksCommands(),
-      &presenceCommands(), &groupsCommands(),   &eventCommands()};
+      &sessionCommands(), &contactsCommands(), &addressBooksCommands(), &presenceCommands(),
+      &groupsCommands(),  &meetingsCommands(), &callHistoryCommands(),  &alertsCommands(),
+      &chatsCommands(),   &eventCommands()};
   return groups;
 }
 
@@ -45,6 +46,87 @@ long long parseNumber(std::string_view what, std::string_view text, long long mi
                      " to " + std::to_string(max) + ", got \"" + std::string(text) + "\""};
   }
   return number;
+}
+
+std::chrono::system_clock::time_point parseInstant(std::string_view what, std::string_view text,
+                                                   std::chrono::system_clock::time_point now) {
+  using namespace std::chrono;
+  const auto refused = [&] {
+    return UsageError{std::string(what) + ": expected now, now+N or now-N (N with s, m, h or d), " +
+                      "YYYY-MM-DDTHH:MM[:SS]Z or milliseconds since 1970, got \"" +
+                      std::string(text) + "\""};
+  };
+  if (text.starts_with("now")) {
+    auto rest = text.substr(3);
+    if (rest.empty()) return now;
+    if (rest.size() < 3 || (rest[0] != '+' && rest[0] != '-')) throw refused();
+    const char unit = rest.back();
+    const long long count = [&] {
+      try {
+        return parseNumber(what, rest.substr(1, rest.size() - 2), 0, 36'500);
+      } catch (const UsageError&) {
+        throw refused();
+      }
+    }();
+    seconds step{0};
+    switch (unit) {
+      case 's':
+        step = seconds(count);
+        break;
+      case 'm':
+        step = minutes(count);
+        break;
+      case 'h':
+        step = hours(count);
+        break;
+      case 'd':
+        step = days(count);
+        break;
+      default:
+        throw refused();
+    }
+    return rest[0] == '+' ? now + step : now - step;
+  }
+  if (!text.empty() &&
+      std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+    return system_clock::time_point(milliseconds(parseNumber(what, text, 0, 253'402'300'799'999)));
+  }
+  // YYYY-MM-DDTHH:MM[:SS]Z, read field by field so that nothing else passes.
+  const auto field = [&](std::size_t at, std::size_t length, int min, int max) {
+    if (at + length > text.size()) throw refused();
+    int value = 0;
+    const auto [end, error] = std::from_chars(text.data() + at, text.data() + at + length, value);
+    if (error != std::errc() || end != text.data() + at + length || value < min || value > max) {
+      throw refused();
+    }
+    return value;
+  };
+  const auto separator = [&](std::size_t at, char expected) {
+    if (at >= text.size() || text[at] != expected) throw refused();
+  };
+  const int year = field(0, 4, 1970, 9999);
+  separator(4, '-');
+  const int month = field(5, 2, 1, 12);
+  separator(7, '-');
+  const int day = field(8, 2, 1, 31);
+  separator(10, 'T');
+  const int hour = field(11, 2, 0, 23);
+  separator(13, ':');
+  const int minute = field(14, 2, 0, 59);
+  int second = 0;
+  std::size_t end = 16;
+  if (text.size() == 20) {
+    separator(16, ':');
+    second = field(17, 2, 0, 59);
+    end = 19;
+  }
+  separator(end, 'Z');
+  if (text.size() != end + 1) throw refused();
+  const year_month_day date{std::chrono::year(year),
+                            std::chrono::month(static_cast<unsigned>(month)),
+                            std::chrono::day(static_cast<unsigned>(day))};
+  if (!date.ok()) throw refused();
+  return sys_days(date) + hours(hour) + minutes(minute) + seconds(second);
 }
 
 namespace {

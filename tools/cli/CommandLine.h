@@ -91,6 +91,10 @@ const CommandGroup& contactsCommands();
 const CommandGroup& addressBooksCommands();
 const CommandGroup& presenceCommands();
 const CommandGroup& groupsCommands();
+const CommandGroup& meetingsCommands();
+const CommandGroup& callHistoryCommands();
+const CommandGroup& alertsCommands();
+const CommandGroup& chatsCommands();
 const CommandGroup& eventCommands();
 
 struct CommandLine {
@@ -129,5 +133,11 @@ std::string usage(std::string_view program);
 
 /// A whole number from `min` to `max` for `what`, or a UsageError naming it.
 long long parseNumber(std::string_view what, std::string_view text, long long min, long long max);
+
+/// An instant for `what`: "now", "now+N" or "now-N" with N a whole number of seconds, minutes,
+/// hours or days ("now+90m", "now-2d"), "YYYY-MM-DDTHH:MM[:SS]Z" in UTC, or whole milliseconds
+/// since the Unix epoch; otherwise a UsageError naming it. `now` is the instant "now" stands for.
+std::chrono::system_clock::time_point parseInstant(std::string_view what, std::string_view text,
+                                                   std::chrono::system_clock::time_point now);
 
 }  // namespace kel::cli

@@ -13,17 +13,24 @@
 
 #include "ServerClient/AddressBooks/Event/AddressBooksEventHandler.h"
 #include "ServerClient/AddressBooks/Service/AddressBooksService.h"
+#include "ServerClient/Alert/Event/AlertsEventHandler.h"
+#include "ServerClient/Alert/Service/AlertsService.h"
 #include "ServerClient/Auth/Service/AuthService.h"
 #include "ServerClient/Client/KelServer.h"
 #include "ServerClient/Common/SDKError.h"
+#include "ServerClient/ConferenceLog/Service/ConferenceLogService.h"
 #include "ServerClient/Contact/Service/UserContactsService.h"
 #include "ServerClient/Group/Event/GroupEventHandler.h"
 #include "ServerClient/Group/Service/GroupService.h"
 #include "ServerClient/Log/ServerLog.h"
+#include "ServerClient/Meeting/Event/MeetingsEventHandler.h"
+#include "ServerClient/Meeting/Service/MeetingsService.h"
+#include "ServerClient/MissedCalls/Service/MissedCallsService.h"
 #include "ServerClient/Presence/Event/PresencesEventHandler.h"
 #include "ServerClient/Presence/Service/PresencesService.h"
 #include "ServerClient/Push/PushService.h"
 #include "ServerClient/User/UserService.h"
+#include "ServerClient/XMPP/Service/XMPPService.h"
 #include "ServerClient/platform/InMemoryKeychain.h"
 #include "ServerClient/platform/UserDefaults.h"
 #include "cli/Commands.h"
@@ -46,6 +53,9 @@ constexpr std::string_view kSignInToken = "alice-sign-in-token";
 constexpr std::string_view kOtherUser = "bob";
 constexpr std::string_view kOtherSignInToken = "bob-sign-in-token";
 constexpr std::string_view kGroupId = "demo-team";
+// Both users belong to it, so that each sees the other's alerts.
+constexpr std::string_view kUserDomain = "demo.kel";
+constexpr std::string_view kAlertTemplate = "demo-drill";
 constexpr std::string_view kDeviceId = "demo-device";
 constexpr std::string_view kPushToken = "demo-push-token";
 // Shorter than the library's 3 s so that the demo does not sit idle; the facade takes it as an
@@ -86,6 +96,10 @@ class Demo {
     step("presence seen by the other user", [&] { sharePresence(); });
     step("a group of both users", [&] { shareGroup(); });
     step("a contact in the address book", [&] { addContact(); });
+    step("a meeting the other user is invited to", [&] { shareMeeting(); });
+    step("a missed call", [&] { missCall(); });
+    step("an alert accepted by the other user", [&] { shareAlert(); });
+    step("a chat in the chat list", [&] { addChat(); });
     step("the second user goes away", [&] { signOutOtherUser(); });
     step("session renewal", [&] { waitForRenewal(); });
     step("dropped connection", [&] { dropConnection(); });
@@ -155,12 +169,18 @@ class Demo {
     for (const auto& [user, token] :
          {std::pair{kUser, kSignInToken}, std::pair{kOtherUser, kOtherSignInToken}}) {
       auto account = emulator::defaultAccount(std::string(user), std::string(token));
-      // Without it the library refuses the presence service.
-      account.capabilities["domain"] = nlohmann::json::array({"presence"});
+      // Without them the library refuses the presence and conference-log services.
+      account.capabilities["domain"] = nlohmann::json::array({"presence", "call-history"});
+      account.user["domain"] = kUserDomain;
       emulator_->addAccount(std::move(account));
     }
+    emulator_->alerts().addTemplate({{"templateId", kAlertTemplate},
+                                     {"title", "Fire drill"},
+                                     {"payload", "Meet at the assembly point"}});
     urls_ = emulator_->start();
     say("emulator listening on " + urls_.kelURL + ", socket " + urls_.socketURL);
+    say("alert template \"" + std::string(kAlertTemplate) + "\" for the domain " +
+        std::string(kUserDomain));
     say("two users, \"" + std::string(kUser) + "\" and \"" + std::string(kOtherUser) +
         "\", who sign in with the tokens \"" + std::string(kSignInToken) + "\" and \"" +
         std::string(kOtherSignInToken) + "\"");
@@ -282,8 +302,11 @@ class Demo {
     collect(other_->groupEventHandler()->newGroup(), otherNewGroups_, "new-group events");
     collect(other_->groupEventHandler()->groupUpdated(), otherGroupUpdates_, "group events");
     collect(server_->addressBooksEventHandler()->newContact(), newContacts_, "contact events");
-    say(std::string(kOtherUser) + " listens to presence and group events, " + std::string(kUser) +
-        " to contact events");
+    collect(other_->meetingsEventHandler()->newMeeting(), otherMeetings_, "meeting events");
+    collect(other_->alertsEventHandler()->newAlert(), otherAlerts_, "alert events");
+    collect(server_->alertsEventHandler()->updatedAlert(), updatedAlerts_, "alert events");
+    say(std::string(kOtherUser) + " listens to presence, group, meeting and alert events, " +
+        std::string(kUser) + " to contact and alert events");
   }
 
   void sharePresence() {
@@ -364,6 +387,102 @@ class Demo {
     });
     if (!listed) fail("the contact is not in the \"contacts\" address book");
     say("the \"contacts\" address book lists it");
+  }
+
+  void shareMeeting() {
+    const auto now = std::chrono::system_clock::now();
+    MeetingInvitation::Participant invited;
+    invited.email = std::string(kOtherUser) + "@emulator.kel";
+    const MeetingInvitation invitation("Demo review", {invited}, "en", now, now + 1h, std::nullopt,
+                                       true, false);
+    const auto meeting =
+        await("createMeeting", server_->meetingsService()->createMeeting(invitation));
+    say(std::string(kUser) + " created the meeting " + meeting.id + " \"" + meeting.name +
+        "\" at " + meeting.url + ", inviting " + *invited.email +
+        (meeting.isPasswordProtected ? ", with a password" : ""));
+    waitForEvent("meeting event at " + std::string(kOtherUser), [&] {
+      return std::any_of(otherMeetings_.begin(), otherMeetings_.end(),
+                         [&](const Meeting& m) { return m.id == meeting.id; });
+    });
+    say(std::string(kOtherUser) + " received POST /meetings for " + meeting.id);
+    MeetingSearch search;
+    search.name = "review";
+    const auto found = await("meetings", other_->meetingsService()->meetings(search));
+    if (found.size() != 1 || found.front().id != meeting.id) {
+      fail("searching \"review\" does not find the meeting for " + std::string(kOtherUser));
+    }
+    say(std::string(kOtherUser) + " finds it by searching its name");
+  }
+
+  void missCall() {
+    const auto entry = emulator_->placeCall(
+        {std::string(kOtherUser), std::string(kUser), emulator::CallOutcome::missed, 20s});
+    const auto entryId = entry.value("id", "");
+    say("emulator: " + std::string(kOtherUser) + " called " + std::string(kUser) +
+        ", who did not answer within 20 s (conference " + entryId + ")");
+    for (auto* facade : {server_.get(), other_.get()}) {
+      const auto entries =
+          await("conferencesEntries", facade->conferenceLogService()
+                                          ->conferencesEntries(std::nullopt, std::nullopt, 5, true)
+                                          .take(1)
+                                          .asSingle());
+      const auto user = facade->userSession().value()->user.userId;
+      if (entries.empty() || entries.front().id != entryId || entries.front().invites.empty() ||
+          entries.front().invites.front().state != ConferenceEntry::CallState::timeout) {
+        fail("the call is not the newest entry of " + user + "'s conference log");
+      }
+      say(user + "'s conference log: " + entryId + ", " +
+          std::string(rawValue(entries.front().invites.front().state)));
+    }
+    auto missed = server_->missedCallsService();
+    const auto userId = std::string(kUser);
+    auto items = [&] {
+      const auto calls = await("getMissedCalls", missed->getMissedCalls({userId}));
+      return calls.data.value_or(MissedCallsDTO::MissedCallData{})
+          .items.value_or(std::vector<MissedCallItemDTO>{});
+    };
+    const auto unread = items();
+    if (unread.size() != 1 || !unread.front().id) fail("expected one missed call");
+    say(std::string(kUser) + " has the missed call " + *unread.front().id);
+    await("setReadMissedCalls", missed->setReadMissedCalls({userId, *unread.front().id}));
+    if (!items().empty()) fail("the missed call is still unread after marking it read");
+    say(std::string(kUser) + " marked it read: no missed calls left");
+  }
+
+  void shareAlert() {
+    const auto templates = await("alertTemplates", server_->alerts()->alertTemplates());
+    const auto drill =
+        std::find_if(templates.begin(), templates.end(),
+                     [](const ServerAlertTemplate& t) { return t.templateId == kAlertTemplate; });
+    if (drill == templates.end()) fail("no alert template " + std::string(kAlertTemplate));
+    await("sendAlert", server_->alerts()->sendAlert(*drill));
+    say(std::string(kUser) + " raised \"" + drill->title + "\" from the template " +
+        drill->templateId);
+    waitForEvent("alert event at " + std::string(kOtherUser), [&] {
+      return std::any_of(otherAlerts_.begin(), otherAlerts_.end(),
+                         [&](const ServerAlert& a) { return a.from == kUser; });
+    });
+    const auto alertId = otherAlerts_.back().alertId;
+    say(std::string(kOtherUser) + " received POST /alerts for " + alertId);
+    await("accept", other_->alerts()->accept(alertId));
+    waitForEvent("accepted alert at " + std::string(kUser), [&] {
+      return std::any_of(updatedAlerts_.begin(), updatedAlerts_.end(), [&](const ServerAlert& a) {
+        return a.alertId == alertId && a.acceptedBy == kOtherUser;
+      });
+    });
+    say(std::string(kOtherUser) + " accepted it; " + std::string(kUser) +
+        " received PUT /alerts with acceptedBy " + std::string(kOtherUser));
+  }
+
+  void addChat() {
+    const auto jid = std::string(kOtherUser) + "@" + std::string(kUserDomain);
+    auto chats = server_->xmppService();
+    await("addOneToOneChat", chats->addOneToOneChat(jid));
+    const auto list = await("oneToOneChatList", chats->oneToOneChatList());
+    if (std::find(list.begin(), list.end(), jid) == list.end()) {
+      fail("the chat list does not hold " + jid);
+    }
+    say(std::string(kUser) + " added the chat with " + jid + "; the chat list holds it");
   }
 
   void signOutOtherUser() {
@@ -453,6 +572,9 @@ class Demo {
   std::vector<GroupDTO> otherNewGroups_;
   std::vector<GroupDTO> otherGroupUpdates_;
   std::vector<AddressBookSocketDTO> newContacts_;
+  std::vector<Meeting> otherMeetings_;
+  std::vector<ServerAlert> otherAlerts_;
+  std::vector<ServerAlert> updatedAlerts_;
   std::optional<std::string> streamFailure_;
   std::unique_ptr<rx::DisposeBag> subscriptions_ = std::make_unique<rx::DisposeBag>();
   std::vector<State> states_;

@@ -10,12 +10,16 @@
 #include <spdlog/sinks/base_sink.h>
 
 #include "ServerClient/AddressBooks/Model/AddressBookDTO.h"
+#include "ServerClient/Alert/Model/ServerAlert.h"
 #include "ServerClient/Common/Decoding.h"
 #include "ServerClient/Common/SDKError.h"
 #include "ServerClient/Common/SafeText.h"
 #include "ServerClient/Group/Model/GroupDTO.h"
 #include "ServerClient/Log/ServerLog.h"
+#include "ServerClient/Meeting/Model/Meeting.h"
+#include "ServerClient/MissedCalls/Model/MissedCallsDTO.h"
 #include "ServerClient/Presence/Model/PresenceDTO.h"
+#include "ServerClient/XMPP/Model/IndividualChatListSocketDTO.h"
 
 namespace kel::cli {
 
@@ -131,6 +135,62 @@ nlohmann::json redactedJson(nlohmann::json value) {
   return value;
 }
 
+std::string instantText(std::chrono::system_clock::time_point instant) {
+  const std::time_t seconds = std::chrono::system_clock::to_time_t(instant);
+  std::tm utc{};
+  gmtime_r(&seconds, &utc);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
+  return text;
+}
+
+std::string instantText(double milliseconds) {
+  return instantText(std::chrono::system_clock::time_point(
+      std::chrono::milliseconds(static_cast<long long>(milliseconds))));
+}
+
+nlohmann::json conferenceEntryJson(const ConferenceEntry& entry) {
+  auto invites = nlohmann::json::array();
+  for (const auto& invite : entry.invites) {
+    auto candidates = nlohmann::json::array();
+    for (const auto& candidate : invite.candidates) {
+      candidates.push_back(
+          {{"address", candidate.address}, {"endReason", static_cast<int>(candidate.endReason)}});
+    }
+    nlohmann::json json = {{"from", invite.from},
+                           {"to", invite.to},
+                           {"candidates", std::move(candidates)},
+                           {"state", rawValue(invite.state)},
+                           {"group", invite.group},
+                           {"mediatypes", invite.mediatypes}};
+    if (invite.error) json["error"] = static_cast<int>(*invite.error);
+    invites.push_back(std::move(json));
+  }
+  auto participants = nlohmann::json::array();
+  for (const auto& participant : entry.participants) {
+    nlohmann::json json = {{"address", participant.address}, {"createdAt", participant.createdAt}};
+    if (participant.finishedAt) json["finishedAt"] = *participant.finishedAt;
+    participants.push_back(std::move(json));
+  }
+  auto transfers = nlohmann::json::array();
+  for (const auto& transfer : entry.transfers) {
+    transfers.push_back({{"from", transfer.from},
+                         {"to", transfer.to},
+                         {"state", rawValue(transfer.state)},
+                         {"idInvite", transfer.idInvite}});
+  }
+  nlohmann::json json = {{"id", entry.id},
+                         {"roomId", entry.roomId},
+                         {"state", rawValue(entry.state)},
+                         {"createdAt", entry.createdAt},
+                         {"finishedAt", entry.finishedAt},
+                         {"invites", std::move(invites)},
+                         {"participants", std::move(participants)},
+                         {"transfers", std::move(transfers)}};
+  if (entry.type) json["type"] = rawValue(*entry.type);
+  return json;
+}
+
 std::string contactText(const Contact& contact) {
   std::string text = contact.id + " \"" + contact.name + "\"";
   if (contact.favorite) text += " (favorite)";
@@ -194,6 +254,23 @@ nlohmann::json recordOf(const KelEvent& event) {
       break;
     case DomainEvent::participantInGroup:
       if (event.method == "DELETE") return groupIdOf(event);
+      break;
+    case DomainEvent::meetings:
+      if (event.method == "POST" || event.method == "PUT") return from<Meeting>(event.data);
+      break;
+    case DomainEvent::conferences:
+      if (event.method == "POST") return conferenceEntryJson(from<ConferenceEntry>(event.data));
+      break;
+    case DomainEvent::missedCalls:
+      if (event.method == "PUT") return from<MissedCallsSocketDTO>(event.data);
+      break;
+    case DomainEvent::alerts:
+      return from<ServerAlert>(event.data);
+    case DomainEvent::xmppIndividualChatList:
+      // The chat is named by the event's path; the body is not read.
+      if (event.method == "PUT" || event.method == "DELETE") {
+        return IndividualChatListSocketDTO{event.param};
+      }
       break;
     default:
       break;

@@ -3,6 +3,7 @@
 // What the program prints: timestamped lines for people, one JSON object per command for
 // programs, and errors with their kind.
 
+#include <chrono>
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -11,6 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "ServerClient/Auth/Model/AuthenticationData.h"
+#include "ServerClient/ConferenceLog/Model/ConferenceEntry.h"
 #include "ServerClient/Contact/Model/Contact.h"
 #include "ServerClient/Socket/Events/KelEvent.h"
 
@@ -53,6 +55,14 @@ std::string_view domainName(DomainEvent domain);
 /// as the domain's event handler decodes it (a group deletion as {"groupId"}), or the body itself
 /// for domains without a record; "error" instead of "record" for a body that does not decode.
 nlohmann::json eventJson(const KelEvent& event);
+
+/// "2024-01-02T10:00:00Z": the instant in UTC to the second.
+std::string instantText(std::chrono::system_clock::time_point instant);
+/// The same for milliseconds since the Unix epoch as the server writes them.
+std::string instantText(double milliseconds);
+
+/// The entry as the server sends it: the enumerations as their wire texts, instants as numbers.
+nlohmann::json conferenceEntryJson(const ConferenceEntry& entry);
 
 /// One line for people: `c1 "Ann" (favorite), phones: work +1 (primary); emails: ...; user u1`.
 std::string contactText(const Contact& contact);

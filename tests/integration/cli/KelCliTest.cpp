@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <tuple>
 
@@ -358,6 +359,107 @@ TEST_F(KelCliTest, DomainCommandsChangeTheServerAndWatchPrintsAnotherProcesssEve
   for (const auto& [pointer, value] : expected.items()) {
     EXPECT_EQ(value, lines[nlohmann::json::json_pointer(pointer)]) << pointer << "\n" << run.out;
   }
+}
+
+TEST_F(KelCliTest, MeetingCallAlertAndChatCommandsChangeTheServerAndWatchDecodesTheirEvents) {
+  emulator::Emulator emulator;
+  emulator.loadFixture(nlohmann::json::parse(R"({
+    "users": [
+      {"id": "alice", "signInToken": "alice-sign-in",
+       "capabilities": {"domain": ["call-history"], "user": []}},
+      {"id": "bob", "signInToken": "bob-sign-in",
+       "capabilities": {"domain": ["call-history"], "user": []}}],
+    "alertTemplates": [{"templateId": "fire", "title": "Fire", "payload": "Leave now"}]})"));
+  const auto urls = emulator.start();
+  const auto as = [&](const std::string& user, std::vector<std::string> arguments) {
+    arguments.insert(arguments.end(), {"--team-id", team() + "." + user});
+    return arguments;
+  };
+  const auto ok = [&](const std::string& user, std::vector<std::string> arguments) {
+    const auto run = kel(urls, as(user, arguments));
+    EXPECT_EQ(0, run.exitCode) << user << " " << arguments.front() << ":\n" << run.out << run.err;
+    EXPECT_EQ(true, run.json()["ok"]) << run.out;
+    return run.json();
+  };
+  ok("alice", {"login", "--token", "alice-sign-in"});
+  ok("bob", {"login", "--token", "bob-sign-in"});
+
+  // bob watches every event these commands cause him.
+  const auto bobSockets = [&] {
+    std::set<emulator::SocketId> ids;
+    for (const auto& socket : emulator.sockets()) {
+      if (socket.userId == "bob" && socket.authenticated && socket.open) ids.insert(socket.id);
+    }
+    return ids;
+  };
+  const auto before = bobSockets();
+  const auto watch =
+      startKel(withDefaults(urls, as("bob", {"watch", "--count", "9"})), configHome_);
+  ASSERT_TRUE(emulator.waitUntil(
+      [&] {
+        const auto now = bobSockets();
+        return std::any_of(now.begin(), now.end(), [&](auto id) { return !before.contains(id); });
+      },
+      20s));
+
+  // Meetings: bob is invited by his e-mail address.
+  auto result = ok("alice", {"meetings", "create", "Board", "--email", "bob@emulator.kel",
+                             "--phone", "+15550199:sms", "--valid-until", "now+2h", "--record"});
+  const auto meeting = result["meeting"]["id"].get<std::string>();
+  EXPECT_EQ("all", result["meeting"]["record"]["type"]) << result;
+  result = ok("bob", {"meetings", "search", "--name", "boa", "--valid-until", "now+1h"});
+  ASSERT_EQ(1u, result["meetings"].size()) << result;
+  EXPECT_EQ(meeting, result["meetings"][0]["id"]) << result;
+  ok("alice", {"meetings", "update", meeting, "Board 2", "--email", "bob@emulator.kel",
+               "--no-send-invites"});
+  EXPECT_EQ("Board 2", ok("bob", {"meetings", "get", meeting})["meeting"]["name"]);
+  ok("alice", {"meetings", "delete", meeting});
+
+  // A missed call, in bob's history and missed calls until he marks it read.
+  emulator.placeCall({"alice", "bob", emulator::CallOutcome::missed, 30s});
+  result = ok("bob", {"calls", "history", "--since", "now-1h", "--limit", "5"});
+  ASSERT_EQ(1u, result["entries"].size()) << result;
+  EXPECT_EQ("DECLINED_BY_TIMEOUT", result["entries"][0]["invites"][0]["state"]) << result;
+  result = ok("bob", {"calls", "missed"});
+  ASSERT_EQ(1u, result["missedCalls"].size()) << result;
+  ok("bob", {"calls", "mark-read", result["missedCalls"][0]["id"]});
+  EXPECT_EQ(nlohmann::json::array(), ok("bob", {"calls", "missed"})["missedCalls"]);
+
+  // An alert raised by alice and accepted by bob.
+  EXPECT_EQ("fire", ok("alice", {"alerts", "templates"})["alertTemplates"][0]["templateId"]);
+  ok("alice", {"alerts", "send", "fire"});
+  result = ok("bob", {"alerts", "list"});
+  ASSERT_EQ(1u, result["alerts"].size()) << result;
+  ok("bob", {"alerts", "accept", result["alerts"][0]["alertId"]});
+  result = ok("alice", {"alerts", "list", "--accepted-since", "all"});
+  ASSERT_EQ(1u, result["alerts"].size()) << result;
+  EXPECT_EQ("bob", result["alerts"][0]["acceptedBy"]) << result;
+
+  // The chat list.
+  ok("bob", {"chats", "add", "alice@emulator.kel"});
+  EXPECT_EQ(nlohmann::json::array({"alice@emulator.kel"}), ok("bob", {"chats", "list"})["chats"]);
+  ok("bob", {"chats", "remove", "alice@emulator.kel"});
+
+  const auto run = finishKel(watch);
+  EXPECT_EQ(0, run.exitCode) << run.out << run.err;
+  std::vector<std::string> seen;
+  std::istringstream out(run.out);
+  for (std::string line; std::getline(out, line);) {
+    const auto event = nlohmann::json::parse(line);
+    EXPECT_FALSE(event.contains("error")) << line;
+    seen.push_back(event.value("domain", "") + " " + event.value("method", ""));
+  }
+  const std::vector<std::string> expected = {"meetings POST",
+                                             "meetings PUT",
+                                             "meetings DELETE",
+                                             "conferences POST",
+                                             "missedCalls PUT",
+                                             "alerts POST",
+                                             "alerts PUT",
+                                             "xmppIndividualChatList PUT",
+                                             "xmppIndividualChatList DELETE",
+                                             " "};  // the result line
+  EXPECT_EQ(expected, seen) << run.out;
 }
 
 }  // namespace

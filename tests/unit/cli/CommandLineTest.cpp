@@ -165,11 +165,54 @@ TEST(KelCommandLineTest, RefusesIncompleteOrMistypedCommandsSayingWhy) {
        "unkwown, groups)"},
       {withServer({"watch", "--count", "0"}),
        "watch: --count: expected a whole number from 1 to 1000000000, got \"0\""},
+      {withServer({"meetings", "create", "M", "--phone", "+1:text"}),
+       "meetings create: --phone: expected NUMBER or NUMBER:sms, got \"+1:text\""},
+      {withServer({"meetings", "create", "M", "--valid-since", "now+1h", "--valid-until", "now"}),
+       "meetings create: --valid-until must come after --valid-since"},
+      {withServer({"meetings", "update", "m1", "M", "--send-invites", "--no-send-invites"}),
+       "meetings update: --send-invites and --no-send-invites exclude each other"},
+      {withServer({"calls", "history", "--limit", "0"}),
+       "calls history: --limit: expected a whole number from 1 to 1000, got \"0\""},
+      {withServer({"alerts", "list", "--expired-since", "-5"}),
+       "alerts list: --expired-since: expected a whole number from 0 to 315360000, got \"-5\""},
+      {withServer({"chats", "add", "bob@x/res"}),
+       "chats add: expected a JID local@domain, got \"bob@x/res\""},
   };
   for (const auto& c : cases) {
     const auto result = parse(c.arguments);
     EXPECT_FALSE(result.commandLine) << c.error;
     EXPECT_EQ(c.error, result.error);
+  }
+}
+
+TEST(KelCommandLineTest, ReadsInstantsInEachFormAndRefusesTheRest) {
+  using namespace std::chrono;
+  const sys_days day = 2024y / 2 / 29;
+  const system_clock::time_point now = day + 12h;
+  const std::vector<std::pair<std::string_view, std::optional<system_clock::time_point>>> cases = {
+      {"now", now},
+      {"now+90m", now + 90min},
+      {"now-2d", now - days(2)},
+      {"now+30s", now + 30s},
+      {"2024-02-29T08:05Z", day + 8h + 5min},
+      {"2024-02-29T08:05:09Z", day + 8h + 5min + 9s},
+      {"1700000000123", system_clock::time_point(1700000000123ms)},
+      {"now+", std::nullopt},
+      {"now+5w", std::nullopt},
+      {"now5m", std::nullopt},
+      {"2023-02-29T08:05Z", std::nullopt},
+      {"2024-02-29T08:05", std::nullopt},
+      {"2024-02-29 08:05Z", std::nullopt},
+      {"2024-02-29T08:05:09+01:00", std::nullopt},
+      {"-1", std::nullopt},
+      {"", std::nullopt},
+  };
+  for (const auto& [text, expected] : cases) {
+    if (expected) {
+      EXPECT_EQ(*expected, parseInstant("--at", text, now)) << text;
+    } else {
+      EXPECT_THROW(parseInstant("--at", text, now), UsageError) << text;
+    }
   }
 }
 
