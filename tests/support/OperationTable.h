@@ -14,6 +14,7 @@
 #include <nlohmann/json.hpp>
 
 #include "ServerClient/Client/SocketService.h"
+#include "ServerClient/Common/Decoding.h"
 #include "ServerClient/Common/SDKError.h"
 #include "support/FakeSocketClient.h"
 #include "support/StreamRecorder.h"
@@ -87,10 +88,42 @@ void runOperationTable(const std::vector<OperationRow<Service>>& rows) {
   }
 }
 
+/// A JSON text and what it decodes to as `Record`, re-encoded; nothing when it must fail to decode.
+struct DecodingRow {
+  const char* text;
+  std::optional<const char*> encoded;
+};
+
+template <class Record, class Encoded = nlohmann::json>
+void runDecodingTable(const std::vector<DecodingRow>& rows) {
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.text);
+    if (!row.encoded) {
+      EXPECT_THROW(from<Record>(row.text), GenericError);
+      continue;
+    }
+    EXPECT_EQ(*row.encoded, Encoded(from<Record>(row.text)).dump());
+  }
+}
+
 /// The frame of a request as the table writes it.
 inline nlohmann::json frame(std::string method, std::string path,
                             nlohmann::json body = nlohmann::json::array()) {
   return {{"method", std::move(method)}, {"path", std::move(path)}, {"body", std::move(body)}};
 }
+
+/// What the tables' files use: `using namespace testing::tables;`.
+namespace tables {
+using nlohmann::json;
+using testing::FakeSocketClient;
+using testing::frame;
+using testing::outcome;
+using Reply = FakeSocketClient::Reply;
+/// The outcome of an answer that does not decode.
+inline const json kUndecodable = {{"error", "generic/decoding"}};
+inline Reply notFound() {
+  return Reply::failure(makeError(ConnectionError::mapToOvError(404)));
+}
+}  // namespace tables
 
 }  // namespace kel::testing

@@ -7,23 +7,8 @@
 namespace kel {
 namespace {
 
-using nlohmann::json;
-using testing::FakeSocketClient;
-using testing::frame;
-using testing::outcome;
-using Reply = FakeSocketClient::Reply;
+using namespace testing::tables;
 using Entry = ConferenceEntry;
-
-json invite(json error = nullptr, json endReason = 486) {
-  json i = {{"from", "u1"},
-            {"to", "u2"},
-            {"candidates", {{{"address", "kel-user:u2"}, {"endReason", endReason}}}},
-            {"state", "ACCEPTED"},
-            {"group", false},
-            {"mediatypes", {{"audio", true}, {"video", false}}}};
-  if (!error.is_null()) i["error"] = std::move(error);
-  return i;
-}
 
 json entry() {
   return {{"id", "c1"},
@@ -31,7 +16,13 @@ json entry() {
           {"state", "active"},
           {"createdAt", 1700000000000},
           {"finishedAt", 1700000060000.5},
-          {"invites", {invite()}},
+          {"invites",
+           {{{"from", "u1"},
+             {"to", "u2"},
+             {"candidates", {{{"address", "kel-user:u2"}, {"endReason", 486}}}},
+             {"state", "ACCEPTED"},
+             {"group", false},
+             {"mediatypes", {{"audio", true}, {"video", false}}}}}},
           {"participants", {{{"address", "kel-user:u1"}, {"createdAt", 1}}}},
           {"transfers",
            {{{"from", "u1"}, {"to", "u3"}, {"state", "DECLINED_BY_TIMEOUT"}, {"idInvite", "i1"}}}},
@@ -74,13 +65,13 @@ TEST(ConferenceLogRecords, DecodeTheirEnumerationsTolerantlyAndEverythingElseStr
            {P("/type"), nullptr, [](auto& e) { return !e.type; }},
            {P("/type"), "webinar",
             [](auto& e) { return e.type == Entry::ConferenceType::unknown; }},
-           {P("/invites/0"), invite(486),
+           {P("/invites/0/error"), 486,
             [](auto& e) { return e.invites[0].error == ConferenceCode::busy; }},
-           {P("/invites/0"), invite(404), [](auto& e) { return !e.invites[0].error; }},
-           {P("/invites/0"), invite("486"), [](auto& e) { return !e.invites[0].error; }},
-           {P("/invites/0"), invite(nullptr, 404),
+           {P("/invites/0/error"), 404, [](auto& e) { return !e.invites[0].error; }},
+           {P("/invites/0/error"), "486", [](auto& e) { return !e.invites[0].error; }},
+           {P("/invites/0/candidates/0/endReason"), 404,
             [](auto& e) { return e.invites[0].candidates[0].endReason == ConferenceCode::ok; }},
-           {P("/invites/0"), invite(nullptr, "busy"),
+           {P("/invites/0/candidates/0/endReason"), "busy",
             [](auto& e) { return e.invites[0].candidates[0].endReason == ConferenceCode::ok; }},
            {P("/invites/0/state"), "RINGING",
             [](auto& e) { return e.invites[0].state == Entry::CallState::unknown; }},
@@ -115,29 +106,24 @@ rx::Observable<std::vector<std::string>> ids(rx::Observable<std::vector<Entry>> 
 }
 
 TEST(ConferenceLogService, SendsItsBoundsAndOrderAndFailsTheWholeListForOneBadEntry) {
-  const std::chrono::system_clock::time_point before{std::chrono::milliseconds(1700000000000) +
-                                                     std::chrono::microseconds(999)};
+  const auto before = std::chrono::system_clock::time_point{} +
+                      std::chrono::milliseconds(1700000000000) + std::chrono::microseconds(999);
   auto broken = entry();
   broken.erase("roomId");
   testing::runOperationTable<KelConferenceLogService>({
       {"newest first, unbounded",
-       [](auto& s) {
-         return outcome(ids(s.conferencesEntries(std::nullopt, std::nullopt, 20, true)));
-       },
+       [](auto& s) { return outcome(ids(s.conferencesEntries({}, {}, 20, true))); },
        frame("GET", "/conferences?limit=20&sortBy=createdAt.desc", json::object()),
-       Reply::withBody({entry()}),
-       {"c1"}},
+       Reply::withBody({entry()}), json::array({"c1"})},
       {"oldest first, bounded",
        [&](auto& s) {
-         return outcome(
-             ids(s.conferencesEntries(before, std::chrono::system_clock::time_point{}, 5, false)));
+         return outcome(ids(s.conferencesEntries(before, decltype(before){}, 5, false)));
        },
        frame("GET",
-             "/conferences?createdAtBefore=1700000000000&createdAtSince=0&limit=5&sortBy="
-             "createdAt.asc",
+             "/conferences?createdAtBefore=1700000000000&createdAtSince=0&limit=5&sortBy=createdAt."
+             "asc",
              json::object()),
-       Reply::withBody({entry(), broken}),
-       {{"error", "generic/decoding"}}},
+       Reply::withBody({entry(), broken}), kUndecodable},
   });
 }
 

@@ -8,12 +8,8 @@
 namespace kel {
 namespace {
 
-using nlohmann::json;
-using testing::FakeSocketClient;
-using testing::frame;
-using testing::outcome;
+using namespace testing::tables;
 using testing::StreamRecorder;
-using Reply = FakeSocketClient::Reply;
 
 /// The service with the wait timed in virtual time.
 struct VirtualXMPPService : KelXMPPService {
@@ -22,24 +18,18 @@ struct VirtualXMPPService : KelXMPPService {
 };
 
 TEST(XMPPService, EachOperationWritesItsFrameAndReadsOnlyListsOfTexts) {
-  const json notListed = {{"error", "generic/decoding"}};
   const auto list = [](auto& s) { return outcome(s.oneToOneChatList()); };
+  const auto get = frame("GET", "/xmpp/individualChatList");
   testing::runOperationTable<VirtualXMPPService>({
-      {"list",
-       list,
-       frame("GET", "/xmpp/individualChatList"),
-       Reply::withBody({{"chats", {"a@d", "b@d"}}, {"other", json::array()}}),
-       {"a@d", "b@d"}},
-      {"list without chats", list, frame("GET", "/xmpp/individualChatList"),
-       Reply::withBody(json::object()), json::array()},
-      {"list with a number", list, frame("GET", "/xmpp/individualChatList"),
-       Reply::withBody({{"chats", {"a@d", 1}}}), notListed},
-      {"list beside a text", list, frame("GET", "/xmpp/individualChatList"),
-       Reply::withBody({{"chats", {"a@d"}}, {"note", "x"}}), notListed},
-      {"list as a list", list, frame("GET", "/xmpp/individualChatList"), Reply::withBody({"a@d"}),
-       notListed},
-      {"list not JSON", list, frame("GET", "/xmpp/individualChatList"),
-       Reply::withBody("a text body leaves no data"), json{{"error", "generic/underlying"}}},
+      {"list", list, get, Reply::withBody({{"chats", {"a@d", "b@d"}}, {"other", json::array()}}),
+       json::array({"a@d", "b@d"})},
+      {"list without chats", list, get, Reply::withBody(json::object()), json::array()},
+      {"list with a number", list, get, Reply::withBody({{"chats", {"a@d", 1}}}), kUndecodable},
+      {"list beside a text", list, get, Reply::withBody({{"chats", {"a@d"}}, {"note", "x"}}),
+       kUndecodable},
+      {"list as a list", list, get, Reply::withBody({"a@d"}), kUndecodable},
+      {"list not JSON", list, get, Reply::withBody("a text body leaves no data"),
+       json{{"error", "generic/underlying"}}},
       {"add", [](auto& s) { return outcome(s.addOneToOneChat("a b@d/r")); },
        frame("PUT", "/xmpp/individualChatList/a b@d/r"), Reply::withBody({{"x", 1}}), "completed"},
       {"delete", [](auto& s) { return outcome(s.deleteOneToOneChat("a@d")); },

@@ -12,54 +12,36 @@ using namespace std::chrono_literals;
 
 constexpr std::int64_t kT = 1'700'000'000'000;  // the harness's clock, in milliseconds
 
-json ids(std::vector<std::string> ids) {
-  json list = json::array();
-  for (const auto& id : ids) list.push_back({{"id", id}});
-  return list;
+json ids(const std::vector<std::string>& ids) {
+  return each("id", ids);
+}
+json missedCalls(const std::vector<std::string>& ids) {
+  return {{"data", {{"items", each("id", ids)}}}};
 }
 
 TEST(EmulatorCallHistory, CallsFillBothLogsAndMissedCallsTheCalleesList) {
   DomainHarness harness;
   auto& calls = harness.domains.callHistory;
   calls.placeCall({"alice", "bob", CallOutcome::answered, 60s, true});
-  EXPECT_EQ((std::vector<std::string>{
-                "alice POST /conferences conference-1 ACCEPTED",
-                "bob POST /conferences conference-1 ACCEPTED",
-            }),
-            harness.pushed);
-  harness.pushed.clear();
+  EXPECT_EQ(
+      "alice POST /conferences conference-1 ACCEPTED; bob POST /conferences conference-1 ACCEPTED",
+      harness.takeEvents());
   harness.now += 1h;
   const auto missed = calls.placeCall({"bob", "alice", CallOutcome::missed, 30s, false});
-  const json missedItem = {{"id", "missed-2"},
-                           {"conferenceId", "conference-2"},
-                           {"from", "kel-user:bob"},
-                           {"createdAt", kT + 3'600'000 - 30'000}};
-  EXPECT_EQ((std::vector<std::string>{
-                "bob POST /conferences conference-2 DECLINED_BY_TIMEOUT",
-                "alice POST /conferences conference-2 DECLINED_BY_TIMEOUT",
-                "alice PUT /missedCalls/alice " + json{{"items", {missedItem}}}.dump(),
-            }),
-            harness.pushed);
-  const json entry = {{"id", "conference-2"},
-                      {"roomId", "room-2"},
-                      {"state", "finished"},
-                      {"type", "call"},
-                      {"createdAt", kT + 3'600'000 - 30'000},
-                      {"finishedAt", kT + 3'600'000},
-                      {"invites",
-                       {{{"from", "kel-user:bob"},
-                         {"to", "kel-user:alice"},
-                         {"candidates", {{{"address", "kel-user:alice"}, {"endReason", 408}}}},
-                         {"state", "DECLINED_BY_TIMEOUT"},
-                         {"group", false},
-                         {"error", 408},
-                         {"mediatypes", {{"audio", true}, {"video", false}}}}}},
-                      {"participants",
-                       {{{"address", "kel-user:bob"},
-                         {"createdAt", kT + 3'600'000 - 30'000},
-                         {"finishedAt", kT + 3'600'000}}}},
-                      {"transfers", json::array()}};
-  EXPECT_EQ(entry, missed);
+  EXPECT_EQ(
+      "bob POST /conferences conference-2 DECLINED_BY_TIMEOUT; alice POST /conferences "
+      "conference-2 DECLINED_BY_TIMEOUT; alice PUT /missedCalls/alice "
+      R"({"items":[{"conferenceId":"conference-2","createdAt":1700003570000,"from":"kel-user:bob",)"
+      R"("id":"missed-2"}]})",
+      harness.takeEvents());
+  EXPECT_EQ(json::parse(R"({"id": "conference-2", "roomId": "room-2", "state": "finished",
+      "type": "call", "createdAt": 1700003570000, "finishedAt": 1700003600000, "transfers": [],
+      "invites": [{"from": "kel-user:bob", "to": "kel-user:alice", "state": "DECLINED_BY_TIMEOUT",
+                   "candidates": [{"address": "kel-user:alice", "endReason": 408}], "error": 408,
+                   "group": false, "mediatypes": {"audio": true, "video": false}}],
+      "participants": [{"address": "kel-user:bob", "createdAt": 1700003570000,
+                        "finishedAt": 1700003600000}]})"),
+            missed);
   harness.now += 1h;
   calls.placeCall({"alice", "carol", CallOutcome::declined, 0s, false});
   harness.now += 1h;
@@ -68,31 +50,22 @@ TEST(EmulatorCallHistory, CallsFillBothLogsAndMissedCallsTheCalleesList) {
   const auto since = std::to_string(kT + 3'600'000 - 30'000);
   const auto before = std::to_string(kT + 7'200'000);
   harness.run({
-      {"alice GET /conferences?limit=2&sortBy=createdAt.desc", kNoBody, 200,
-       ids({"conference-4", "conference-3"}), ""},
+      {"alice GET /conferences?limit=2&sortBy=createdAt.desc", 200,
+       ids({"conference-4", "conference-3"})},
       {"alice GET /conferences?limit=20&sortBy=createdAt.asc&createdAtSince=" + since +
            "&createdAtBefore=" + before,
-       kNoBody, 200, ids({"conference-2"}), ""},
-      {"bob GET /conferences?limit=20&sortBy=createdAt.asc", kNoBody, 200,
-       ids({"conference-1", "conference-2"}), ""},
-      {"carol GET /conferences", kNoBody, 200,
+       200, ids({"conference-2"})},
+      {"bob GET /conferences?limit=20&sortBy=createdAt.asc", 200,
+       ids({"conference-1", "conference-2"})},
+      {"carol GET /conferences", 200,
        json{{{"id", "conference-4"}, {"invites", {{{"state", "DECLINED_BY_TIMEOUT"}}}}},
-            {{"id", "conference-3"}, {"invites", {{{"state", "DECLINED"}, {"error", 603}}}}}},
-       ""},
-      {"alice GET /missedCalls/alice",
-       kNoBody,
-       200,
-       {{"data", {{"items", ids({"missed-2", "missed-4"})}}}},
-       ""},
-      {"bob GET /missedCalls/bob", kNoBody, 200, {{"data", {{"items", kNoBody}}}}, ""},
-      {"alice POST /missedCalls/alice/read?last=missed-2", json::object(), 200, nullptr, ""},
-      {"alice GET /missedCalls/alice",
-       kNoBody,
-       200,
-       {{"data", {{"items", ids({"missed-4"})}}}},
-       ""},
-      {"alice POST /missedCalls/alice/read?last=missed-4", json::object(), 200, nullptr, ""},
-      {"alice GET /missedCalls/alice", kNoBody, 200, {{"data", {{"items", kNoBody}}}}, ""},
+            {{"id", "conference-3"}, {"invites", {{{"state", "DECLINED"}, {"error", 603}}}}}}},
+      {"alice GET /missedCalls/alice", 200, missedCalls({"missed-2", "missed-4"})},
+      {"bob GET /missedCalls/bob", 200, missedCalls({})},
+      {"alice POST /missedCalls/alice/read?last=missed-2", json::object(), 200, nullptr},
+      {"alice GET /missedCalls/alice", 200, missedCalls({"missed-4"})},
+      {"alice POST /missedCalls/alice/read?last=missed-4", json::object(), 200, nullptr},
+      {"alice GET /missedCalls/alice", 200, missedCalls({})},
   });
   EXPECT_THROW(calls.placeCall({"alice", "zed", CallOutcome::answered, 0s, false}),
                std::invalid_argument);
@@ -137,7 +110,8 @@ TEST(EmulatorAlerts, RaisedAcceptedAndExpiredAlertsReachTheWholeDomain) {
   dave.user["domain"] = "elsewhere.kel";
   harness.signIn.addAccount(dave);
   auto& alerts = harness.domains.alerts;
-  alerts.addTemplate({{"templateId", "fire"}, {"title", "Fire"}, {"payload", "Leave now"}});
+  const json fire = {{"templateId", "fire"}, {"title", "Fire"}, {"payload", "Leave now"}};
+  alerts.addTemplate(fire);
   alerts.setLifetime(10min);
   const auto toDomain = [](const std::string& method, const std::string& what) {
     std::string events;
@@ -146,43 +120,29 @@ TEST(EmulatorAlerts, RaisedAcceptedAndExpiredAlertsReachTheWholeDomain) {
     }
     return events;
   };
+  const auto raise = [](const char* id) { return json{{"alertId", id}, {"templateId", "fire"}}; };
+  const auto lists = [](json active, json accepted, json expired) {
+    return json{{"active", active}, {"accepted", accepted}, {"expired", expired}};
+  };
   const json raised = {{"alertId", "A-1"},       {"from", "alice"},      {"title", "Fire"},
                        {"payload", "Leave now"}, {"createdAt", kT},      {"cancelled", false},
                        {"resolvedAt", nullptr},  {"acceptedBy", nullptr}};
-  const json accepted = {{"alertId", "A-1"}, {"acceptedBy", "bob"}, {"resolvedAt", kT}};
+  const json accepted =
+      json::array({{{"alertId", "A-1"}, {"acceptedBy", "bob"}, {"resolvedAt", kT}}});
+  const json none = kNoBody;
   harness.run({
-      {"bob GET /alerts/templates",
-       kNoBody,
-       200,
-       {{"alertTemplates",
-         {{{"templateId", "fire"}, {"title", "Fire"}, {"payload", "Leave now"}}}}},
-       ""},
-      {"alice POST /alerts",
-       {{"alertId", "A-1"}, {"templateId", "fire"}},
-       200,
-       raised,
-       toDomain("POST", "A-1 active")},
-      {"alice POST /alerts",
-       {{"alertId", "A-2"}, {"templateId", "fire"}},
-       200,
-       nullptr,
-       toDomain("POST", "A-2 active")},
+      {"bob GET /alerts/templates", 200, {{"alertTemplates", json::array({fire})}}},
+      {"alice POST /alerts", raise("A-1"), 200, raised, toDomain("POST", "A-1 active")},
+      {"alice POST /alerts", raise("A-2"), 200, nullptr, toDomain("POST", "A-2 active")},
       {"bob POST /alerts/accept",
        {{"alertId", "A-1"}},
        200,
        nullptr,
        toDomain("PUT", "A-1 accepted by bob")},
-      {"carol GET /alerts?acceptedSince=60000",
-       kNoBody,
-       200,
-       {{"active", {{{"alertId", "A-2"}}}}, {"accepted", {accepted}}, {"expired", kNoBody}},
-       ""},
-      {"carol GET /alerts", kNoBody, 200, {{"accepted", kNoBody}, {"cancelled", kNoBody}}, ""},
-      {"dave GET /alerts?acceptedSince=-1&expiredSince=-1",
-       kNoBody,
-       200,
-       {{"active", kNoBody}, {"accepted", kNoBody}, {"expired", kNoBody}},
-       ""},
+      {"carol GET /alerts?acceptedSince=60000", 200,
+       lists(each("alertId", {"A-2"}), accepted, none)},
+      {"carol GET /alerts", 200, {{"accepted", none}, {"cancelled", none}}},
+      {"dave GET /alerts?acceptedSince=-1&expiredSince=-1", 200, lists(none, none, none)},
   });
 
   harness.now += 10min - 1ms;
@@ -190,26 +150,16 @@ TEST(EmulatorAlerts, RaisedAcceptedAndExpiredAlertsReachTheWholeDomain) {
   harness.now += 1ms;
   harness.pushed.clear();
   EXPECT_EQ(1u, alerts.expireDue());
-  EXPECT_EQ(toDomain("DELETE", "A-2 expired"), [&] {
-    std::string events;
-    for (const auto& e : harness.pushed) events += (events.empty() ? "" : "; ") + e;
-    return events;
-  }());
+  EXPECT_EQ(toDomain("DELETE", "A-2 expired"), harness.takeEvents());
   harness.now += 1min;
-  const auto expired = json{{{"alertId", "A-2"}, {"resolvedAt", kT + 600'000}}};
+  const auto expired = json::array({{{"alertId", "A-2"}, {"resolvedAt", kT + 600'000}}});
   harness.run({
       // The accepted alert is 11 minutes old, the expired one 1 minute.
-      {"bob GET /alerts?acceptedSince=600000&expiredSince=60000",
-       kNoBody,
-       200,
-       {{"active", kNoBody}, {"accepted", kNoBody}, {"expired", expired}},
-       ""},
+      {"bob GET /alerts?acceptedSince=600000&expiredSince=60000", 200, lists(none, none, expired)},
       {"bob GET /alerts?acceptedSince=-1&expiredSince=59999",
-       kNoBody,
        200,
-       {{"accepted", {accepted}}, {"expired", kNoBody}},
-       ""},
-      {"carol POST /alerts/accept", {{"alertId", "A-2"}}, 409, nullptr, ""},
+       {{"accepted", accepted}, {"expired", none}}},
+      {"carol POST /alerts/accept", {{"alertId", "A-2"}}, 409, nullptr},
   });
 }
 

@@ -77,16 +77,37 @@ inline std::string summary(const std::string& to, std::string_view method, std::
   return to + " " + std::string(method) + " " + std::string(path) + " " + what;
 }
 
-/// One request of a table: "user METHOD path" with its body, the status and what the answer
-/// must include (see includes(); null: not looked at), and the summaries of exactly the events it
-/// pushes, "; "-separated.
+/// What the client sends where it sends no body.
+inline const nlohmann::json kNoBody = nlohmann::json::array();
+
+/// One request of a table: "user METHOD path" with its body (none unless given), the status and
+/// what the answer must include (see includes(); null: not looked at), and the summaries of
+/// exactly the events it pushes, "; "-separated.
 struct Step {
+  Step(std::string line, int expectedStatus, nlohmann::json expectedAnswer,
+       std::string pushedEvents = "")
+      : Step(std::move(line), kNoBody, expectedStatus, std::move(expectedAnswer),
+             std::move(pushedEvents)) {}
+  Step(std::string line, nlohmann::json sent, int expectedStatus, nlohmann::json expectedAnswer,
+       std::string pushedEvents = "")
+      : request(std::move(line)),
+        body(std::move(sent)),
+        status(expectedStatus),
+        answer(std::move(expectedAnswer)),
+        events(std::move(pushedEvents)) {}
   std::string request;
   nlohmann::json body;
   int status;
   nlohmann::json answer;
   std::string events;
 };
+
+/// [{key: value}, ...]: how answers list records by their ids.
+inline nlohmann::json each(const std::string& key, const std::vector<std::string>& values) {
+  auto list = nlohmann::json::array();
+  for (const auto& value : values) list.push_back({{key, value}});
+  return list;
+}
 
 /// A request that must be refused with `status`.
 struct Refused {
@@ -95,8 +116,9 @@ struct Refused {
   int status;
 };
 
-/// What the client sends where it sends no body.
-inline const nlohmann::json kNoBody = nlohmann::json::array();
+inline nlohmann::json ids(const std::vector<std::string>& values) {
+  return each("id", values);
+}
 
 struct DomainHarness {
   DomainHarness() {
@@ -151,10 +173,16 @@ struct DomainHarness {
       const auto reply = call(step.request, step.body);
       EXPECT_EQ(step.status, reply.status) << reply.body.dump();
       EXPECT_TRUE(step.answer.is_null() || includes(reply.body, step.answer)) << reply.body.dump();
-      std::string events;
-      for (const auto& event : pushed) events += (events.empty() ? "" : "; ") + event;
-      EXPECT_EQ(step.events, events);
+      EXPECT_EQ(step.events, takeEvents());
     }
+  }
+
+  /// The summaries of the events pushed since the last call, "; "-separated.
+  std::string takeEvents() {
+    std::string events;
+    for (const auto& event : pushed) events += (events.empty() ? "" : "; ") + event;
+    pushed.clear();
+    return events;
   }
 
   /// Each request is refused with its status and a reason, and changes and pushes nothing.

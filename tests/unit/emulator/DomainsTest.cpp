@@ -17,9 +17,8 @@ json contact(const std::string& id, const std::string& name, json more = json::o
 }
 
 /// {"addressBooks": [{"id": id}, ...]}, the first book completed by `more`.
-json books(std::vector<std::string> ids, const json& more = json::object()) {
-  json list = json::array();
-  for (const auto& id : ids) list.push_back({{"id", id}});
+json books(const std::vector<std::string>& ids, const json& more = json::object()) {
+  auto list = each("id", ids);
   if (!list.empty()) list[0].update(more);
   return {{"addressBooks", list}};
 }
@@ -39,14 +38,13 @@ TEST(EmulatorDomains, UserContactsFillTheirOwnersBookBesideTheDirectories) {
       // The answer is the JSON text "", which the client reads as the empty body it expects.
       {"alice POST userContacts", contact("c1", "C"), 200, "", "alice POST" + book + "c1:C"},
       {"alice PUT userContacts/c1", full, 200, "", "alice PUT" + book + "c1:Carol C"},
-      {"alice GET /addressbooks?contacts=true", kNone, 200,
-       books({"contacts-alice"}, {{"contacts", {full}}}), ""},
-      {"bob GET /addressbooks?contacts=true", kNone, 200,
-       books({"contacts-bob"}, {{"contacts", kNone}}), ""},
-      {"alice GET /addressbooks?phonebooks=true&static=true&contacts=false", kNone, 200,
-       books({"staff", "pb"}, staff), ""},
-      {"alice GET /addressbooks?static=false", kNone, 200, books({}), ""},
-      {"alice GET /addressbooks", kNone, 200, books({"contacts-alice", "staff", "pb"}), ""},
+      {"alice GET /addressbooks?contacts=true", 200,
+       books({"contacts-alice"}, {{"contacts", {full}}})},
+      {"bob GET /addressbooks?contacts=true", 200, books({"contacts-bob"}, {{"contacts", kNone}})},
+      {"alice GET /addressbooks?phonebooks=true&static=true&contacts=false", 200,
+       books({"staff", "pb"}, staff)},
+      {"alice GET /addressbooks?static=false", 200, books({})},
+      {"alice GET /addressbooks", 200, books({"contacts-alice", "staff", "pb"})},
   });
 }
 
@@ -68,11 +66,11 @@ TEST(EmulatorDomains, PresenceGoesToEverySocketSubscribedToIt) {
   const json defaults = {{"avatar", nullptr}, {"displayName", "alice"}, {"note", "n"}};
   const json offline = {{"online", false}};
   harness.run({
-      {"bob POST /presence", {{"address", "kel-user:alice"}}, 200, offline, ""},
-      {"carol POST /batch/presence", addresses, 200, found, ""},
+      {"bob POST /presence", {{"address", "kel-user:alice"}}, 200, offline},
+      {"carol POST /batch/presence", addresses, 200, found},
       {"alice PUT /presence/alice", changes, 200, busy, toSubscribers},
-      {"bob GET /presence/kel-user:alice?withoutAvatar=true", kNone, 200, withoutAvatar, ""},
-      {"bob GET /presence/alice@emulator.kel?withoutAvatar=false", kNone, 200, withAvatar, ""},
+      {"bob GET /presence/kel-user:alice?withoutAvatar=true", 200, withoutAvatar},
+      {"bob GET /presence/alice@emulator.kel?withoutAvatar=false", 200, withAvatar},
       {"alice PUT /presence/kel-user:alice", reset, 200, defaults, toSubscribers},
   });
 
@@ -91,11 +89,7 @@ TEST(EmulatorDomains, GroupsAreChangedByTheirOwnerAndTellEveryoneConcerned) {
   const json ok = json::object();
   const json named = {{"name", "G"}};
   const json reordered = {{"participants", {"carol", "bob"}}};
-  const auto groups = [](std::vector<std::string> ids) {
-    json list = json::array();
-    for (const auto& id : ids) list.push_back({{"groupId", id}});
-    return list;
-  };
+  const auto groups = [](const std::vector<std::string>& ids) { return each("groupId", ids); };
   const json created = {{"groupId", "group-1"},
                         {"chatId", "chat-group-1"},
                         {"participants", kNone},
@@ -118,12 +112,12 @@ TEST(EmulatorDomains, GroupsAreChangedByTheirOwnerAndTellEveryoneConcerned) {
        "bob PUT /usersGroup group-1[carol bob]"},
       {"alice POST /usersGroup/group-2/participants", bob, 200, ok,
        "bob POST /usersGroup group-2[bob]; alice PUT /usersGroup group-2[bob]"},
-      {"bob GET /usersGroup?participating=true", kNone, 200, groups({"group-1", "group-2"}), ""},
-      {"bob GET /usersGroup?participating=false", kNone, 200, kNone, ""},
-      {"alice GET /usersGroup?participating=false", kNone, 200, groups({"group-1", "group-2"}), ""},
-      {"alice GET /usersGroup?participating=true", kNone, 200, kNone, ""},
+      {"bob GET /usersGroup?participating=true", 200, groups({"group-1", "group-2"})},
+      {"bob GET /usersGroup?participating=false", 200, kNone},
+      {"alice GET /usersGroup?participating=false", 200, groups({"group-1", "group-2"})},
+      {"alice GET /usersGroup?participating=true", 200, kNone},
       // The client's path for leaving has two slashes.
-      {"bob DELETE /usersGroup/group-1//leave", kNone, 200, ok,
+      {"bob DELETE /usersGroup/group-1//leave", 200, ok,
        left("bob", "group-1") +
            "alice PUT /usersGroup group-1[carol]; carol PUT /usersGroup group-1[carol]"},
       {"alice POST /usersGroup/group-1/participants", bob, 200, ok,
@@ -135,20 +129,20 @@ TEST(EmulatorDomains, GroupsAreChangedByTheirOwnerAndTellEveryoneConcerned) {
       {"alice POST /usersGroup/group-2/participants", carol, 200, ok,
        "carol POST /usersGroup group-2[bob carol]; alice PUT /usersGroup group-2[bob carol]; "
        "bob PUT /usersGroup group-2[bob carol]"},
-      {"alice DELETE /usersGroup/group-2/participants", kNone, 200, ok,
+      {"alice DELETE /usersGroup/group-2/participants", 200, ok,
        left("bob", "group-2") + left("carol", "group-2") + "alice PUT /usersGroup group-2[]"},
       {"alice POST /usersGroup/group-2/participants", bob, 200, ok,
        "bob POST /usersGroup group-2[bob]; alice PUT /usersGroup group-2[bob]"},
-      {"bob DELETE /usersGroups/participations", kNone, 200, ok,
+      {"bob DELETE /usersGroups/participations", 200, ok,
        left("bob", "group-1") + "alice PUT /usersGroup group-1[]; " + left("bob", "group-2") +
            "alice PUT /usersGroup group-2[]"},
       {"alice POST /usersGroup/group-1/participants", carol, 200, ok,
        "carol POST /usersGroup group-1[carol]; alice PUT /usersGroup group-1[carol]"},
       // Text values only: the client drops a deletion whose body holds anything else.
-      {"alice DELETE /usersGroup/group-1", kNone, 200, ok,
+      {"alice DELETE /usersGroup/group-1", 200, ok,
        "alice DELETE /usersGroup {\"groupId\":\"group-1\"}; "
        "carol DELETE /usersGroup {\"groupId\":\"group-1\"}"},
-      {"carol GET /usersGroup/group-1", kNone, 404, nullptr, ""},
+      {"carol GET /usersGroup/group-1", 404, nullptr},
   });
 }
 
@@ -181,7 +175,7 @@ TEST(EmulatorDomains, RefusedRequestsChangeNothingAndPushNothing) {
       {"carol POST /batch/presence", {"alice", 5}, 400},
       {"carol GET /presence/alice?withoutAvatar=maybe", kNone, 400},
       {"carol GET /presence/kel-user:nobody", kNone, 404},
-      {"alice POST /usersGroup", {{"name", "x"}, {"groupId", ""}}, 400},
+      {"alice POST /usersGroup", {{"name", "x"}, {"groupId"}}, 400},
       {"alice POST /usersGroup", {{"name", "x"}, {"groupId", "g1"}}, 409},
       {"alice PUT /usersGroup/g1", {{"ringingStrategy", {{"type", "sequential"}}}}, 400},
       {"alice PUT /usersGroup/g1", {{"ringingStrategy", {{"type", "loud"}}}}, 400},
