@@ -38,7 +38,8 @@ class KelServerTest : public ::testing::Test {
   KelServerTest() {
     http_->setResponder([this](const platform::HTTPRequest&) -> std::optional<Outcome> {
       ++signIns_;
-      return failuresLeft_-- > 0 ? Outcome::respond(500, "{}") : Outcome::respond(200, kSignInAnswer);
+      return failuresLeft_-- > 0 ? Outcome::respond(500, "{}")
+                                 : Outcome::respond(200, kSignInAnswer);
     });
     KelServer::Options options;
     options.mainScheduler = options.resumeTimeoutScheduler = options.renewalScheduler = scheduler_;
