@@ -1,5 +1,6 @@
 // Each domain through the facade, the real WebSocket and the emulator, ending with an event that
-// reaches another session's handler.
+// reaches another session's handler. KelCliTest runs every operation and reads its answer; these
+// follow what the operations make the domains' event handlers deliver.
 
 #include <gtest/gtest.h>
 
@@ -90,14 +91,7 @@ TEST_F(DomainsIntegrationTest, ContactsReachTheAddressBookAndTheOwnersOtherSessi
   await(ann->userContacts()->add(contact));
   contact.name = "Robert";
   await(ann->userContacts()->update(contact));
-  const auto found = await(ann->addressBooks()->contact({"contacts"}, "bob"));
-  ASSERT_TRUE(found.has_value());
-  EXPECT_EQ("Robert", found->name);
   await(ann->userContacts()->deleteContact(contact));
-  const auto books = await(ann->addressBooks()->addressBooks({"contacts"}, false));
-  ASSERT_EQ(1u, books.size());
-  ASSERT_TRUE(books[0].contacts.has_value());
-  EXPECT_TRUE(books[0].contacts->empty());
 
   const auto isContact = [](const AddressBookSocketDTO& e) {
     return e.contact && e.contact->id == "c1" && e.type == AddressBookType::contacts;
@@ -105,9 +99,6 @@ TEST_F(DomainsIntegrationTest, ContactsReachTheAddressBookAndTheOwnersOtherSessi
   EXPECT_TRUE(created.waitFor(isContact));
   EXPECT_TRUE(updated.waitFor(isContact));
   EXPECT_TRUE(deleted.waitFor(isContact));
-  // A change the server refuses reaches the caller as its error.
-  EXPECT_THROW(await(ann->userContacts()->update(Contact{.id = "nobody", .name = "X"})),
-               ConnectionError);
 }
 
 TEST_F(DomainsIntegrationTest, PresenceChangesReachTheSubscribers) {
@@ -147,11 +138,6 @@ TEST_F(DomainsIntegrationTest, GroupChangesReachTheParticipants) {
   await(groups->add("ann", "support"));
   await(groups->reorderParticipants("support", {"bob", "ann"}));
   await(groups->changeRingingStrategy("support", SequentialRingingStrategyDTO{10, 2}));
-  EXPECT_TRUE(await(groups->user("bob", "support")));
-  EXPECT_FALSE(await(bob->groupService()->user("carol", "support")));
-  const auto cached = await(groups->group("support", true));
-  EXPECT_EQ((std::vector<std::string>{"bob", "ann"}), cached.participants);
-
   EXPECT_TRUE(added.waitFor([](const GroupDTO& g) { return g.groupId == "support"; }));
   EXPECT_TRUE(updated.waitFor([](const GroupDTO& g) {
     return g.participants == std::vector<std::string>{"bob", "ann"} &&
@@ -185,17 +171,11 @@ TEST_F(DomainsIntegrationTest, MeetingsReachTheInvitedUsers) {
   invitation.sendInvites = true;
   EXPECT_EQ("Board, moved", await(meetings->updateMeeting(meeting.id, invitation)).name);
   EXPECT_TRUE(updated.waitFor([](const Meeting& m) { return m.name == "Board, moved"; }));
-  EXPECT_EQ(meeting.id, await(meetings->meeting(meeting.id)).id);
-  const auto found = await(meetings->meetings({.name = "moved"}));
-  ASSERT_EQ(1u, found.size());
-  EXPECT_EQ(meeting.id, found[0].id);
-  // Only the owner changes a meeting.
-  EXPECT_THROW(await(bob->meetingsService()->deleteMeeting(meeting)), ConnectionError);
   await(meetings->deleteMeeting(meeting));
   EXPECT_TRUE(deleted.waitFor([](const rx::Unit&) { return true; }));
 }
 
-TEST_F(DomainsIntegrationTest, AMissedCallReachesBothHistoriesAndIsReadAway) {
+TEST_F(DomainsIntegrationTest, AMissedCallReachesBothHistoriesAndTheCalleesMissedCalls) {
   auto ann = signIn("ann");
   auto bob = signIn("bob");
   StreamRecorder annEntries(ann->conferenceLogEventHandler()->newConferenceEntry());
@@ -208,20 +188,7 @@ TEST_F(DomainsIntegrationTest, AMissedCallReachesBothHistoriesAndIsReadAway) {
   EXPECT_TRUE(annEntries.waitFor(isTheCall));
   EXPECT_TRUE(bobEntries.waitFor(isTheCall));
   EXPECT_TRUE(missed.waitFor([](const MissedCallsSocketDTO& m) { return m.items->size() == 1; }));
-  for (const auto& server : {ann, bob}) {
-    const auto log = await(server->conferenceLogService()
-                               ->conferencesEntries(std::nullopt, std::nullopt, 10, true)
-                               .take(1)
-                               .asSingle());
-    ASSERT_EQ(1u, log.size());
-    EXPECT_EQ(ConferenceEntry::CallState::timeout, log[0].invites.at(0).state);
-  }
-
-  auto calls = bob->missedCallsService();
-  const auto before = await(calls->getMissedCalls({.userId = "bob"}));
-  ASSERT_EQ(1u, before.data->items->size());
-  await(calls->setReadMissedCalls({.userId = "bob", .callId = *before.data->items->at(0).id}));
-  EXPECT_TRUE(await(calls->getMissedCalls({.userId = "bob"})).data->items->empty());
+  EXPECT_EQ(ConferenceEntry::CallState::timeout, bobEntries.values().back().invites.at(0).state);
 }
 
 TEST_F(DomainsIntegrationTest, AnAlertRaisedByOneIsAcceptedByAnother) {
@@ -238,10 +205,8 @@ TEST_F(DomainsIntegrationTest, AnAlertRaisedByOneIsAcceptedByAnother) {
   ASSERT_TRUE(raised.waitFor([](const ServerAlert& a) { return a.title == "Fire"; }));
   const auto id = raised.values().back().alertId;
   await(bob->alerts()->accept(id));
-  EXPECT_TRUE(resolved.waitFor([](const ServerAlert& a) { return a.acceptedBy == "bob"; }));
-  const auto listed = await(ann->alerts()->alerts(3600, 3600, 3600));
-  ASSERT_EQ(1u, listed.size());
-  EXPECT_EQ(id, listed[0].alertId);
+  EXPECT_TRUE(resolved.waitFor(
+      [&](const ServerAlert& a) { return a.alertId == id && a.acceptedBy == "bob"; }));
 }
 
 TEST_F(DomainsIntegrationTest, ChatListChangesReachTheUsersOtherSessions) {
@@ -253,9 +218,7 @@ TEST_F(DomainsIntegrationTest, ChatListChangesReachTheUsersOtherSessions) {
   auto chats = ann->xmppService();
 
   await(chats->addOneToOneChat("bob@emulator.kel"));
-  EXPECT_EQ(std::vector<std::string>{"bob@emulator.kel"}, await(chats->oneToOneChatList()));
   await(chats->deleteOneToOneChat("bob@emulator.kel"));
-  EXPECT_TRUE(await(chats->oneToOneChatList()).empty());
   const auto isBob = [](const IndividualChatListSocketDTO& c) {
     return c.jid == "bob@emulator.kel";
   };

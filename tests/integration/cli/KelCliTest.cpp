@@ -103,8 +103,47 @@ class KelCliTest : public ::testing::Test {
            ::testing::UnitTest::GetInstance()->current_test_info()->name();
   }
 
+  /// `arguments` as `user` gives them: each user's session in a keychain group of its own.
+  static std::vector<std::string> as(const std::string& user, std::vector<std::string> arguments) {
+    arguments.insert(arguments.end(), {"--team-id", team() + "." + user});
+    return arguments;
+  }
+
+  /// A command of `user` against the server of startSignedIn() that must succeed; its result.
+  nlohmann::json ok(const std::string& user, std::vector<std::string> arguments) {
+    const auto run = kel(urls_, as(user, arguments));
+    EXPECT_EQ(0, run.exitCode) << user << " " << arguments.front() << ":\n" << run.out << run.err;
+    EXPECT_EQ(true, run.json()["ok"]) << run.out;
+    return run.json();
+  }
+
+  /// Serves `fixture` with users alice and bob, who have `capability` and are signed in.
+  emulator::Urls startSignedIn(emulator::Emulator& emulator, const std::string& capability,
+                               nlohmann::json fixture) {
+    for (const std::string user : {"alice", "bob"}) {
+      fixture["users"].push_back(
+          {{"id", user},
+           {"signInToken", user + "-sign-in"},
+           {"capabilities", {{"domain", {capability}}, {"user", nlohmann::json::array()}}}});
+    }
+    emulator.loadFixture(fixture);
+    urls_ = emulator.start();
+    ok("alice", {"login", "--token", "alice-sign-in"});
+    ok("bob", {"login", "--token", "bob-sign-in"});
+    return urls_;
+  }
+
   fs::path configHome_;
+  emulator::Urls urls_;
 };
+
+/// The lines of a watch's output, each a JSON object.
+nlohmann::json watchLines(const KelRun& run) {
+  auto lines = nlohmann::json::array();
+  std::istringstream out(run.out);
+  for (std::string line; std::getline(out, line);) lines.push_back(nlohmann::json::parse(line));
+  return lines;
+}
 
 TEST_F(KelCliTest, DemoWalksAWholeSessionAndSucceeds) {
   const auto run = finishKel(startKel({"demo"}, configHome_));
@@ -261,28 +300,9 @@ TEST_F(KelCliTest, RenewTellsWhetherTheServerAcceptedTheRenewal) {
 
 TEST_F(KelCliTest, DomainCommandsChangeTheServerAndWatchPrintsAnotherProcesssEvents) {
   emulator::Emulator emulator;
-  emulator.loadFixture(nlohmann::json::parse(R"({
-    "users": [
-      {"id": "alice", "signInToken": "alice-sign-in",
-       "capabilities": {"domain": ["presence"], "user": []}},
-      {"id": "bob", "signInToken": "bob-sign-in",
-       "capabilities": {"domain": ["presence"], "user": []}}],
-    "directories": [{"id": "staff", "name": "Staff", "type": "static",
-                     "contacts": [{"id": "s1", "name": "Desk", "favorite": false}]}]})"));
-  const auto urls = emulator.start();
-  // Each user's session in a keychain group of its own.
-  const auto as = [&](const std::string& user, std::vector<std::string> arguments) {
-    arguments.insert(arguments.end(), {"--team-id", team() + "." + user});
-    return arguments;
-  };
-  const auto ok = [&](const std::string& user, std::vector<std::string> arguments) {
-    const auto run = kel(urls, as(user, arguments));
-    EXPECT_EQ(0, run.exitCode) << user << " " << arguments.front() << ":\n" << run.out << run.err;
-    EXPECT_EQ(true, run.json()["ok"]) << run.out;
-    return run.json();
-  };
-  ok("alice", {"login", "--token", "alice-sign-in"});
-  ok("bob", {"login", "--token", "bob-sign-in"});
+  const auto urls = startSignedIn(emulator, "presence", nlohmann::json::parse(R"({"directories": [
+    {"id": "staff", "name": "Staff", "type": "static",
+     "contacts": [{"id": "s1", "name": "Desk", "favorite": false}]}]})"));
 
   // Contacts and address books.
   auto result = ok("alice", {"contacts", "add", "--contact-id", "c1", "--name", "Bob", "--phone",
@@ -348,9 +368,7 @@ TEST_F(KelCliTest, DomainCommandsChangeTheServerAndWatchPrintsAnotherProcesssEve
   ok("alice", {"groups", "add", "g1", "bob"});
   run = finishKel(watch);
   EXPECT_EQ(0, run.exitCode) << run.out << run.err;
-  auto lines = nlohmann::json::array();
-  std::istringstream out(run.out);
-  for (std::string line; std::getline(out, line);) lines.push_back(nlohmann::json::parse(line));
+  const auto lines = watchLines(run);
   ASSERT_EQ(3u, lines.size()) << run.out;
   const nlohmann::json expected = {
       {"/0/domain", "presence"}, {"/0/method", "PUT"},   {"/0/record/activity", "away"},
@@ -363,26 +381,10 @@ TEST_F(KelCliTest, DomainCommandsChangeTheServerAndWatchPrintsAnotherProcesssEve
 
 TEST_F(KelCliTest, MeetingCallAlertAndChatCommandsChangeTheServerAndWatchDecodesTheirEvents) {
   emulator::Emulator emulator;
-  emulator.loadFixture(nlohmann::json::parse(R"({
-    "users": [
-      {"id": "alice", "signInToken": "alice-sign-in",
-       "capabilities": {"domain": ["call-history"], "user": []}},
-      {"id": "bob", "signInToken": "bob-sign-in",
-       "capabilities": {"domain": ["call-history"], "user": []}}],
-    "alertTemplates": [{"templateId": "fire", "title": "Fire", "payload": "Leave now"}]})"));
-  const auto urls = emulator.start();
-  const auto as = [&](const std::string& user, std::vector<std::string> arguments) {
-    arguments.insert(arguments.end(), {"--team-id", team() + "." + user});
-    return arguments;
-  };
-  const auto ok = [&](const std::string& user, std::vector<std::string> arguments) {
-    const auto run = kel(urls, as(user, arguments));
-    EXPECT_EQ(0, run.exitCode) << user << " " << arguments.front() << ":\n" << run.out << run.err;
-    EXPECT_EQ(true, run.json()["ok"]) << run.out;
-    return run.json();
-  };
-  ok("alice", {"login", "--token", "alice-sign-in"});
-  ok("bob", {"login", "--token", "bob-sign-in"});
+  const auto urls =
+      startSignedIn(emulator, "call-history",
+                    {{"alertTemplates",
+                      {{{"templateId", "fire"}, {"title", "Fire"}, {"payload", "Leave now"}}}}});
 
   // bob watches every event these commands cause him.
   const auto bobSockets = [&] {
@@ -443,10 +445,8 @@ TEST_F(KelCliTest, MeetingCallAlertAndChatCommandsChangeTheServerAndWatchDecodes
   const auto run = finishKel(watch);
   EXPECT_EQ(0, run.exitCode) << run.out << run.err;
   std::vector<std::string> seen;
-  std::istringstream out(run.out);
-  for (std::string line; std::getline(out, line);) {
-    const auto event = nlohmann::json::parse(line);
-    EXPECT_FALSE(event.contains("error")) << line;
+  for (const auto& event : watchLines(run)) {
+    EXPECT_FALSE(event.contains("error")) << event;
     seen.push_back(event.value("domain", "") + " " + event.value("method", ""));
   }
   const std::vector<std::string> expected = {"meetings POST",

@@ -111,20 +111,6 @@ class Program {
   pid_t pid_ = -1;
 };
 
-// An operator's call reaches the callee's socket as a log entry and, when missed, a missed call.
-TEST_F(EmulatorTest, APlacedCallReachesTheCalleesSocket) {
-  auto bob = connectAs(bobToken_);
-  emulator().placeCall({"alice", "bob", CallOutcome::missed, std::chrono::seconds(20), false});
-  const auto entry = json::parse(bob->next().substr(1));
-  EXPECT_EQ("/conferences", entry.at("path"));
-  EXPECT_EQ("POST", entry.at("method"));
-  EXPECT_EQ("DECLINED_BY_TIMEOUT", entry.at("body").at("invites").at(0).at("state"));
-  const auto missed = json::parse(bob->next().substr(1));
-  EXPECT_EQ("/missedCalls/bob", missed.at("path"));
-  EXPECT_EQ("PUT", missed.at("method"));
-  EXPECT_EQ(entry["body"]["id"], missed.at("body").at("items").at(0).at("conferenceId"));
-}
-
 TEST(EmulatorProgram, RefusesABadCommandLineOrFixtureWithStatusTwo) {
   if (!fs::exists(programPath())) GTEST_SKIP() << "kel-emulator is not built at " << programPath();
   TemporaryFile invalid(R"({"groups": [{"groupId": "g", "name": "G", "owner": "zed"}]})", ".json");
