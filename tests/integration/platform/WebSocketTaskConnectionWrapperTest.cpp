@@ -10,8 +10,6 @@
 #include <thread>
 
 #include <boost/algorithm/string/predicate.hpp>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
 #include <boost/url/parse.hpp>
 
 #include "ServerClient/platform/HTTPCookieStorage.h"
@@ -39,14 +37,6 @@ using Options = WebSocketTaskConnectionWrapper::Options;
 
 boost::urls::url parse(std::string_view text) {
   return boost::urls::parse_uri(text).value();
-}
-
-// A port on which nothing listens (it was free a moment ago, and nobody else binds on loopback).
-std::uint16_t closedPort() {
-  boost::asio::io_context context;
-  boost::asio::ip::tcp::acceptor acceptor(
-      context, {boost::asio::ip::make_address("127.0.0.1"), static_cast<std::uint16_t>(0)});
-  return acceptor.local_endpoint().port();
 }
 
 emulator::Options tlsServer(const test::CertifiedKey& certificate) {
@@ -380,42 +370,36 @@ TEST_F(WebSocketTest, SendsFromManyThreadsKeepEachThreadsOrderBothWays) {
 
 // --- Opening failures and time limits ---
 
+// A silent peer, with TLS or without, cannot keep the opening pending for ever either.
 TEST_F(WebSocketTest, FailuresToOpenAreReportedAsAbnormalClosureWithTheirCause) {
+  using emulator::RefusalMode;
   const struct {
+    std::optional<RefusalMode> refusal;
     emulator::UpgradeAnswer answer;
-    std::string target;
+    const char* path;
+    bool tls;
     const char* cause;
   } cases[] = {
-      {{},
-       "ws://127.0.0.1:" + std::to_string(closedPort()) + "/ws",
-       "connecting to ws://127.0.0.1:"},
-      {{.rejectStatus = 403}, url("/ws"), "HTTP 403"},
-      {{.subprotocol = "other"}, url("/kel"), "sub-protocol \"other\""},
+      {RefusalMode::closeListener, {}, "/ws", false, "connecting to ws://127.0.0.1:"},
+      {std::nullopt, {.rejectStatus = 403}, "/ws", false, "HTTP 403"},
+      {std::nullopt, {.subprotocol = "other"}, "/kel", false, "sub-protocol \"other\""},
+      {RefusalMode::stall, {}, "/ws", false, "timed out"},
+      {RefusalMode::stall, {}, "/ws", true, "timed out"},
   };
+  Options options;
+  options.openTimeout = 300ms;
   std::size_t reports = 0;
   for (const auto& c : cases) {
+    startServer(c.tls ? tlsServer(TestCertificates::shared().localhost()) : emulator::Options{});
     server_->setUpgradeAnswer(c.answer);
-    auto socket = makeSocket(c.target, {"kel"});
+    if (c.refusal) server_->refuseConnections(std::nullopt, *c.refusal);
+    auto socket = makeSocket(url(c.path), {"kel"}, options);
     socket->connect();
     EXPECT_EQ(SocketCloseCode::abnormalClosure, delegate_->waitForDisconnect(++reports)) << c.cause;
     EXPECT_THAT(delegate_->errors().back(), HasSubstr(c.cause));
   }
   EXPECT_EQ(reports, delegate_->errors().size());
   EXPECT_EQ(0u, delegate_->count(Kind::connected));
-}
-
-TEST_F(WebSocketTest, ASilentPeerCannotKeepTheOpeningPendingForEver) {
-  for (bool tls : {false, true}) {
-    if (tls) startServer(tlsServer(TestCertificates::shared().localhost()));
-    server_->refuseConnections(std::nullopt, emulator::RefusalMode::stall);
-    Options options;
-    options.openTimeout = 300ms;
-    auto socket = makeSocket(url("/ws"), {}, options);
-    const auto before = delegate_->disconnects().size();
-    socket->connect();
-    EXPECT_EQ(SocketCloseCode::abnormalClosure, delegate_->waitForDisconnect(before + 1)) << tls;
-    EXPECT_THAT(delegate_->errors().back(), HasSubstr("timed out"));
-  }
 }
 
 TEST_F(WebSocketTest, AnIdleConnectionIsKeptAliveAndADeafPeerIsDetected) {
@@ -538,20 +522,24 @@ TEST_F(WebSocketTest, OnlyCertificatesThatProveTheServersIdentityAreAccepted) {
 // --- Construction ---
 
 TEST(WebSocketTaskConnectionWrapper, RefusesWhatCouldNeverConnect) {
-  const auto make = [](std::string_view url, std::vector<std::string> protocols = {},
-                       Options options = {}) {
-    WebSocketTaskConnectionWrapper socket(parse(url), std::move(protocols), std::move(options));
-  };
-  EXPECT_THROW(make("https://127.0.0.1/ws"), std::invalid_argument);
-  EXPECT_THROW(make("ws:relative"), std::invalid_argument);
-  EXPECT_THROW(make("ws://127.0.0.1/ws", {"two words"}), std::invalid_argument);
-  Options badPem;
+  Options badPem, missingFile;
   badPem.extraCertificateAuthoritiesPem = "not a certificate";
-  EXPECT_THROW(make("wss://127.0.0.1/ws", {}, badPem), std::invalid_argument);
-  Options missingFile;
   missingFile.extraCertificateAuthoritiesFile = "/nonexistent/ca.pem";
-  EXPECT_THROW(make("wss://127.0.0.1/ws", {}, missingFile), std::invalid_argument);
-  EXPECT_NO_THROW(make("WSS://LOCALHOST/ws", {"kel", "kel.v2"}));
+  const struct {
+    const char* url;
+    std::vector<std::string> protocols;
+    Options options;
+  } refused[] = {{"https://127.0.0.1/ws", {}, {}},
+                 {"ws:relative", {}, {}},
+                 {"ws://127.0.0.1/ws", {"two words"}, {}},
+                 {"wss://127.0.0.1/ws", {}, badPem},
+                 {"wss://127.0.0.1/ws", {}, missingFile}};
+  for (const auto& c : refused) {
+    EXPECT_THROW(WebSocketTaskConnectionWrapper(parse(c.url), c.protocols, c.options),
+                 std::invalid_argument)
+        << c.url;
+  }
+  EXPECT_NO_THROW(WebSocketTaskConnectionWrapper(parse("WSS://LOCALHOST/ws"), {"kel", "kel.v2"}));
 }
 
 }  // namespace
