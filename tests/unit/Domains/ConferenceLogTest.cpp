@@ -11,22 +11,13 @@ using namespace testing::tables;
 using Entry = ConferenceEntry;
 
 json entry() {
-  return {{"id", "c1"},
-          {"roomId", "r1"},
-          {"state", "active"},
-          {"createdAt", 1700000000000},
-          {"finishedAt", 1700000060000.5},
-          {"invites",
-           {{{"from", "u1"},
-             {"to", "u2"},
-             {"candidates", {{{"address", "kel-user:u2"}, {"endReason", 486}}}},
-             {"state", "ACCEPTED"},
-             {"group", false},
-             {"mediatypes", {{"audio", true}, {"video", false}}}}}},
-          {"participants", {{{"address", "kel-user:u1"}, {"createdAt", 1}}}},
-          {"transfers",
-           {{{"from", "u1"}, {"to", "u3"}, {"state", "DECLINED_BY_TIMEOUT"}, {"idInvite", "i1"}}}},
-          {"type", "meeting"}};
+  return json::parse(R"({"id": "c1", "roomId": "r1", "state": "active", "type": "meeting",
+      "createdAt": 1700000000000, "finishedAt": 1700000060000.5,
+      "invites": [{"from": "u1", "to": "u2", "state": "ACCEPTED", "group": false,
+                   "candidates": [{"address": "kel-user:u2", "endReason": 486}],
+                   "mediatypes": {"audio": true, "video": false}}],
+      "participants": [{"address": "kel-user:u1", "createdAt": 1}],
+      "transfers": [{"from": "u1", "to": "u3", "state": "DECLINED_BY_TIMEOUT", "idInvite": "i1"}]})");
 }
 
 Entry decodedWith(const json::json_pointer& pointer, const json& value) {

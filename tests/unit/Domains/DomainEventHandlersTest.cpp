@@ -51,11 +51,9 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
   scheduler->start();
 
   const json book = {{"addressBookId", "b1"}, {"addressBookType", "contacts"}};
-  const json group = {{"groupId", "g1"},
-                      {"chatId", "c"},
-                      {"name", "G"},
-                      {"participants", {"u"}},
-                      {"owner", testing::userRecord("u")}};
+  auto group =
+      json::parse(R"({"groupId": "g1", "chatId": "c", "name": "G", "participants": ["u"]})");
+  group["owner"] = testing::userRecord("u");
   json meeting = json::parse(R"({"id":"m1","name":"M","participants":[],"validSince":1,
       "validUntil":2,"url":"u","isPasswordProtected":true,"record":{"type":"all"}})");
   meeting["user"] = group["owner"];

@@ -12,11 +12,9 @@ namespace {
 using namespace testing::tables;
 
 json group(std::string id, json strategy = nullptr) {
-  json g = {{"groupId", std::move(id)},
-            {"chatId", "c"},
-            {"name", "G"},
-            {"participants", {"u1"}},
-            {"owner", testing::userRecord("u1")}};
+  auto g = json::parse(R"({"chatId": "c", "name": "G", "participants": ["u1"]})");
+  g["groupId"] = std::move(id);
+  g["owner"] = testing::userRecord("u1");
   if (!strategy.is_null()) g["ringingStrategy"] = std::move(strategy);
   return g;
 }

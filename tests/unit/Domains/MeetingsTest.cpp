@@ -12,20 +12,18 @@ using std::chrono::system_clock;
 const system_clock::time_point kSince{std::chrono::seconds(1700000000)};
 
 json owner(json phones = json::array()) {
-  return {{"id", "u1"},     {"domain", "d"},         {"email", "ann@d"}, {"username", "ann"},
-          {"alias", "Ann"}, {"mobilePhone", phones}, {"role", "user"}};
+  auto user = json::parse(R"({"id": "u1", "domain": "d", "email": "ann@d", "username": "ann",
+                              "alias": "Ann", "role": "user"})");
+  user["mobilePhone"] = std::move(phones);
+  return user;
 }
 
-json meeting(std::string id = "m1") {
-  return {{"id", std::move(id)},
-          {"name", "Board"},
-          {"user", owner()},
-          {"participants", {{{"email", "bob@d"}}}},
-          {"validSince", 1700000000000},
-          {"validUntil", 1700000000500.0},
-          {"url", "https://m"},
-          {"isPasswordProtected", false},
-          {"record", {{"type", "none"}}}};
+json meeting() {
+  auto meeting = json::parse(R"({"id": "m1", "name": "Board", "participants": [{"email": "bob@d"}],
+      "validSince": 1700000000000, "validUntil": 1700000000500.0, "url": "https://m",
+      "isPasswordProtected": false, "record": {"type": "none"}})");
+  meeting["user"] = owner();
+  return meeting;
 }
 
 TEST(MeetingRecords, DecodePutsTheOwnerFirstAndReadsMilliseconds) {

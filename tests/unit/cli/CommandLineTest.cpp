@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
 #include <map>
 #include <set>
 #include <string_view>
@@ -47,42 +49,33 @@ TEST(KelCommandLineTest, ReadsCommandsAndOptionsInAnyOrderAndBothValueForms) {
 
 // Each domain command runs end to end in KelCliTest; here, the forms that test does not type.
 TEST(KelCommandLineTest, DomainCommandsTakeTheirOperandsAndOptions) {
-  using Flags = std::map<std::string, std::vector<std::string>, std::less<>>;
   struct Case {
     std::vector<std::string_view> arguments;
     std::string name;
-    std::vector<std::string> operands;
-    Flags flags;
+    const char* flags;  // JSON: each option's values
   };
   const std::vector<Case> cases = {
       {{"contacts", "add", "--contact-id", "c1", "--name", "Ann", "--phone", "work:+1:primary",
         "--phone", "sip:sip:ann@x", "--email", "home", "--favorite"},
        "contacts add",
-       {},
-       {{"--contact-id", {"c1"}},
-        {"--name", {"Ann"}},
-        {"--phone", {"work:+1:primary", "sip:sip:ann@x"}},
-        {"--email", {"home"}},
-        {"--favorite", {""}}}},
+       R"({"--contact-id": ["c1"], "--name": ["Ann"], "--phone": ["work:+1:primary",
+           "sip:sip:ann@x"], "--email": ["home"], "--favorite": [""]})"},
       {{"presence", "update", "--online", "--activity", "busy", "--note", "--not an option"},
        "presence update",
-       {},
-       {{"--online", {""}}, {"--activity", {"busy"}}, {"--note", {"--not an option"}}}},
+       R"({"--online": [""], "--activity": ["busy"], "--note": ["--not an option"]})"},
       {{"watch", "--domain", "Groups", "--domain", "presence", "--subscribe", "bob", "--count", "2",
         "--for", "60"},
        "watch",
-       {},
-       {{"--domain", {"Groups", "presence"}},
-        {"--subscribe", {"bob"}},
-        {"--count", {"2"}},
-        {"--for", {"60"}}}},
+       R"({"--domain": ["Groups", "presence"], "--subscribe": ["bob"], "--count": ["2"],
+           "--for": ["60"]})"},
   };
   for (const auto& c : cases) {
     const auto result = parse(withServer(c.arguments));
     ASSERT_TRUE(result.commandLine) << c.name << ": " << result.error;
     EXPECT_EQ(c.name, result.commandLine->name);
-    EXPECT_EQ(c.operands, result.commandLine->arguments.operands) << c.name;
-    EXPECT_EQ(c.flags, result.commandLine->arguments.flags) << c.name;
+    EXPECT_TRUE(result.commandLine->arguments.operands.empty()) << c.name;
+    EXPECT_EQ(nlohmann::json::parse(c.flags), nlohmann::json(result.commandLine->arguments.flags))
+        << c.name;
   }
 }
 
