@@ -98,11 +98,16 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
        }) {
     channel->handle({{"path", path}, {"method", method}, {"body", body}});
   }
+  EXPECT_TRUE(created->events().empty()) << "delivered on the scheduler, not before it runs";
   scheduler->start();
 
   EXPECT_EQ(std::optional<std::string>("b1"), created->values().at(0).id);
   ASSERT_EQ(2u, updated->events().size());
-  EXPECT_TRUE(updated->events()[1].value.isError());
+  ASSERT_TRUE(updated->events()[1].value.isError());
+  const auto error = updated->events()[1].value.error();
+  const auto* failure = errorAs<GenericError>(error);
+  ASSERT_NE(nullptr, failure);
+  EXPECT_EQ(GenericErrorType::Kind::decoding, failure->type().kind());
   EXPECT_EQ(1u, deleted->values().size());
   ASSERT_EQ(1u, presenceUpdated->values().size());
   EXPECT_EQ(std::optional<std::string>("PUT"), presenceUpdated->values()[0].note);
@@ -127,6 +132,12 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
   EXPECT_TRUE(updatedAlert->events()[2].value.isError());
   EXPECT_EQ((MissedCallsSocketDTO{std::vector<MissedCallItemDTO>{{"c2"}}}),
             newMissedCalls->values()[0]);
+
+  // The channel's end ends every stream still open.
+  channel->stopListeningForEvents();
+  scheduler->start();
+  EXPECT_TRUE(deleted->events().back().value.isCompleted());
+  EXPECT_TRUE(deletedChat->events().back().value.isCompleted());
 }
 
 }  // namespace

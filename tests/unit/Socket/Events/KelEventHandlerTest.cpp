@@ -19,7 +19,7 @@ class KelEventHandlerTest : public ::testing::Test {
   std::vector<KelEvent> events_;
 };
 
-// The domain and the parameter come from the path (DomainEventTest, DomainEventHandlerTest).
+// The domain and the parameter come from the path (DomainEventTest, DomainEventHandlersTest).
 TEST_F(KelEventHandlerTest, PublishesTheUpperCasedMethodAndThePrettyBody) {
   handler_.handle(
       json{{"path", "/usersGroup/participant/42"}, {"method", "put"}, {"body", {{"name", "Ada"}}}});
