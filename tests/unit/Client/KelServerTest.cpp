@@ -9,13 +9,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "ServerClient/Alert/Service/AlertsService.h"
 #include "ServerClient/Auth/Service/AuthService.h"
 #include "ServerClient/Common/Json.h"
-#include "ServerClient/ConferenceLog/Service/ConferenceLogService.h"
-#include "ServerClient/Meeting/Service/MeetingsService.h"
-#include "ServerClient/MissedCalls/Service/MissedCallsService.h"
-#include "ServerClient/XMPP/Service/XMPPService.h"
 #include "ServerClient/platform/InMemoryKeychain.h"
 #include "ServerClient/platform/InMemorySocket.h"
 #include "ServerClient/rx/TestScheduler.h"
@@ -338,21 +333,6 @@ TEST_F(KelServerTest, ASocketClosedNormallyDuringSignInIsAConnectionErrorThatSay
   ASSERT_NE(nullptr, error) << describeError(result.error());
   EXPECT_EQ(ConnectionErrorType::noSocketClient, error->type());
   EXPECT_EQ(kClosedDuringSignIn, error->description());
-}
-
-TEST_F(KelServerTest, EveryDomainAccessorHandsOutOneServiceOfItsInterface) {
-  server_->capabilityValidator()->setCapabilities(std::make_shared<const Capabilities>(
-      std::vector<std::string>{"call-history"}, std::vector<std::string>{}));
-  for (const auto& access : std::vector<std::function<std::shared_ptr<const void>()>>{
-           [&] { return server_->meetingsService(); },
-           [&] { return server_->conferenceLogService(); },
-           [&] { return server_->missedCallsService(); },
-           [&] { return server_->alerts(); },
-           [&] { return server_->xmppService(); },
-       }) {
-    EXPECT_NE(nullptr, access());
-    EXPECT_EQ(access(), access());
-  }
 }
 
 }  // namespace
