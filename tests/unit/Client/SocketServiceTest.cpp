@@ -66,7 +66,7 @@ TEST_F(SocketServiceTest, AnEmptySlotFailsAtOnceAndAClientPutThereLaterIsUsed) {
   EXPECT_EQ(1u, client_->requests().size());
 }
 
-// The SDK's own errors pass unchanged (the domains' operation tables see ConnectionErrors arrive).
+// Errors of the SDK pass unchanged, as every domain's operation table sees; others get wrapped.
 TEST_F(SocketServiceTest, ForeignClientErrorsArriveWrappedInAnSDKError) {
   slot_.accept(client_);
   StreamRecorder foreign(service_.sendRequestOrError(request(1)));
