@@ -26,11 +26,4 @@ rx::Observable<KelEvent> DomainEventHandler::eventsWithMethods(
       .observeOn(scheduler_);
 }
 
-rx::Observable<std::string> DomainEventHandler::params(DomainEvent domain,
-                                                       std::string method) const {
-  return events(domain, std::move(method)).compactMap([](const KelEvent& event) {
-    return event.param;
-  });
-}
-
 }  // namespace kel

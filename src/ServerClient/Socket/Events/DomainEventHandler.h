@@ -53,9 +53,6 @@ class DomainEventHandler {
     });
   }
 
-  /// The identifiers those events' paths carry; events without one are skipped.
-  rx::Observable<std::string> params(DomainEvent domain, std::string method) const;
-
  private:
   std::shared_ptr<KelEventHandler> kelEventHandler_;
   rx::SchedulerPtr scheduler_;
