@@ -90,6 +90,11 @@ void InMemorySocket::sendPong() {
   if (state_ == State::open) ++pongCount_;
 }
 
+boost::asio::any_io_executor InMemorySocket::executor() {
+  std::lock_guard lock(mutex_);
+  return options_.executor;
+}
+
 void InMemorySocket::open() {
   std::unique_lock lock(mutex_);
   require(state_ == State::opening, "open");
@@ -140,7 +145,7 @@ void InMemorySocket::setSendHandler(std::function<void(const std::string&)> hand
 
 void InMemorySocket::setOptions(Options options) {
   std::lock_guard lock(mutex_);
-  options_ = options;
+  options_ = std::move(options);
 }
 
 InMemorySocket::State InMemorySocket::state() const {

@@ -35,12 +35,13 @@
 
 #include "ServerClient/platform/Socket.h"
 #include "ServerClient/platform/SocketCloseCode.h"
+#include "ServerClient/platform/SocketExecutor.h"
 #include "ServerClient/platform/UpgradeRequest.h"
 #include "ServerClient/platform/WebSocketConnectionDelegate.h"
 
 namespace kel::platform {
 
-class InMemorySocket final : public Socket {
+class InMemorySocket final : public Socket, public SocketExecutor {
  public:
   struct Options {
     /// connect() opens at once (socketDidConnect); otherwise the test calls open() or close().
@@ -48,6 +49,8 @@ class InMemorySocket final : public Socket {
     /// disconnect(code) reports socketDidDisconnect(code) at once; otherwise the closing
     /// handshake stays under way until the test calls completeDisconnect() or close().
     bool closeOnDisconnect = true;
+    /// What executor() returns: a thread of the test's standing in for a network thread.
+    boost::asio::any_io_executor executor{};
   };
 
   enum class State { closed, opening, open, closing };
@@ -65,6 +68,9 @@ class InMemorySocket final : public Socket {
   void disconnect(SocketCloseCode closeCode) override;
   void send(std::string text) override;
   void sendPong() override;
+  // SocketExecutor
+  /// Options::executor; none by default.
+  boost::asio::any_io_executor executor() override;
 
   // Playing the server and the network.
 

@@ -207,6 +207,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
       if (writing_) return;
       writing_ = true;
     }
+    // Sent from work on the network thread itself (the socket client's queue runs there): no
+    // hand-over, write at once.
+    if (executor_.running_in_this_thread()) return writeNext();
     asio::post(executor_, [self = shared_from_this()] { self->writeNext(); });
   }
 
@@ -835,6 +838,11 @@ void WebSocketTaskConnectionWrapper::send(std::string text) {
 
 void WebSocketTaskConnectionWrapper::sendPong() {
   core_->send(Outgoing{{}, true});
+}
+
+boost::asio::any_io_executor WebSocketTaskConnectionWrapper::executor() {
+  ensureRunning();
+  return runtime_->ioContext.get_executor();
 }
 
 }  // namespace kel::platform

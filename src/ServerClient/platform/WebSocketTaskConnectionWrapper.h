@@ -6,12 +6,13 @@
 //
 // Threads
 // - Each wrapper owns one network thread running its own io_context. The thread starts at the
-//   first connect() or disconnect() and ends when the wrapper is destroyed. All network work and
-//   every delegate call happen on it; delegate calls are therefore serialised and must not block
-//   for long, since nothing is read or written meanwhile.
+//   first connect(), disconnect() or executor() and ends when the wrapper is destroyed. All network
+//   work and every delegate call happen on it; delegate calls are therefore serialised and must not
+//   block for long, since nothing is read or written meanwhile.
 // - A call of send() from any thread costs one lock and, when the writer is idle, one hand-over
 //   to the network thread; a burst of sends is drained by that thread without further
-//   hand-overs. Frames are written one after the other in the order of the calls.
+//   hand-overs. Frames are written one after the other in the order of the calls. A send() made
+//   on the network thread itself (work posted to executor()) hands nothing over.
 // - The wrapper may be destroyed on any thread, including the network thread from inside a
 //   delegate call. Destruction drops an open connection without a closing handshake (the peer
 //   sees the TCP connection end; call disconnect() first for a clean close) and makes no further
@@ -66,6 +67,7 @@
 
 #include "ServerClient/platform/HTTPCookieStorage.h"
 #include "ServerClient/platform/Socket.h"
+#include "ServerClient/platform/SocketExecutor.h"
 
 namespace kel::platform {
 
@@ -73,7 +75,7 @@ namespace detail {
 class NetworkThread;
 }  // namespace detail
 
-class WebSocketTaskConnectionWrapper final : public Socket {
+class WebSocketTaskConnectionWrapper final : public Socket, public SocketExecutor {
  public:
   struct Options {
     /// Trust the operating system's certificate authorities (OpenSSL's default paths).
@@ -113,6 +115,9 @@ class WebSocketTaskConnectionWrapper final : public Socket {
   /// Writes an empty WebSocket pong frame (an unsolicited pong: a heartbeat the peer need not
   /// answer).
   void sendPong() override;
+  // SocketExecutor
+  /// The network thread's, which this call starts if it had not started yet.
+  boost::asio::any_io_executor executor() override;
 
   const std::vector<std::string>& protocols() const noexcept { return protocols_; }
 

@@ -11,6 +11,7 @@
 #include "ServerClient/Common/SafeText.h"
 #include "ServerClient/Log/ServerLog.h"
 #include "ServerClient/Socket/Model/ErrorCode.h"
+#include "ServerClient/platform/SocketExecutor.h"
 #include "ServerClient/rx/Schedulers.h"
 
 namespace kel {
@@ -33,6 +34,46 @@ const std::exception_ptr& requestTimeoutError() {
 // Frames carry tokens and whatever the server sends: logged without secrets, cut short.
 std::string dumpForLog(const nlohmann::json& json) {
   return displayText(dumpJson(json).value_or("<unprintable>"));
+}
+
+// The "KelSocket" queue on the socket's own network thread, where frames are written and
+// responses read: a send is registered, framed and written after one hand-over from its caller.
+// One thread runs that executor, so work runs one item at a time, in the order posted.
+class SocketThreadScheduler final : public rx::Scheduler {
+ public:
+  explicit SocketThreadScheduler(boost::asio::any_io_executor executor)
+      : executor_(std::move(executor)) {}
+
+  rx::TimePoint now() const override { return std::chrono::steady_clock::now(); }
+  rx::Disposable schedule(std::function<void()> action) override {
+    return rx::detail::postCancellable(executor_, std::move(action));
+  }
+  rx::Disposable scheduleAfter(rx::Duration due, std::function<void()> action) override {
+    return rx::detail::startTimer(executor_, due, std::move(action));
+  }
+
+ private:
+  const boost::asio::any_io_executor executor_;
+};
+
+// The request's frame under another identifier.
+std::optional<std::string> renumberedFrame(const AnyRequest& request, std::int64_t id) noexcept {
+  try {
+    auto wireObject = request.toDictionary();
+    wireObject["id"] = id;
+    return detail::requestFrame(wireObject);
+  } catch (...) {
+    return std::nullopt;
+  }
+}
+
+rx::SchedulerPtr defaultSocketScheduler(platform::Socket& socket) {
+  if (auto* thread = dynamic_cast<platform::SocketExecutor*>(&socket)) {
+    if (auto executor = thread->executor()) {
+      return std::make_shared<SocketThreadScheduler>(std::move(executor));
+    }
+  }
+  return std::make_shared<rx::SerialDispatchQueueScheduler>("KelSocket");
 }
 
 }  // namespace
@@ -105,9 +146,8 @@ KelSocketClient::KelSocketClient(Passkey, std::shared_ptr<platform::Socket> sock
       applicationLifecycle_(options.applicationLifecycle
                                 ? std::move(options.applicationLifecycle)
                                 : platform::ApplicationLifecycle::shared()),
-      socketScheduler_(options.socketScheduler
-                           ? std::move(options.socketScheduler)
-                           : std::make_shared<rx::SerialDispatchQueueScheduler>("KelSocket")) {
+      socketScheduler_(options.socketScheduler ? std::move(options.socketScheduler)
+                                               : defaultSocketScheduler(*socket_)) {
   socketConnector_ = std::make_shared<SocketConnector>(
       socket_, socketEventHandler_, kConnectionTimeout,
       SocketConnector::Options{std::move(options.connectionScheduler),
@@ -123,6 +163,8 @@ KelSocketClient::KelSocketClient(Passkey, std::shared_ptr<platform::Socket> sock
 KelSocketClient::~KelSocketClient() {
   // The subscriptions go first, so that nothing reaches a client half torn down.
   disposeBag_.dispose();
+  // The timer lives on the socket's thread, which ends with the socket.
+  deadlineTimer_.dispose();
 }
 
 SocketState KelSocketClient::currentStatus() const {
@@ -236,6 +278,66 @@ void KelSocketClient::stop(SocketCloseCode reason) {
       break;
   }
   requestStore_.completeObservers();
+  std::lock_guard lock(deadlineMutex_);
+  clearDeadlines();
+}
+
+void KelSocketClient::addDeadline(std::chrono::seconds timeout, const Deadline& deadline) {
+  std::lock_guard lock(deadlineMutex_);
+  auto& queue = deadlines_[timeout];
+  // Most requests are answered long before their deadline: take those off the front as new ones
+  // come, two for one, so that the queue stays about as long as the requests pending.
+  for (int i = 0; i < 2 && !queue.empty() &&
+                  !requestStore_.contains(queue.front().id, queue.front().registration);
+       ++i) {
+    queue.pop_front();
+  }
+  queue.push_back(deadline);
+  if (!deadlineTimerAt_ || deadline.at < *deadlineTimerAt_) armDeadlineTimer(deadline.at);
+}
+
+void KelSocketClient::armDeadlineTimer(rx::TimePoint at) {
+  deadlineTimer_.dispose();
+  deadlineTimerAt_ = at;
+  deadlineTimer_ =
+      socketScheduler_->scheduleAfter(at - socketScheduler_->now(), [weak = weak_from_this()] {
+        if (auto self = weak.lock()) self->expireDeadlines();
+      });
+}
+
+void KelSocketClient::clearDeadlines() {
+  deadlines_.clear();
+  deadlineTimer_.dispose();
+  deadlineTimer_ = {};
+  deadlineTimerAt_.reset();
+}
+
+void KelSocketClient::expireDeadlines() {
+  std::vector<RequestStore<std::int64_t>::Observer> expired;
+  {
+    std::lock_guard lock(deadlineMutex_);
+    deadlineTimer_ = {};
+    deadlineTimerAt_.reset();
+    const auto now = socketScheduler_->now();
+    std::optional<rx::TimePoint> next;
+    for (auto& [timeout, queue] : deadlines_) {
+      while (!queue.empty()) {
+        const auto& front = queue.front();
+        if (front.at <= now) {
+          if (auto observer = requestStore_.removeRequest(front.id, front.registration)) {
+            expired.push_back(std::move(*observer));
+          }
+        } else if (requestStore_.contains(front.id, front.registration)) {
+          if (!next || front.at < *next) next = front.at;
+          break;
+        }
+        queue.pop_front();
+      }
+    }
+    std::erase_if(deadlines_, [](const auto& entry) { return entry.second.empty(); });
+    if (next) armDeadlineTimer(*next);
+  }
+  for (auto& observer : expired) observer.onError(requestTimeoutError());
 }
 
 // send() is the hot path, so its stream is one object per subscription rather than the
@@ -246,9 +348,11 @@ void KelSocketClient::stop(SocketCloseCode reason) {
 //
 // which costs some twenty allocations and as many atomic reference counts per request. The
 // behaviour is the same: the subscription is scheduled on the socket queue; there the frame is
-// made, the request registered and written, and the time-out timer started on the socket
-// scheduler; the first of response, failure, stop and time-out decides, the rest find the
-// request settled; disposing cancels the timer and unregisters the request on the socket queue.
+// made, the request registered with its deadline and written; the first of response, failure,
+// stop and time-out decides, the rest find the request settled; disposing unregisters the
+// request on the socket queue. Rather than a timer per request, the client's one deadline timer
+// times out every registration whose deadline has passed (a request taken out of the store by
+// its response or its disposal no longer has one).
 //
 //   scheduled --run on the socket queue--> registered --a value--> answering
 //       |                                   |      \                  |
@@ -258,8 +362,8 @@ void KelSocketClient::stop(SocketCloseCode reason) {
 //
 // Exactly one outcome reaches the caller: each path moves `state_` out of `registered` with a
 // compare-and-swap and only the winner delivers. A response and stop() reach the request through
-// the store, where it is its own observer; its time-out through its timer. An earlier
-// registration replaced under the same identifier is reached by its time-out only.
+// the store, where it is its own observer, and so does its time-out. A request whose identifier
+// is pending already is sent under a fresh one.
 class KelSocketClient::PendingRequest final : public rx::detail::ObserverBase<Resource>,
                                               public rx::detail::DisposableState,
                                               public std::enable_shared_from_this<PendingRequest> {
@@ -330,39 +434,41 @@ class KelSocketClient::PendingRequest final : public rx::detail::ObserverBase<Re
     if (!frame) {
       return fail(makeError(GenericError(GenericErrorType::encoding(request_->describe()))));
     }
-    request_.reset();  // the frame is all that is left to send
+    const auto drawnID = id_;
     {
       // Registering and a concurrent dispose() are ordered by the lock: either the disposal came
       // first and nothing is registered, or it sees the registration and takes it out again.
       std::lock_guard lock(mutex_);
       if (!advance(State::scheduled, State::registered)) return;
-      registration_ =
-          client->requestStore_.registerRequest(id_, rx::Observer<Resource>(shared_from_this()));
+      // Two pending requests never share an identifier, or the later would take the earlier's
+      // response: while the identifier is pending, draw another (with 10,000 pending, one draw in
+      // some 200,000 meets a pending one).
+      rx::Observer<Resource> self(shared_from_this());
+      auto registration = client->requestStore_.registerRequest(id_, self);
+      while (!registration) {
+        id_ = makeRequestID();
+        registration = client->requestStore_.registerRequest(id_, self);
+      }
+      registration_ = *registration;
     }
+    if (id_ != drawnID) frame = renumberedFrame(*request_, id_);
+    if (!frame) {  // only the number changed, so this cannot fail; were it to, say so
+      auto error = makeError(GenericError(GenericErrorType::encoding(request_->describe())));
+      if (auto self = client->requestStore_.removeRequest(id_, registration_)) {
+        self->onError(std::move(error));
+      }
+      return;
+    }
+    request_.reset();  // the frame is all that is left to send
     // A stop() since send() swept the store before this registration: do what it would have.
     if (client->stopByUser_.load().isStopped) {
       if (auto self = client->requestStore_.removeRequest(id_, registration_)) self->onCompleted();
       return;
     }
+    client->addDeadline(timeout_, {client->socketScheduler_->now() + timeout_, id_, registration_});
     KEL_LOG_DEBUG("send(request:)", "Sending request " + displayText(*frame) +
                                         " from socketID: " + client->socketID_);
     client->socket_->send(std::move(*frame));
-
-    auto timer = client->socketScheduler_->scheduleAfter(
-        timeout_, [self = shared_from_this()] { self->timeOut(); });
-    std::unique_lock lock(mutex_);
-    if (state_.load() == State::done) {
-      lock.unlock();
-      return timer.dispose();
-    }
-    timer_ = std::move(timer);
-  }
-
-  // On the socket queue.
-  void timeOut() {
-    if (!advance(State::registered, State::done)) return;
-    if (auto client = client_.lock()) client->requestStore_.removeRequest(id_, registration_);
-    terminate().onError(requestTimeoutError());
   }
 
   void fail(std::exception_ptr error) {
@@ -381,28 +487,24 @@ class KelSocketClient::PendingRequest final : public rx::detail::ObserverBase<Re
   rx::Observer<Resource> terminate() noexcept {
     rx::Observer<Resource> down;
     rx::Disposable task;
-    rx::Disposable timer;
     {
       std::lock_guard lock(mutex_);
       down = std::exchange(down_, {});
       task = std::exchange(task_, {});
-      timer = std::exchange(timer_, {});
     }
     task.dispose();
-    timer.dispose();
     return down;
   }
 
   const std::weak_ptr<KelSocketClient> client_;
   std::optional<AnyRequest> request_;  // touched only by run()
-  const std::int64_t id_;
+  std::int64_t id_;                    // drawn again in run() while pending, under mutex_
   const std::chrono::seconds timeout_;
   std::atomic<State> state_{State::scheduled};
   RequestStore<std::int64_t>::Registration registration_ = 0;  // written in run() under mutex_
-  std::mutex mutex_;  // guards down_, task_, timer_, and orders registering against disposal
+  std::mutex mutex_;  // guards down_, task_, and orders registering against disposal
   rx::Observer<Resource> down_;
-  rx::Disposable task_;   // the scheduled run()
-  rx::Disposable timer_;  // the time-out
+  rx::Disposable task_;  // the scheduled run()
 };
 
 class KelSocketClient::SendSource final : public rx::detail::Source<Resource> {

@@ -1,8 +1,11 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -28,7 +31,8 @@ namespace kel {
 
 /// What the socket client takes by injection; empty members take their defaults.
 struct KelSocketClientOptions {
-  /// "KelSocket" by default.
+  /// "KelSocket" by default: a queue on the socket's own thread when the socket has one
+  /// (platform::Socket::executor()), otherwise a queue on the shared pool.
   rx::SchedulerPtr socketScheduler{};
   /// The connector's, authenticator's and reconnector's own queues by default.
   rx::SchedulerPtr connectionScheduler{};
@@ -63,10 +67,12 @@ struct KelSocketClientOptions {
 ///
 /// Threads
 /// - "KelSocket" (the socket scheduler) runs each send's subscription: framing, registering,
-///   writing; the request time-outs; and the unregistration of requests cancelled or timed out.
-///   A send crosses to that queue once; its response is delivered on the thread that reports it,
-///   with no further hop.
+///   writing; the request time-outs; and the unregistration of requests cancelled. By default it
+///   runs on the socket's network thread, so a send crosses threads once, and its response is
+///   delivered on that same thread, with no further hop.
 /// - The pending requests live in a RequestStore, a mutex-guarded map ("RequestStore").
+/// - Time-outs: each registration notes its deadline, and one timer per client, on the socket
+///   scheduler, is armed for the nearest one (deadlineMutex_).
 /// - Responses and events are handled on the thread that reports the socket's messages, and a
 ///   response reaches its caller there.
 /// - currentStatus is written by the state subscription only (the event handler publishes one
@@ -107,6 +113,7 @@ class KelSocketClient final : public SocketClient,
   StopByUserState stopByUser() const noexcept { return stopByUser_.load(); }
   /// The identifiers of the requests waiting for their response.
   std::vector<std::int64_t> pendingRequests() const { return requestStore_.all(); }
+  std::size_t pendingCount() const { return requestStore_.count(); }
   const std::shared_ptr<platform::Socket>& socket() const noexcept { return socket_; }
   const std::shared_ptr<SocketReconnector>& socketReconnector() const noexcept {
     return socketReconnector_;
@@ -134,6 +141,21 @@ class KelSocketClient final : public SocketClient,
   class SendSource;
   class PendingRequest;
 
+  using Registration = RequestStore<std::int64_t>::Registration;
+  // When a registration times out.
+  struct Deadline {
+    rx::TimePoint at;
+    std::int64_t id;
+    Registration registration;
+  };
+  // Notes the deadline of a registration just made; on the socket queue.
+  void addDeadline(std::chrono::seconds timeout, const Deadline& deadline);
+  // Times out what is due and arms the timer for what is left; on the socket queue.
+  void expireDeadlines();
+  // Under deadlineMutex_.
+  void armDeadlineTimer(rx::TimePoint at);
+  void clearDeadlines();
+
   mutable std::mutex statusMutex_;  // guards currentStatus_
   SocketState currentStatus_ = SocketState::newSocket();
   std::atomic<SocketState::Kind> currentKind_{SocketState::Kind::newSocket};
@@ -149,6 +171,12 @@ class KelSocketClient final : public SocketClient,
   std::shared_ptr<platform::OvNetworkManager> networkManager_;
   std::shared_ptr<platform::ApplicationLifecycle> applicationLifecycle_;
   rx::SchedulerPtr socketScheduler_;
+  std::mutex deadlineMutex_;  // guards the three members below
+  // Per time-out, in the order of registration, which is the order of their deadlines. Entries of
+  // requests settled since stay until they reach the front.
+  std::map<std::chrono::seconds, std::deque<Deadline>> deadlines_;
+  rx::Disposable deadlineTimer_;
+  std::optional<rx::TimePoint> deadlineTimerAt_;
   std::atomic<StopByUserState> stopByUser_{StopByUserState{}};
   rx::DisposeBag disposeBag_;
 };

@@ -27,9 +27,10 @@ namespace kel {
 /// observer was taken out, and completeObservers() takes them all out first. So an observer may
 /// send a new request, or dispose, from inside its callbacks.
 ///
-/// A registration under a key already present replaces the earlier one, which is then only
-/// reachable by its owner's time-out. Each registration gets a number, so that the owner of a
-/// replaced registration cannot remove its successor.
+/// A key is pending at most once: a registration under a key already present is refused, for the
+/// later request would otherwise take the earlier one's response. Each registration gets a
+/// number, so that the owner of a registration that ended cannot remove a later one under the
+/// same key.
 template <class Key>
 class RequestStore {
  public:
@@ -42,13 +43,17 @@ class RequestStore {
 
   const std::string& label() const noexcept { return label_; }
 
-  /// Registers `observer` under `key`, replacing any earlier registration; returns the
-  /// registration's number.
-  Registration registerRequest(const Key& key, Observer observer) {
+  /// Registers `observer` under `key` and returns the registration's number; nothing when `key`
+  /// is pending already (and `observer` is left as it was).
+  std::optional<Registration> registerRequest(const Key& key, Observer& observer) {
     std::lock_guard lock(queue_);
-    const Registration registration = ++registrations_;
-    requestStore_.insert_or_assign(key, Entry{std::move(observer), registration});
-    return registration;
+    auto [entry, inserted] = requestStore_.try_emplace(key);
+    if (!inserted) return std::nullopt;
+    entry->second = Entry{std::move(observer), ++registrations_};
+    return entry->second.registration;
+  }
+  std::optional<Registration> registerRequest(const Key& key, Observer&& observer) {
+    return registerRequest(key, observer);
   }
 
   /// Takes out the observer registered under `key`, if any.
@@ -110,7 +115,7 @@ class RequestStore {
  private:
   struct Entry {
     Observer observer;
-    Registration registration;
+    Registration registration = 0;
   };
   using Map = std::unordered_map<Key, Entry>;
 

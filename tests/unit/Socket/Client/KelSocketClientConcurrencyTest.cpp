@@ -1,14 +1,19 @@
-// Sends, responses, time-outs, cancellations and a stop racing on real threads and the real
-// queues. The ThreadSanitizer build runs this to prove the client's shared state is guarded.
+// Sends, responses, time-outs, cancellations and a stop racing on real threads, with the socket
+// queue on the socket's own thread as in production. The ThreadSanitizer build runs this to
+// prove the client's shared state is guarded.
 
 #include <gtest/gtest.h>
 
 #include <condition_variable>
 #include <deque>
+#include <future>
 #include <stdexcept>
 #include <thread>
 
-#include "ServerClient/rx/Schedulers.h"
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+
 #include "SocketTestSupport.h"
 
 namespace kel::testing {
@@ -24,13 +29,26 @@ TEST(KelSocketClientConcurrency, SendsResponsesTimeOutsCancelsAndAStopFromSevera
   constexpr int kPerSender = 300;
   constexpr int kTotal = kSenders * kPerSender;
 
-  auto socketScheduler = std::make_shared<rx::SerialDispatchQueueScheduler>("KelSocket");
-  auto socket =
-      std::make_shared<platform::InMemorySocket>(boost::urls::url("wss://kel.test/ws/kel"));
+  // The socket's network thread: the client registers, frames and writes there, and half of
+  // the answers arrive there; the other half come from the server threads themselves.
+  boost::asio::io_context network;
+  auto networkWork = boost::asio::make_work_guard(network);
+  std::thread networkThread([&] { network.run(); });
+  const auto onNetworkThread = [&](auto work) {
+    std::promise<void> done;
+    boost::asio::post(network, [&] {
+      work();
+      done.set_value();
+    });
+    done.get_future().wait();
+  };
+
+  auto socket = std::make_shared<platform::InMemorySocket>(
+      boost::urls::url("wss://kel.test/ws/kel"), std::vector<std::string>{},
+      platform::InMemorySocket::Options{.executor = network.get_executor()});
   auto client = KelSocketClient::create(
       socket, KelSocketEventHandler::create(socket), nullptr, [] { return std::nullopt; }, 3s,
-      {.socketScheduler = socketScheduler,
-       .networkManager = std::make_shared<platform::InMemoryNetworkManager>(),
+      {.networkManager = std::make_shared<platform::InMemoryNetworkManager>(),
        .applicationLifecycle = std::make_shared<platform::ApplicationLifecycle>()});
 
   std::mutex mutex;  // guards frames and framesClosed
@@ -45,7 +63,7 @@ TEST(KelSocketClientConcurrency, SendsResponsesTimeOutsCancelsAndAStopFromSevera
   });
   std::atomic<bool> authenticated{false};
   client->connect("tok").subscribe([&](rx::Unit) { authenticated = true; });
-  ASSERT_TRUE(authenticated);
+  EXPECT_TRUE(authenticated);
 
   std::vector<std::thread> servers;
   for (int i = 0; i < 2; ++i) {
@@ -59,11 +77,18 @@ TEST(KelSocketClientConcurrency, SendsResponsesTimeOutsCancelsAndAStopFromSevera
         lock.unlock();
         auto id = nlohmann::json::parse(frame.substr(1))["id"].get<std::int64_t>();
         if (id % 15 == 5) continue;  // left to its time-out
-        try {
-          socket->receiveMessage(responseFrame(
-              id, {{"status", id % 7 == 0 ? 500 : 200}, {"body", nlohmann::json::array({id})}}));
-        } catch (const std::logic_error&) {
-          // The socket was closed by the stop: a real server's answer would be lost as well.
+        auto answer = [&socket, id] {
+          try {
+            socket->receiveMessage(responseFrame(
+                id, {{"status", id % 7 == 0 ? 500 : 200}, {"body", nlohmann::json::array({id})}}));
+          } catch (const std::logic_error&) {
+            // The socket was closed by the stop: a real server's answer would be lost as well.
+          }
+        };
+        if (id % 2 == 0) {
+          answer();
+        } else {
+          boost::asio::post(network, answer);
         }
       }
     });
@@ -124,8 +149,9 @@ TEST(KelSocketClientConcurrency, SendsResponsesTimeOutsCancelsAndAStopFromSevera
   }
   framesChanged.notify_all();
   for (auto& t : servers) t.join();
-  // Sends subscribed after the stop and removals of cancelled requests run on the socket queue.
-  socketScheduler->queue()->sync([] {});
+  // Answers handed to the network thread, sends subscribed after the stop and removals of
+  // cancelled requests all run there, before this.
+  onNetworkThread([] {});
 
   EXPECT_TRUE(client->pendingRequests().empty());
   EXPECT_EQ(SocketState::disconnected(SocketStateDisconnectedReason::expectedClose),
@@ -140,6 +166,11 @@ TEST(KelSocketClientConcurrency, SendsResponsesTimeOutsCancelsAndAStopFromSevera
   }
   EXPECT_GT(answers, 0);
   EXPECT_GT(timeouts, 0);
+
+  // The client's deadline timer lives on the network thread, which ends after it.
+  client.reset();
+  networkWork.reset();
+  networkThread.join();
 }
 
 }  // namespace

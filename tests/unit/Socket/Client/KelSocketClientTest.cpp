@@ -98,7 +98,45 @@ TEST_F(KelSocketClientTest, ResponsesSettleTheRequestWithTheirIdentifierAndEvent
     }
   }
   EXPECT_TRUE(client_->pendingRequests().empty());
-  EXPECT_EQ(0u, scheduler_->pendingCount()) << "the time-outs were cancelled";
+  // The client's one deadline timer is left, and finds nothing to time out.
+  EXPECT_EQ(1u, scheduler_->pendingCount());
+  scheduler_->advanceBy(20s);
+  EXPECT_EQ(0u, scheduler_->pendingCount());
+}
+
+TEST_F(KelSocketClientTest, EachRequestTimesOutAtItsOwnDeadlineUnlessAnswered) {
+  authenticate();
+  struct Case {
+    std::int64_t id;
+    std::chrono::seconds sentAt, timeout;
+    bool answered;
+  };
+  const std::vector<Case> cases = {
+      {1, 0s, 20s, false}, {2, 1s, 5s, false}, {3, 2s, 5s, true},
+      {4, 3s, 1s, false},  {5, 3s, 20s, true}, {6, 3s, 0s, false},
+  };
+  std::vector<std::shared_ptr<StreamRecorder<Resource>>> records;
+  for (const auto& c : cases) {
+    scheduler_->advanceTo(rx::TestScheduler::at(c.sentAt));
+    records.push_back(send(testRequest(c.id, c.timeout)));
+  }
+  scheduler_->advanceBy(0s);
+  for (const auto& c : cases) {
+    if (c.answered) socket_->receiveMessage(responseFrame(c.id, {{"body", {c.id}}}));
+  }
+  scheduler_->advanceBy(60s);
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    SCOPED_TRACE(cases[i].id);
+    if (cases[i].answered) {
+      EXPECT_TRUE(records[i]->completed());
+      EXPECT_EQ(1u, records[i]->values().size());
+    } else {
+      expectConnectionError(records[i]->error(), ConnectionErrorType::timeout, -1);
+      EXPECT_EQ(rx::TestScheduler::at(cases[i].sentAt + cases[i].timeout), records[i]->at());
+    }
+  }
+  EXPECT_TRUE(client_->pendingRequests().empty());
+  EXPECT_EQ(0u, scheduler_->pendingCount());
 }
 
 TEST_F(KelSocketClientTest, TimedOutAndDisposedRequestsAreUnregisteredAndLateResponsesLogged) {
@@ -139,21 +177,36 @@ TEST_F(KelSocketClientTest, TimedOutAndDisposedRequestsAreUnregisteredAndLateRes
       describeErrorWithSocketFailure(timedOut->error(), client_));
 }
 
-TEST_F(KelSocketClientTest, ALaterRegistrationReplacesAnEarlierOneUnderTheSameIdentifier) {
+TEST_F(KelSocketClientTest, ARequestWhoseIdentifierIsPendingIsSentUnderAFreshOne) {
   authenticate();
-  auto earlier = send(testRequest(9, 5s));
-  scheduler_->advanceBy(1s);
-  auto later = send(testRequest(9, 20s));
+  auto earlier = send(testRequest(9));
+  auto later = send(testRequest(9));
   scheduler_->advanceBy(0s);
   ASSERT_EQ(2u, requestFrames().size());
-  // The earlier caller's time-out must not take the later registration with it.
-  scheduler_->advanceBy(5s);
-  ASSERT_TRUE(earlier->error());
-  EXPECT_EQ(std::vector<std::int64_t>{9}, client_->pendingRequests());
+  EXPECT_EQ(*testRequest(9).toMessage(), requestFrames()[0]);
+  const auto redrawn =
+      nlohmann::json::parse(requestFrames()[1].substr(1))["id"].get<std::int64_t>();
+  EXPECT_NE(9, redrawn);
+  EXPECT_EQ(*testRequest(redrawn).toMessage(), requestFrames()[1]) << "only the identifier changed";
+
+  // Each answer reaches its own caller, whatever the order.
+  socket_->receiveMessage(responseFrame(redrawn, {{"body", {2}}}));
   socket_->receiveMessage(responseFrame(9, {{"body", {1}}}));
-  EXPECT_EQ((std::vector{Resource{"9", "[1]"}}), later->values());
-  EXPECT_TRUE(later->completed());
-  EXPECT_TRUE(earlier->values().empty());
+  EXPECT_EQ((std::vector{Resource{"9", "[1]"}}), earlier->values());
+  EXPECT_EQ((std::vector{Resource{std::to_string(redrawn), "[2]"}}), later->values());
+
+  // Once answered, an identifier is free again; and the removal of a cancelled request, still
+  // on its way, leaves a later request under the same identifier alone.
+  auto cancelled = send(testRequest(4));
+  scheduler_->advanceBy(0s);
+  auto successor = send(testRequest(4));
+  cancelled->dispose();
+  socket_->receiveMessage(responseFrame(4));
+  scheduler_->advanceBy(0s);
+  EXPECT_EQ(*testRequest(4).toMessage(), requestFrames().back());
+  socket_->receiveMessage(responseFrame(4, {{"body", {4}}}));
+  EXPECT_EQ((std::vector{Resource{"4", "[4]"}}), successor->values());
+  EXPECT_TRUE(cancelled->values().empty());
 }
 
 TEST_F(KelSocketClientTest, OnlyALostConnectionWithATokenStartsAReconnectionUntilAStop) {
