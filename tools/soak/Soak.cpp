@@ -52,13 +52,15 @@ struct Tally {
   std::atomic<std::uint64_t> timedOut{0};
   std::atomic<std::uint64_t> completedByStop{0};  // ended without answer: the socket was stopped
   std::atomic<std::uint64_t> noSocket{0};         // refused at once: no authenticated socket
+  std::atomic<std::uint64_t> undecodable{0};      // a malformed answer
   std::atomic<std::uint64_t> otherError{0};
   std::atomic<std::uint64_t> reconnections{0};
   std::atomic<std::uint64_t> signIns{0};
   std::atomic<std::uint64_t> faults{0};
 
   std::uint64_t completed() const {
-    return answered + refusedByServer + timedOut + completedByStop + noSocket + otherError;
+    return answered + refusedByServer + timedOut + completedByStop + noSocket + undecodable +
+           otherError;
   }
 };
 
@@ -80,8 +82,17 @@ Resources resources() {
 void classify(Tally& tally, const std::exception_ptr& error) {
   using kel::ConnectionError;
   using kel::ConnectionErrorType;
+  using kel::GenericError;
+  using kel::GenericErrorType;
+  const auto* generic = kel::errorAs<GenericError>(error);
+  if (generic && generic->type().kind() == GenericErrorType::Kind::underlying &&
+      generic->type().underlyingError()) {
+    return classify(tally, generic->type().underlyingError());
+  }
   if (kel::errorAs<kel::rx::NoElementsError>(error)) {
     ++tally.completedByStop;
+  } else if (generic && generic->type().kind() == GenericErrorType::Kind::decoding) {
+    ++tally.undecodable;
   } else if (const auto* connection = kel::errorAs<ConnectionError>(error)) {
     if (connection->type() == ConnectionErrorType::timeout && connection->code() == -1) {
       ++tally.timedOut;
@@ -140,8 +151,16 @@ class Soak {
     const auto end = Clock::now() + duration_;
     auto nextFault = Clock::now() + 2s;
     Clock::time_point notConnectedSince{};  // {}: connected
+    auto nextSample = Clock::now() + 60s;
     while (Clock::now() < end) {
       std::this_thread::sleep_for(200ms);
+      if (Clock::now() >= nextSample) {
+        nextSample += 60s;
+        const auto now = resources();
+        say("heap " + std::to_string(now.heapBytes / 1024) + " KiB, threads " +
+            std::to_string(now.threads) + ", requests sent " + std::to_string(tally_.sent) +
+            ", completed " + std::to_string(tally_.completed()));
+      }
       keepSignedIn(notConnectedSince);
       if (Clock::now() >= nextFault) {
         injectFault();
@@ -187,6 +206,7 @@ class Soak {
   bool signIn() {
     ++tally_.signIns;
     needsSignIn_ = false;
+    const auto previous = token();
     auto outcome = std::make_shared<std::promise<std::exception_ptr>>();
     auto future = outcome->get_future();
     auto subscription =
@@ -202,6 +222,9 @@ class Soak {
       say("sign-in failed: " + kel::describeError(error));
       return false;
     }
+    // The server forgets the session the client gave up, as a real one would once it expired,
+    // so that the emulator's own state does not pass for the client's growth.
+    if (previous && previous != token()) emulator_->endSession(*previous);
     return true;
   }
 
@@ -313,6 +336,7 @@ class Soak {
         << "  timed out                " << tally_.timedOut << "\n"
         << "  completed by stop        " << tally_.completedByStop << "\n"
         << "  refused, no socket       " << tally_.noSocket << "\n"
+        << "  undecodable answers      " << tally_.undecodable << "\n"
         << "  other errors             " << tally_.otherError << "\n"
         << "  never completed          " << never << (never == 0 ? "" : "   FAIL") << "\n"
         << "  reconnections            " << tally_.reconnections << "\n"
