@@ -7,14 +7,21 @@
 //
 // Exit status 0 when every request completed one way or another and neither the heap nor the
 // thread count grew between the start (after a warm-up) and the end (after a cool-down).
+//
+// The emulator runs in a child process, which also injects the faults, so that the heap and the
+// threads measured are the client's alone.
 
 #include <malloc.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <future>
 #include <iostream>
 #include <mutex>
@@ -56,7 +63,6 @@ struct Tally {
   std::atomic<std::uint64_t> otherError{0};
   std::atomic<std::uint64_t> reconnections{0};
   std::atomic<std::uint64_t> signIns{0};
-  std::atomic<std::uint64_t> faults{0};
 
   std::uint64_t completed() const {
     return answered + refusedByServer + timedOut + completedByStop + noSocket + undecodable +
@@ -106,24 +112,133 @@ void classify(Tally& tally, const std::exception_ptr& error) {
   }
 }
 
-class Soak {
+// The child process: the emulator, and the faults until told to calm down.
+class FaultyServer {
  public:
-  Soak(double minutes, double rate, unsigned seed)
-      : duration_(std::chrono::duration_cast<Clock::duration>(
-            std::chrono::duration<double>(minutes * 60.0))),
-        period_(
-            std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(1.0 / rate))),
-        random_(seed) {}
+  explicit FaultyServer(unsigned seed) : emulator_(options()), random_(seed) {
+    emulator_.addAccount(kel::emulator::defaultAccount(kUser, kSignInToken));
+  }
 
-  int run() {
+  kel::emulator::Urls start() { return emulator_.start(); }
+
+  // Commands, one byte each: 'f' starts the faults, 'c' clears them, 'q' (or the parent gone)
+  // ends. Returns the number of faults injected.
+  std::uint64_t serve(int commands) {
+    bool faulty = false;
+    auto nextFault = Clock::now();
+    for (;;) {
+      pollfd in{commands, POLLIN, 0};
+      if (::poll(&in, 1, 200) > 0) {
+        char command = 'q';
+        if (::read(commands, &command, 1) != 1) command = 'q';
+        if (command == 'q') break;
+        faulty = command == 'f';
+        if (!faulty) {
+          emulator_.clearFaults();
+          emulator_.acceptConnections();
+        }
+        nextFault = Clock::now() + 2s;
+      }
+      if (faulty && Clock::now() >= nextFault) {
+        injectFault();
+        nextFault = Clock::now() + std::chrono::milliseconds(pick(500, 4000));
+      }
+    }
+    emulator_.stop();
+    return faults_;
+  }
+
+ private:
+  static kel::emulator::Options options() {
     kel::emulator::Options options;
     options.pingPeriod = 5s;
-    options.recordFrames = false;  // the report measures the client, not the emulator's logs
+    options.recordFrames = false;
     options.signInAttemptLimit = 0;
-    emulator_ = std::make_unique<Emulator>(options);
-    emulator_->addAccount(kel::emulator::defaultAccount(kUser, kSignInToken));
-    const auto urls = emulator_->start();
+    return options;
+  }
 
+  int pick(int low, int high) { return std::uniform_int_distribution<int>(low, high)(random_); }
+
+  // The session of the newest authenticated socket.
+  std::optional<std::string> token() const {
+    std::optional<std::string> newest;
+    for (const auto& socket : emulator_.sockets()) {
+      if (socket.open && socket.authenticated) newest = socket.sessionToken;
+    }
+    return newest;
+  }
+
+  void injectFault() {
+    ++faults_;
+    using kel::emulator::DropMode;
+    using kel::emulator::Malformed;
+    switch (pick(0, 10)) {
+      case 0:
+        emulator_.dropSockets(Recipients::all(), DropMode::reset);
+        break;
+      case 1:
+        emulator_.dropSockets(Recipients::all(), DropMode::finish);
+        break;
+      case 2:
+        emulator_.faultNextRequests(static_cast<std::size_t>(pick(1, 10)),
+                                    Fault::delay(std::chrono::milliseconds(pick(50, 3000))));
+        break;
+      case 3:
+        emulator_.faultNextRequests(static_cast<std::size_t>(pick(1, 3)), Fault::withhold());
+        break;
+      case 4: {
+        const Malformed kinds[] = {Malformed::notJson, Malformed::bareThree,   Malformed::list,
+                                   Malformed::scalar,  Malformed::stringId,    Malformed::binary,
+                                   Malformed::empty,   Malformed::invalidUtf8, Malformed::huge};
+        emulator_.sendMalformed(Recipients::all(), kinds[pick(0, 8)]);
+        break;
+      }
+      case 5:
+        emulator_.faultNextRequests(
+            1, Fault::malformedResponse(pick(0, 1) ? Malformed::notJson : Malformed::list));
+        break;
+      case 6:
+        emulator_.faultNextRequests(static_cast<std::size_t>(pick(1, 5)), Fault::status(500));
+        break;
+      case 7:
+        emulator_.faultNextRequests(1, Fault::dropSocket());
+        break;
+      case 8:
+        // The session expires and the socket drops: reconnecting with it is refused until the
+        // soak signs in again.
+        if (const auto current = token()) {
+          emulator_.expireSession(*current);
+          emulator_.dropSockets(Recipients::all(), DropMode::reset);
+        }
+        break;
+      case 9:
+        // The server ends the session: the facade asks for a new one.
+        if (const auto current = token()) emulator_.endSession(*current);
+        break;
+      case 10:
+        emulator_.refuseConnections(std::chrono::milliseconds(pick(500, 5000)));
+        emulator_.dropSockets(Recipients::all(), DropMode::reset);
+        break;
+    }
+  }
+
+  Emulator emulator_;
+  std::mt19937 random_;
+  std::uint64_t faults_ = 0;
+};
+
+class Soak {
+ public:
+  Soak(kel::emulator::Urls urls, int server, double minutes, double rate)
+      : urls_(std::move(urls)),
+        server_fd_(server),
+        duration_(std::chrono::duration_cast<Clock::duration>(
+            std::chrono::duration<double>(minutes * 60.0))),
+        period_(std::chrono::duration_cast<Clock::duration>(
+            std::chrono::duration<double>(1.0 / rate))) {}
+
+  int run() {
+    const auto& urls = urls_;
     KelServer::Options facadeOptions;
     facadeOptions.keychain = std::make_shared<kel::platform::InMemoryKeychain>();
     facadeOptions.userDefaults = std::make_shared<kel::platform::InMemoryUserDefaults>();
@@ -149,7 +264,7 @@ class Soak {
     say("faults for " +
         std::to_string(std::chrono::duration_cast<std::chrono::seconds>(duration_).count()) + " s");
     const auto end = Clock::now() + duration_;
-    auto nextFault = Clock::now() + 2s;
+    tell('f');
     Clock::time_point notConnectedSince{};  // {}: connected
     auto nextSample = Clock::now() + 60s;
     while (Clock::now() < end) {
@@ -162,15 +277,10 @@ class Soak {
             ", completed " + std::to_string(tally_.completed()));
       }
       keepSignedIn(notConnectedSince);
-      if (Clock::now() >= nextFault) {
-        injectFault();
-        nextFault = Clock::now() + std::chrono::milliseconds(pick(500, 4000));
-      }
     }
 
     say("cool-down: faults cleared, load goes on");
-    emulator_->clearFaults();
-    emulator_->acceptConnections();
+    tell('c');
     const auto settled = Clock::now() + 60s;
     while (Clock::now() < settled && !isConnected()) {
       keepSignedIn(notConnectedSince);
@@ -191,13 +301,15 @@ class Soak {
     std::this_thread::sleep_for(2s);
     states.dispose();
     ended.dispose();
-    return report(start, finish);
+    return report(start, finish, faults_());
   }
 
  private:
   static void say(const std::string& text) { std::cerr << "soak: " << text << std::endl; }
 
-  int pick(int low, int high) { return std::uniform_int_distribution<int>(low, high)(random_); }
+  void tell(char command) const {
+    if (::write(server_fd_, &command, 1) != 1) say("the emulator's process is gone");
+  }
 
   bool isConnected() const {
     return server_->sessionState()->currentState().value() == KelServer::State::connected;
@@ -206,7 +318,6 @@ class Soak {
   bool signIn() {
     ++tally_.signIns;
     needsSignIn_ = false;
-    const auto previous = token();
     auto outcome = std::make_shared<std::promise<std::exception_ptr>>();
     auto future = outcome->get_future();
     auto subscription =
@@ -222,9 +333,6 @@ class Soak {
       say("sign-in failed: " + kel::describeError(error));
       return false;
     }
-    // The server forgets the session the client gave up, as a real one would once it expired,
-    // so that the emulator's own state does not pass for the client's growth.
-    if (previous && previous != token()) emulator_->endSession(*previous);
     return true;
   }
 
@@ -258,69 +366,7 @@ class Soak {
     }
   }
 
-  std::optional<std::string> token() const {
-    try {
-      if (auto session = server_->userSession().value()) return session->token;
-    } catch (...) {
-    }
-    return std::nullopt;
-  }
-
-  void injectFault() {
-    ++tally_.faults;
-    using kel::emulator::DropMode;
-    using kel::emulator::Malformed;
-    switch (pick(0, 10)) {
-      case 0:
-        emulator_->dropSockets(Recipients::all(), DropMode::reset);
-        break;
-      case 1:
-        emulator_->dropSockets(Recipients::all(), DropMode::finish);
-        break;
-      case 2:
-        emulator_->faultNextRequests(static_cast<std::size_t>(pick(1, 10)),
-                                     Fault::delay(std::chrono::milliseconds(pick(50, 3000))));
-        break;
-      case 3:
-        emulator_->faultNextRequests(static_cast<std::size_t>(pick(1, 3)), Fault::withhold());
-        break;
-      case 4: {
-        const Malformed kinds[] = {Malformed::notJson, Malformed::bareThree,   Malformed::list,
-                                   Malformed::scalar,  Malformed::stringId,    Malformed::binary,
-                                   Malformed::empty,   Malformed::invalidUtf8, Malformed::huge};
-        emulator_->sendMalformed(Recipients::all(), kinds[pick(0, 8)]);
-        break;
-      }
-      case 5:
-        emulator_->faultNextRequests(
-            1, Fault::malformedResponse(pick(0, 1) ? Malformed::notJson : Malformed::list));
-        break;
-      case 6:
-        emulator_->faultNextRequests(static_cast<std::size_t>(pick(1, 5)), Fault::status(500));
-        break;
-      case 7:
-        emulator_->faultNextRequests(1, Fault::dropSocket());
-        break;
-      case 8:
-        // The session expires and the socket drops: reconnecting with it is refused until the
-        // soak signs in again.
-        if (const auto current = token()) {
-          emulator_->expireSession(*current);
-          emulator_->dropSockets(Recipients::all(), DropMode::reset);
-        }
-        break;
-      case 9:
-        // The server ends the session: the facade asks for a new one.
-        if (const auto current = token()) emulator_->endSession(*current);
-        break;
-      case 10:
-        emulator_->refuseConnections(std::chrono::milliseconds(pick(500, 5000)));
-        emulator_->dropSockets(Recipients::all(), DropMode::reset);
-        break;
-    }
-  }
-
-  int report(const Resources& start, const Resources& end) const {
+  int report(const Resources& start, const Resources& end, std::uint64_t faults) const {
     const auto never = tally_.sent - tally_.completed();
     const long heapGrowthKiB =
         (static_cast<long>(end.heapBytes) - static_cast<long>(start.heapBytes)) / 1024;
@@ -329,7 +375,7 @@ class Soak {
     const bool threadsOk = end.threads <= start.threads;
     std::ostringstream out;
     out << "soak report (" << std::chrono::duration_cast<std::chrono::seconds>(duration_).count()
-        << " s of faults, " << tally_.faults << " faults injected)\n"
+        << " s of faults, " << faults << " faults injected)\n"
         << "  requests sent            " << tally_.sent << "\n"
         << "  answered                 " << tally_.answered << "\n"
         << "  refused by the server    " << tally_.refusedByServer << "\n"
@@ -349,10 +395,16 @@ class Soak {
     return never == 0 && heapOk && threadsOk ? 0 : 1;
   }
 
+  std::function<std::uint64_t()> faults_;  // ends the emulator's process, returns its faults
+
+ public:
+  void onFinish(std::function<std::uint64_t()> faults) { faults_ = std::move(faults); }
+
+ private:
+  const kel::emulator::Urls urls_;
+  const int server_fd_;  // commands to the emulator's process
   const Clock::duration duration_;
   const Clock::duration period_;
-  std::mt19937 random_;
-  std::unique_ptr<Emulator> emulator_;
   std::shared_ptr<KelServer> server_;
   Tally tally_;
   std::atomic<bool> connectedOnce_{false};
@@ -380,5 +432,44 @@ int main(int argc, char** argv) {
     return 2;
   }
   std::cerr << "soak: seed " << seed << ", " << rate << " requests/s\n";
-  return Soak(minutes, rate, seed).run();
+
+  // Forked before either side starts a thread.
+  int commands[2];
+  int answers[2];
+  if (::pipe(commands) != 0 || ::pipe(answers) != 0) return 2;
+  const pid_t child = ::fork();
+  if (child < 0) return 2;
+  if (child == 0) {
+    ::close(commands[1]);
+    ::close(answers[0]);
+    FaultyServer server(seed);
+    const auto urls = server.start();
+    const std::string line = urls.kelURL + " " + urls.socketURL + " " + std::to_string(urls.port);
+    if (::write(answers[1], line.data(), line.size()) < 0 || ::write(answers[1], "\n", 1) < 0) {
+      ::_exit(2);
+    }
+    const auto faults = server.serve(commands[0]);
+    if (::write(answers[1], &faults, sizeof faults) < 0) ::_exit(2);
+    ::_exit(0);
+  }
+  ::close(commands[0]);
+  ::close(answers[1]);
+  std::string line;
+  for (char c = 0; ::read(answers[0], &c, 1) == 1 && c != '\n';) line += c;
+  kel::emulator::Urls urls;
+  std::istringstream(line) >> urls.kelURL >> urls.socketURL >> urls.port;
+  if (urls.kelURL.empty()) return 2;
+
+  Soak soak(urls, commands[1], minutes, rate);
+  soak.onFinish([&] {
+    const char quit = 'q';
+    std::uint64_t faults = 0;
+    if (::write(commands[1], &quit, 1) != 1 ||
+        ::read(answers[0], &faults, sizeof faults) != sizeof faults) {
+      faults = 0;
+    }
+    ::waitpid(child, nullptr, 0);
+    return faults;
+  });
+  return soak.run();
 }
