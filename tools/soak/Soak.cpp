@@ -141,7 +141,7 @@ class FaultyServer {
       }
       if (faulty && Clock::now() >= nextFault) {
         injectFault();
-        nextFault = Clock::now() + std::chrono::milliseconds(pick(500, 4000));
+        nextFault = Clock::now() + std::chrono::milliseconds(pick(1000, 6000));
       }
     }
     emulator_.stop();
@@ -337,14 +337,14 @@ class Soak {
   }
 
   // Signs in again when the server ended the session, or when the facade has not been connected
-  // for 15 s (an expired session keeps the reconnection failing).
+  // for 8 s (an expired session keeps the reconnection failing).
   void keepSignedIn(Clock::time_point& notConnectedSince) {
     if (isConnected() && !needsSignIn_) {
       notConnectedSince = {};
       return;
     }
     if (notConnectedSince == Clock::time_point{}) notConnectedSince = Clock::now();
-    if (needsSignIn_ || Clock::now() - notConnectedSince > 15s) {
+    if (needsSignIn_ || Clock::now() - notConnectedSince > 8s) {
       signIn();
       notConnectedSince = {};
     }
