@@ -64,9 +64,9 @@
 
 #include <boost/url/url.hpp>
 
+#include "ServerClient/platform/CertificatePins.h"
 #include "ServerClient/platform/HTTPCookieStorage.h"
 #include "ServerClient/platform/Socket.h"
-#include "ServerClient/platform/TlsClientContext.h"
 
 namespace kel::platform {
 
