@@ -134,6 +134,7 @@ TestCertificates::TestCertificates() {
                  key.get());
   };
   localhost_ = leafFor({"localhost", kLoopbackNames}, false);
+  localhostRotated_ = leafFor({"localhost", kLoopbackNames}, false);
   wrongHost_ = leafFor({"wrong-host.invalid", "DNS:wrong-host.invalid"}, false);
   expired_ = leafFor({"localhost", kLoopbackNames, false, -30 * 86400, -86400}, false);
   selfSigned_ = leafFor({"localhost", kLoopbackNames}, true);

@@ -26,6 +26,8 @@ class TestCertificates {
   /// The authority that signs every leaf but selfSigned().
   const std::string& caCertificatePem() const noexcept { return ca_.certificatePem; }
   const CertifiedKey& localhost() const noexcept { return localhost_; }
+  /// Like localhost(), with a key of its own: the server's next key after a rotation.
+  const CertifiedKey& localhostRotated() const noexcept { return localhostRotated_; }
   /// Names only "wrong-host.invalid".
   const CertifiedKey& wrongHost() const noexcept { return wrongHost_; }
   /// Expired yesterday.
@@ -35,7 +37,7 @@ class TestCertificates {
  private:
   TestCertificates();
 
-  CertifiedKey ca_, localhost_, wrongHost_, expired_, selfSigned_;
+  CertifiedKey ca_, localhost_, localhostRotated_, wrongHost_, expired_, selfSigned_;
 };
 
 /// A file with the given contents in the system's temporary directory, removed on destruction.

@@ -1,5 +1,6 @@
 #include "ServerClient/Client/KelServer.h"
 
+#include <stdexcept>
 #include <utility>
 
 #include <boost/url/scheme.hpp>
@@ -29,6 +30,7 @@
 #include "ServerClient/Utils/RepeatBehavior.h"
 #include "ServerClient/XMPP/Event/IndividualChatListEventHandler.h"
 #include "ServerClient/XMPP/Service/XMPPService.h"
+#include "ServerClient/platform/WebSocketTaskConnectionWrapper.h"
 #include "ServerClient/rx/Schedulers.h"
 
 namespace kel {
@@ -39,6 +41,11 @@ using Domain = ServiceProvider::Domain;
 
 GenericError socketURLError(const boost::urls::url& socketURL) {
   return GenericError(GenericErrorType::invalidURL(std::string(socketURL.buffer())), "");
+}
+
+bool isDefault(const platform::TlsTrust& trust) {
+  return trust.useSystemTrustStore && trust.extraCertificateAuthoritiesPem.empty() &&
+         trust.extraCertificateAuthoritiesFile.empty() && trust.pins.empty();
 }
 
 }  // namespace
@@ -84,8 +91,27 @@ KelServer::KelServer(Passkey, boost::urls::url kelURL, boost::urls::url socketUR
     options_.applicationLifecycle = platform::ApplicationLifecycle::shared();
   }
   if (!options_.deviceInfo) options_.deviceInfo = AuthService::systemDeviceInfo();
-  if (!options_.httpClient) options_.httpClient = AuthService::sharedHTTPClient();
   auto socketPlatform = options_.socketPlatform.value_or(SocketBuilder::Platform::system());
+  if (const auto& trust = options_.trust; !isDefault(trust)) {
+    if (options_.httpClient || (options_.socketPlatform && options_.socketPlatform->makeSocket)) {
+      throw std::invalid_argument(
+          "KelServerOptions::trust applies to the facade's own adapters: leave httpClient and "
+          "socketPlatform->makeSocket empty, or set the trust in the adapters given");
+    }
+    options_.httpClient = std::make_shared<platform::BeastHTTPClient>(
+        platform::BeastHTTPClient::Options{.trust = trust});
+    socketPlatform.makeSocket = [trust](const boost::urls::url& url,
+                                        std::vector<std::string> protocols) {
+      platform::WebSocketTaskConnectionWrapper::Options socketOptions;
+      socketOptions.useSystemTrustStore = trust.useSystemTrustStore;
+      socketOptions.extraCertificateAuthoritiesPem = trust.extraCertificateAuthoritiesPem;
+      socketOptions.extraCertificateAuthoritiesFile = trust.extraCertificateAuthoritiesFile;
+      socketOptions.pins = trust.pins;
+      return std::make_shared<platform::WebSocketTaskConnectionWrapper>(url, std::move(protocols),
+                                                                        std::move(socketOptions));
+    };
+  }
+  if (!options_.httpClient) options_.httpClient = AuthService::sharedHTTPClient();
   if (!socketPlatform.clientOptions.applicationLifecycle) {
     socketPlatform.clientOptions.applicationLifecycle = options_.applicationLifecycle;
   }
@@ -517,6 +543,8 @@ rx::Single<AuthenticationData> KelServer::restoreSession(bool shouldCheckBackgro
     if (auto self = weak.lock()) {
       const auto* auth = errorAs<AuthError>(error);
       if (auth && rawValue(auth->type()) == "Wrong credentials") {
+        decision = false;
+      } else if (isCertificatePinMismatch(error)) {
         decision = false;
       } else {
         decision = self->sessionState_->currentState().value() != State::disconnectedBackground;

@@ -98,6 +98,15 @@ struct KelServerOptions {
   std::shared_ptr<const platform::DeviceInfo> deviceInfo{};
   /// The socket's platform: the Beast WebSocket, shared cookies, netlink reachability.
   std::optional<SocketBuilder::Platform> socketPlatform{};
+  /// What the HTTPS sign-in and the WSS sockets that the facade makes trust: the system's
+  /// authorities by default, further authorities, and pinned server keys (TlsTrust::pins, with
+  /// backup pins for a key rotation), the same for both. A pin mismatch fails sign-in and restore
+  /// with a GenericError whose underlying error names the server and says the pin did not match;
+  /// neither restore nor the socket's reconnection retries it. Set only with the facade's own
+  /// adapters: create() throws std::invalid_argument when this differs from the default while
+  /// httpClient or socketPlatform->makeSocket is given, so that no pin is ever silently ignored,
+  /// and for an authority or pin that cannot be read.
+  platform::TlsTrust trust{};
   /// The period of reconnection attempts after a lost connection.
   rx::Duration reconnectionAttempt = kReconnectionAttempt;
   /// Allows a clear-text socket (ws://) beside a TLS sign-in (https://). Off: such a pair of URLs

@@ -1,5 +1,6 @@
 #include "ServerClient/Socket/SocketConnector.h"
 
+#include <atomic>
 #include <string>
 #include <utility>
 
@@ -7,6 +8,8 @@
 
 #include "ServerClient/Common/SDKError.h"
 #include "ServerClient/Log/ServerLog.h"
+#include "ServerClient/platform/HTTPClient.h"
+#include "ServerClient/platform/TlsClientContext.h"
 #include "ServerClient/rx/Schedulers.h"
 
 namespace kel {
@@ -28,6 +31,16 @@ rx::Observable<rx::Unit> firstState(const rx::Observable<SocketState>& states,
 }
 
 }  // namespace detail
+
+bool isCertificatePinMismatch(const std::exception_ptr& error) {
+  if (errorAs<platform::CertificatePinMismatch>(error)) return true;
+  if (const auto* http = errorAs<platform::HTTPClientError>(error)) {
+    return http->kind() == platform::HTTPClientError::Kind::pinMismatch;
+  }
+  const auto* generic = errorAs<GenericError>(error);
+  return generic && generic->type().underlyingError() &&
+         isCertificatePinMismatch(generic->type().underlyingError());
+}
 
 namespace {
 
@@ -55,8 +68,9 @@ SocketConnector::SocketConnector(std::shared_ptr<platform::Socket> socket,
 rx::Single<rx::Unit> SocketConnector::connect() const {
   // Everything the attempt needs is copied in, so an attempt in flight does not depend on the
   // connector's lifetime.
-  auto attempt = [socket = socket_, states = eventHandler_->stateEventPublisher(),
-                  cookieHeaders = cookieHeaders_, timeout = connectionTimeout_,
+  auto attempt = [socket = socket_, handler = eventHandler_,
+                  states = eventHandler_->stateEventPublisher(), cookieHeaders = cookieHeaders_,
+                  timeout = connectionTimeout_,
                   scheduler = connectionScheduler_](rx::Observer<rx::Unit> observer) {
     const std::string httpsText = replaceAll(std::string(socket->url().buffer()), "wss", "https");
     auto https = boost::urls::parse_absolute_uri(httpsText);
@@ -74,9 +88,28 @@ rx::Single<rx::Unit> SocketConnector::connect() const {
       }
     }
     KEL_LOG_DEBUG("connect()", "Trying to connect socket");
+    // Only a close of this attempt counts, not the state the subject replays on subscription.
+    auto started = std::make_shared<std::atomic<bool>>(false);
+    auto refused =
+        states
+            .filter([handler, started](const SocketState& state) {
+              if (!started->load() || state.kind() != SocketState::Kind::disconnected) return false;
+              const auto failure = handler->lastFailure();
+              return failure && failure->pinMismatch;
+            })
+            .take(1)
+            .flatMap([handler](const SocketState&) {
+              const auto failure = handler->lastFailure();
+              auto cause = std::make_exception_ptr(
+                  platform::CertificatePinMismatch(failure ? failure->text : "pin mismatch"));
+              return rx::Observable<rx::Unit>::error(
+                  makeError(GenericError(GenericErrorType::underlying(std::move(cause)))));
+            });
     auto wait = detail::firstState(states, SocketState::Kind::connected)
                     .amb(detail::timeoutFailure(timeout, scheduler))
+                    .amb(refused)
                     .subscribe(observer);
+    started->store(true);
     socket->connect();
     return wait;
   };

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -43,7 +44,9 @@ struct SocketConnectorOptions {
 ///     for it, those for the https URL, on the socket's upgrade request;
 ///  3. logs "Trying to connect socket" and calls socket.connect();
 ///  4. succeeds with one element at the first `connected` state of the event handler (its current
-///     state counts), or fails with ConnectionError(timeout, -1) after `connectionTimeout`.
+///     state counts), or fails with ConnectionError(timeout, -1) after `connectionTimeout`, or at
+///     once with GenericError(underlying(CertificatePinMismatch)) when the socket closes because
+///     the server's key is not pinned (waiting could only end in the time-out).
 /// The state stream is watched before the socket is asked to connect, so an open that is
 /// reported at once is not missed. Disposing stops the wait; the socket is not closed.
 class SocketConnector {
@@ -65,6 +68,10 @@ class SocketConnector {
   rx::SchedulerPtr connectionScheduler_;
   CookieHeaderProvider cookieHeaders_;
 };
+
+/// True for a failure that a certificate pin mismatch caused, as such or as the underlying error
+/// of a GenericError: the connector's, or the HTTP client's pinMismatch. Retrying cannot help.
+bool isCertificatePinMismatch(const std::exception_ptr& error);
 
 namespace detail {
 /// An observable that fails with ConnectionError(timeout, -1, "") `after` the subscription, on

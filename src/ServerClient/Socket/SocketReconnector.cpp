@@ -83,8 +83,12 @@ void SocketReconnector::launchReconnection(std::string token) {
       self->finish(number);
       return rx::Observable<rx::Unit>::empty();
     }
+    // A refused key ends the reconnection: every further attempt would be refused the same way.
     return self->socketConnector_->connect().asObservable().catchError(
-        [](std::exception_ptr) { return rx::Observable<rx::Unit>::empty(); });
+        [](std::exception_ptr error) {
+          if (isCertificatePinMismatch(error)) return rx::Observable<rx::Unit>::error(error);
+          return rx::Observable<rx::Unit>::empty();
+        });
   });
   reconnection.set(attempts.take(1).subscribe(
       [weak, number, token = std::move(token)](rx::Unit) {
@@ -93,7 +97,12 @@ void SocketReconnector::launchReconnection(std::string token) {
           self->authenticate(token);
         }
       },
-      {}, {},
+      [weak, number](std::exception_ptr error) {
+        KEL_LOG_ERROR("launchReconnection(token:)",
+                      "Reconnection stopped: " + describeError(error));
+        if (auto self = weak.lock()) self->finish(number);
+      },
+      {},
       [weak, number] {
         if (auto self = weak.lock()) self->finish(number);
       }));

@@ -36,8 +36,10 @@ struct SocketReconnectorOptions {
 ///                                                       idle once the attempts in flight ended
 ///
 /// The first tick comes one period after the launch. A launch while reconnecting does nothing.
-/// Failed attempts are swallowed; a failed authentication is logged and otherwise dropped (the
-/// socket stays connected, and a later loss starts a new reconnection).
+/// Failed attempts are swallowed, except one refused for a certificate pin mismatch: that one is
+/// logged as an error and ends the reconnection (idle), since no later attempt can pass. A failed
+/// authentication is logged and otherwise dropped (the socket stays connected, and a later loss
+/// starts a new reconnection).
 ///
 /// Threads: launchReconnection() runs on the caller's thread (the socket client's state
 /// subscription), the pulse and the attempts' continuations on the reconnection scheduler and

@@ -235,11 +235,13 @@ class ExchangeOver final : public Exchange {
     if (done_) return;
     if (ec) {
       std::string what = "the TLS handshake";
+      auto kind = Kind::tlsFailure;
       if constexpr (Tls) {
         const auto why = certificateVerificationFailure(stream_.native_handle());
         if (!why.empty()) what += ": " + why;
+        if (isCertificatePinMismatch(stream_.native_handle())) kind = Kind::pinMismatch;
       }
-      return fail(Kind::tlsFailure, ec, what);
+      return fail(kind, ec, what);
     }
     write();
   }

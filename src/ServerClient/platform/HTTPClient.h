@@ -92,6 +92,7 @@ class HTTPClientError : public std::runtime_error {
     invalidRequest,    ///< not an http(s) URL with a host, or a method/field HTTP cannot carry
     cannotConnect,     ///< name resolution or TCP connection failed
     tlsFailure,        ///< the TLS handshake failed, e.g. the certificate was refused
+    pinMismatch,       ///< the certificate chain is valid but holds none of the pinned keys
     timedOut,          ///< the request's time-out passed
     responseTooLarge,  ///< the body exceeded the client's limit
     badResponse,       ///< the server's answer is not HTTP/1.1 or ended early
@@ -144,7 +145,7 @@ rx::Single<HTTPResponse> dataTask(std::shared_ptr<HTTPClient> client, HTTPReques
 ///
 /// https: TLS 1.2 or later; the certificate must chain to a trusted authority (Options::trust)
 /// and name the URL's host (DNS name, or the IP address for an address URL); SNI is sent for host
-/// names.
+/// names. With pins in Options::trust, the chain must also hold a pinned key (pinMismatch).
 ///
 /// Fields sent: Host, User-Agent "ServerClient/<version>" unless the request has one,
 /// Content-Length when there is a body or the method is POST, PUT or PATCH, then the request's

@@ -157,7 +157,7 @@ Endpoint endpointOf(const boost::urls::url& url) {
 
 std::shared_ptr<ssl::context> makeTlsContext(const WebSocketTaskConnectionWrapper::Options& o) {
   return makeTlsClientContext(TlsTrust{o.useSystemTrustStore, o.extraCertificateAuthoritiesPem,
-                                       o.extraCertificateAuthoritiesFile},
+                                       o.extraCertificateAuthoritiesFile, o.pins},
                               "WebSocket");
 }
 
@@ -522,8 +522,14 @@ class ConnectionOver final : public Connection {
     if (ec) {
       std::string what = "TLS handshake with " + endpoint_.text + " failed";
       if constexpr (Tls) {
-        const auto why = certificateVerificationFailure(stream_.next_layer().native_handle());
+        const auto* handle = stream_.next_layer().native_handle();
+        const auto why = certificateVerificationFailure(handle);
         if (!why.empty()) what += ": " + why;
+        if (isCertificatePinMismatch(handle)) {
+          if (!closeCode_)
+            core_->failed(this, std::make_exception_ptr(CertificatePinMismatch(what)));
+          return end(SocketCloseCode::tlsHandshakeFailure);
+        }
       }
       return fail(ec, what, SocketCloseCode::tlsHandshakeFailure);
     }

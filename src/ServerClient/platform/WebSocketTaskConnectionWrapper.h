@@ -65,6 +65,7 @@
 
 #include <boost/url/url.hpp>
 
+#include "ServerClient/platform/CertificatePins.h"
 #include "ServerClient/platform/HTTPCookieStorage.h"
 #include "ServerClient/platform/Socket.h"
 #include "ServerClient/platform/SocketExecutor.h"
@@ -84,6 +85,9 @@ class WebSocketTaskConnectionWrapper final : public Socket, public SocketExecuto
     std::string extraCertificateAuthoritiesPem;
     /// A PEM file of further certificate authorities to trust; none when empty.
     std::filesystem::path extraCertificateAuthoritiesFile;
+    /// Keys the server's chain must hold (TlsClientContext.h); a mismatch is reported as a
+    /// CertificatePinMismatch before the tlsHandshakeFailure close.
+    CertificatePins pins;
 
     std::chrono::milliseconds openTimeout{std::chrono::seconds(15)};
     std::chrono::milliseconds keepAliveTimeout{std::chrono::seconds(30)};

@@ -24,6 +24,8 @@ class SocketClientAgainstEmulator : public ::testing::Test {
  protected:
   // A client made by the builder on the system's platform, as the facade makes it.
   void SetUp() override {
+    // Earlier tests' sign-ins leave their cookies in the shared storage, for the same host.
+    platform::HTTPCookieStorage::shared()->removeAllCookies();
     emulator_.addUser("alice");
     token_ = emulator_.createSession("alice");
     urls_ = emulator_.start();

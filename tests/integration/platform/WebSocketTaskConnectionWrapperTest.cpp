@@ -31,7 +31,7 @@ using emulator::SocketInfo;
 using test::kDefaultWait;
 using test::RecordingSocketDelegate;
 using test::TestCertificates;
-using testing::HasSubstr;
+using ::testing::HasSubstr;
 using Kind = RecordingSocketDelegate::Kind;
 using Options = WebSocketTaskConnectionWrapper::Options;
 
@@ -53,7 +53,7 @@ std::optional<std::string> header(const SocketInfo& info, std::string_view name)
   return std::nullopt;
 }
 
-class WebSocketTest : public testing::Test {
+class WebSocketTest : public ::testing::Test {
  protected:
   void SetUp() override { startServer(); }
   void TearDown() override { EXPECT_EQ("", delegate_->contractViolations()); }
@@ -192,7 +192,7 @@ TEST_F(WebSocketTest, TheUpgradeCarriesSubProtocolHeaderFieldsAndCookies) {
   EXPECT_EQ("kel", header(upgrade, "Sec-WebSocket-Protocol"));
   EXPECT_EQ("t-1", header(upgrade, "X-Trace"));
   EXPECT_EQ("127.0.0.1:" + std::to_string(port_), header(upgrade, "Host"));
-  EXPECT_THAT(header(upgrade, "User-Agent").value_or(""), testing::StartsWith("ServerClient/"));
+  EXPECT_THAT(header(upgrade, "User-Agent").value_or(""), ::testing::StartsWith("ServerClient/"));
   // One Cookie field: the request's own, then the stored ones it does not already name.
   EXPECT_EQ("manual=1; JSESSIONID=mine", header(upgrade, "Cookie"));
   // The answer's cookies went into the storage for the socket's URL (theme with the default

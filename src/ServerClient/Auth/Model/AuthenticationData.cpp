@@ -14,6 +14,9 @@ using namespace std::chrono;
 
 namespace {
 
+// The farthest session instant from 1970 that is read, well within the clock's range.
+constexpr std::int64_t kSessionDateLimitSeconds = 9'000'000'000;
+
 /// Reads exactly `width` decimal digits at `pos`, advancing it.
 std::optional<int> digits(std::string_view text, std::size_t& pos, std::size_t width) {
   if (pos + width > text.size()) return std::nullopt;
@@ -36,7 +39,7 @@ bool expect(std::string_view text, std::size_t& pos, char c) {
 system_clock::time_point readSessionDate(const nlohmann::json& value) {
   if (const auto millis = detail::jsonInt64(value)) {
     // Keep clear of overflow when converting to the clock's nanoseconds (about +-292 years).
-    constexpr std::int64_t kLimit = 9'000'000'000'000;
+    constexpr std::int64_t kLimit = kSessionDateLimitSeconds * 1000;
     if (*millis < -kLimit || *millis > kLimit) throw std::invalid_argument("\"from\" out of range");
     return system_clock::time_point(duration_cast<system_clock::duration>(milliseconds(*millis)));
   }
@@ -102,8 +105,11 @@ std::optional<system_clock::time_point> parseSessionDate(std::string_view text) 
   }
   if (pos != text.size()) return std::nullopt;
 
-  const auto local = sys_days(date) + hours(*h) + minutes(*mi) + seconds(*s) + fraction;
-  return time_point_cast<system_clock::duration>(local - offset);
+  // In whole seconds first, which cannot overflow, so that a year the clock's nanoseconds cannot
+  // hold (about +-292 years from 1970) is refused as the number form is.
+  const auto instant = sys_days(date) + hours(*h) + minutes(*mi) + seconds(*s) - offset;
+  if (abs(instant.time_since_epoch()) > seconds(kSessionDateLimitSeconds)) return std::nullopt;
+  return time_point_cast<system_clock::duration>(instant) + fraction;
 }
 
 bool Permissions::recordingTypeGranted(std::string_view type) const {

@@ -36,7 +36,9 @@ BOOST_DESCRIBE_STRUCT(MissedCallItemDTO, (), (id))
 
 struct MissedCallsDTO {
   struct MissedCallData {
-    std::optional<std::vector<MissedCallItemDTO>> items{};
+    // No default member initializer: clang would then judge the nested type not default
+    // constructible inside the enclosing class, and JSON decoding of it would not compile.
+    std::optional<std::vector<MissedCallItemDTO>> items;
     bool operator==(const MissedCallData&) const = default;
   };
   std::optional<MissedCallData> data{};

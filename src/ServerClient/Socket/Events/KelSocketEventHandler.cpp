@@ -4,6 +4,7 @@
 #include "ServerClient/Common/SDKError.h"
 #include "ServerClient/Common/SafeText.h"
 #include "ServerClient/Log/ServerLog.h"
+#include "ServerClient/platform/TlsClientContext.h"
 
 namespace kel {
 
@@ -121,7 +122,8 @@ void KelSocketEventHandler::socketDidReceiveError(std::exception_ptr error) {
   // The disconnect callback that follows a transport error drives the state.
   auto text = describeError(error);
   KEL_LOG_ERROR("socketDidReceiveError(error:)", "KelSocket: Error " + text);
-  if (!isStoppedByUser()) recordFailure({std::nullopt, std::move(text)}, false);
+  const bool pinMismatch = errorAs<platform::CertificatePinMismatch>(error) != nullptr;
+  if (!isStoppedByUser()) recordFailure({std::nullopt, std::move(text), pinMismatch}, false);
 }
 
 void KelSocketEventHandler::socketDidReceiveMessage(std::string text) {

@@ -30,6 +30,8 @@ struct SocketFailure {
   std::optional<platform::SocketCloseCode> closeCode;
   /// The close frame's reason, or the error's text; without secrets, cut short.
   std::string text;
+  /// The error was a CertificatePinMismatch: the server's key is not pinned.
+  bool pinMismatch = false;
 
   /// "the socket was closed with 4401 (invalid session token)", "the socket was closed with 1006
   /// (abnormalClosure)" when no reason came, or the error's text.
