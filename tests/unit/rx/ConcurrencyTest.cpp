@@ -259,6 +259,15 @@ TEST(Leaks, WhateverASubscriptionCapturedIsReleasedOnceItEnds) {
          subject.onNext(1);
          return nullptr;
        }},
+      {"disposing itself in the middle of a fan-out, the subject living on",
+       [](Token token) -> Kept {
+         auto subject = std::make_shared<PublishSubject<int>>();
+         auto self = std::make_shared<Disposable>();
+         *self = subject->asObservable().subscribe([self, token](const int&) { self->dispose(); });
+         subject->asObservable().subscribe([](const int&) {});
+         subject->onNext(1);
+         return subject;
+       }},
   };
   for (const auto& [name, run] : cases) {
     auto token = std::make_shared<int>(0);
