@@ -28,12 +28,9 @@ namespace {
 /// that the targets are read and changed in one place.
 const std::map<std::string, double>& targets() {
   static const std::map<std::string, double> all = {
-      {"RxSubjectFanOut8", 1.5},
-      {"RxMapFilterChain", 3.0},
-      {"RequestToMessage", 1.3},
-      {"PresenceBurstThroughHandlers", 1.5},
-      {"IdleFacadeHeap", 1.5},
-      {"IdleFacadeExtraWakeups", 0.0},
+      {"RxSubjectFanOut8", 1.5}, {"RxMapFilterChain", 3.0},
+      {"RequestToMessage", 1.3}, {"PresenceBurstThroughHandlers", 1.5},
+      {"IdleFacadeHeap", 1.5},   {"IdleFacadeExtraWakeups", 0.0},
   };
   return all;
 }
@@ -91,8 +88,8 @@ class RatioReporter final : public benchmark::ConsoleReporter {
   void Finalize() override {
     ConsoleReporter::Finalize();
     nlohmann::json rows = nlohmann::json::array();
-    std::printf("\n%-30s %-24s %14s %14s %8s %7s\n", "library", "baseline", "library",
-                "baseline", "ratio", "target");
+    std::printf("\n%-30s %-24s %14s %14s %8s %7s\n", "library", "baseline", "library", "baseline",
+                "ratio", "target");
     auto print = [&rows](const std::string& library, const std::string& baseline, double l,
                          double b, const char* unit) {
       auto target = targets().find(library);
@@ -105,10 +102,9 @@ class RatioReporter final : public benchmark::ConsoleReporter {
       const bool met = target == targets().end() || ratio <= target->second;
       std::printf("%-30s %-24s %11.1f %-2s %11.1f %-2s %8.2f %7s%s\n", library.c_str(),
                   baseline.c_str(), l, unit, b, unit, ratio, targetText, met ? "" : "  (over)");
-      nlohmann::json row = {{"library", library},  {"baseline", baseline},
-                            {"libraryValue", l},   {"baselineValue", b},
-                            {"unit", unit},        {"ratio", ratio},
-                            {"target", nullptr},   {"met", met}};
+      nlohmann::json row = {
+          {"library", library}, {"baseline", baseline}, {"libraryValue", l}, {"baselineValue", b},
+          {"unit", unit},       {"ratio", ratio},       {"target", nullptr}, {"met", met}};
       if (target != targets().end()) row["target"] = target->second;
       rows.push_back(std::move(row));
     };
@@ -120,8 +116,7 @@ class RatioReporter final : public benchmark::ConsoleReporter {
     {
       std::lock_guard lock(recordMutex());
       for (const auto& row : recorded()) {
-        print(row.library, row.baseline, median(row.libraryValues), median(row.baselineValues),
-              "");
+        print(row.library, row.baseline, median(row.libraryValues), median(row.baselineValues), "");
       }
     }
     if (jsonPath_) {
