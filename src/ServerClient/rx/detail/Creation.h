@@ -168,10 +168,10 @@ class DeferredSource final : public Source<T> {
 template <class T, class OnNext>
 class LambdaObserver final : public ObserverBase<T> {
  public:
-  LambdaObserver(OnNext onNext, std::function<void(std::exception_ptr)> onError,
-                 std::function<void()> onCompleted, std::shared_ptr<CompositeState> ctl)
-      : onError_(std::move(onError)), onCompleted_(std::move(onCompleted)), ctl_(std::move(ctl)) {
-    if (hasTarget(onNext)) onNext_.emplace(std::move(onNext));
+  LambdaObserver(OnNext next, std::function<void(std::exception_ptr)> error,
+                 std::function<void()> completed, std::shared_ptr<CompositeState> ctl)
+      : onError_(std::move(error)), onCompleted_(std::move(completed)), ctl_(std::move(ctl)) {
+    if (hasTarget(next)) onNext_.emplace(std::move(next));
   }
 
   void onNext(const T& value) override {
@@ -201,9 +201,14 @@ class LambdaObserver final : public ObserverBase<T> {
   bool isStopped() const noexcept override { return stopped_ || ctl_->isDisposed(); }
 
  private:
+  template <class F>
+  struct IsFunction : std::false_type {};
+  template <class R, class... A>
+  struct IsFunction<std::function<R(A...)>> : std::true_type {};
+  // A lambda always has a target; only std::function and pointers may be null.
   static bool hasTarget(const OnNext& f) {
-    if constexpr (std::is_constructible_v<bool, const OnNext&>) {
-      return static_cast<bool>(f);
+    if constexpr (IsFunction<OnNext>::value || std::is_pointer_v<OnNext>) {
+      return f != nullptr;
     } else {
       return true;
     }
