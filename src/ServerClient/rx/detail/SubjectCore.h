@@ -64,8 +64,9 @@ class SubjectCore : public std::enable_shared_from_this<SubjectCore<T>> {
     deliverNext(*current_.load(std::memory_order_acquire), value);
     emitting_.store(false, std::memory_order_release);
     if (hasRetired_.load(std::memory_order_relaxed)) {
+      Garbage garbage;  // released after unlocking: observers' destructors may call back in
       std::lock_guard lock(mutex_);
-      reclaimLocked();
+      collectRetiredLocked(garbage);
     }
   }
 
@@ -93,9 +94,10 @@ class SubjectCore : public std::enable_shared_from_this<SubjectCore<T>> {
     }
     auto next = std::make_shared<List>(*observers_);
     next->push_back(entry);
-    auto old = publishLocked(std::move(next));
+    Garbage garbage;
+    publishLocked(std::move(next), garbage);
     lock.unlock();
-    old.reset();
+    garbage.clear();
 
     auto subscription = std::make_shared<Subscription>(this->weak_from_this(), entry);
     if (replay) {
@@ -146,37 +148,46 @@ class SubjectCore : public std::enable_shared_from_this<SubjectCore<T>> {
   }
 
   void remove(const std::shared_ptr<Entry>& entry) {
-    std::shared_ptr<const List> old;  // released outside the lock
+    Garbage garbage;  // released outside the lock
     std::lock_guard lock(mutex_);
     auto next = std::make_shared<List>();
     next->reserve(observers_->size());
     for (const auto& e : *observers_) {
       if (e != entry) next->push_back(e);
     }
-    old = publishLocked(std::move(next));
+    publishLocked(std::move(next), garbage);
   }
 
-  // Makes `next` the list that fan-outs read. Returns the previous list for the caller to release
-  // after unlocking, or nothing when a lock-free fan-out may still be reading it (then it waits in
-  // retired_).
-  std::shared_ptr<const List> publishLocked(std::shared_ptr<const List> next) {
+  // Lists (and through them entries and observers) to release once the lock is let go, since an
+  // observer's destructor may dispose another subscription of this subject.
+  using Garbage = std::vector<std::shared_ptr<const List>>;
+
+  // Makes `next` the list that fan-outs read. The previous list goes to `garbage`, or waits in
+  // retired_ while a lock-free fan-out may still be reading it.
+  void publishLocked(std::shared_ptr<const List> next, Garbage& garbage) {
     auto old = std::exchange(observers_, std::move(next));
     current_.store(observers_.get(), std::memory_order_seq_cst);
     heavyBarrier();
     if (emitting_.load(std::memory_order_seq_cst)) {
       retired_.push_back(std::move(old));
       hasRetired_.store(true, std::memory_order_relaxed);
-      return nullptr;
+      return;
     }
-    reclaimLocked();
-    return old;
+    garbage.push_back(std::move(old));
+    moveRetired(garbage);
   }
 
-  // Frees the parked lists unless a lock-free fan-out is running; that one frees them when done.
-  void reclaimLocked() {
+  // Hands the parked lists to `garbage` unless a lock-free fan-out is running; that one collects
+  // them when done.
+  void collectRetiredLocked(Garbage& garbage) {
     if (retired_.empty()) return;
     heavyBarrier();
     if (emitting_.load(std::memory_order_seq_cst)) return;
+    moveRetired(garbage);
+  }
+  void moveRetired(Garbage& garbage) {
+    if (retired_.empty()) return;
+    for (auto& list : retired_) garbage.push_back(std::move(list));
     retired_.clear();
     hasRetired_.store(false, std::memory_order_relaxed);
   }
@@ -204,6 +215,7 @@ class SubjectCore : public std::enable_shared_from_this<SubjectCore<T>> {
 
   void terminate(Event<T> event) {
     std::shared_ptr<const List> snapshot;
+    Garbage garbage;
     {
       std::lock_guard lock(mutex_);
       if (stopped_) return;
@@ -211,7 +223,7 @@ class SubjectCore : public std::enable_shared_from_this<SubjectCore<T>> {
       stoppedFlag_.store(true, std::memory_order_release);
       error_ = event.error();
       snapshot = observers_;
-      publishLocked(emptyList());
+      publishLocked(emptyList(), garbage);
     }
     for (const auto& entry : *snapshot) {
       if (entry->removed.load(std::memory_order_acquire)) continue;
