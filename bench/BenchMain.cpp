@@ -1,10 +1,19 @@
-// Runs every benchmark, then prints each library path's time as a ratio of the plain baseline
-// that was measured in the same run, so the figures stay comparable across machines.
+// Runs every benchmark, then prints each library path's cost as a ratio of the plain baseline
+// that was measured in the same run, so the figures stay comparable across machines, beside the
+// ratio it should stay under. --ratios_json=PATH also writes that table as JSON.
 
 #include <benchmark/benchmark.h>
 
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
+#include <cstring>
+#include <fstream>
 #include <map>
+#include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,19 +24,62 @@ namespace kel::bench {
 
 namespace {
 
+/// The ratio each library path should stay at or under. One table for every benchmark file, so
+/// that the targets are read and changed in one place.
+const std::map<std::string, double>& targets() {
+  static const std::map<std::string, double> all = {
+      {"RxSubjectFanOut8", 1.5}, {"RxMapFilterChain", 3.0},
+      {"RequestToMessage", 1.3}, {"PresenceBurstThroughHandlers", 1.5},
+      {"IdleFacadeHeap", 1.5},   {"IdleFacadeExtraWakeups", 0.0},
+  };
+  return all;
+}
+
+struct Row {
+  std::string library;
+  std::string baseline;
+  std::vector<double> libraryValues;
+  std::vector<double> baselineValues;
+};
+
+std::mutex& recordMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
+// Pairs declared with compare(), in declaration order.
 std::vector<std::pair<std::string, std::string>>& pairs() {
   static std::vector<std::pair<std::string, std::string>> all;
   return all;
 }
 
+// Rows added with record(), keyed by library name; guarded by recordMutex().
+std::vector<Row>& recorded() {
+  static std::vector<Row> all;
+  return all;
+}
+
+double median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  const std::size_t n = values.size();
+  return n % 2 == 1 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
 class RatioReporter final : public benchmark::ConsoleReporter {
  public:
+  explicit RatioReporter(std::optional<std::string> jsonPath) : jsonPath_(std::move(jsonPath)) {}
+
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const auto& run : runs) {
-      if (run.run_type == Run::RT_Iteration && !run.error_occurred) {
-        nanosPerIteration_[run.run_name.function_name] =
-            run.GetAdjustedRealTime() * benchmark::GetTimeUnitMultiplier(benchmark::kNanosecond) /
-            benchmark::GetTimeUnitMultiplier(run.time_unit);
+      if (run.error_occurred) continue;
+      const double nanos = run.GetAdjustedRealTime() *
+                           benchmark::GetTimeUnitMultiplier(benchmark::kNanosecond) /
+                           benchmark::GetTimeUnitMultiplier(run.time_unit);
+      const auto& name = run.run_name.function_name;
+      if (run.run_type == Run::RT_Iteration) {
+        repetitions_[name].push_back(nanos);
+      } else if (run.aggregate_name == "median") {
+        medians_[name] = nanos;
       }
     }
     ConsoleReporter::ReportRuns(runs);
@@ -35,19 +87,58 @@ class RatioReporter final : public benchmark::ConsoleReporter {
 
   void Finalize() override {
     ConsoleReporter::Finalize();
-    std::printf("\n%-40s %12s %12s %8s\n", "library vs baseline", "library ns", "baseline ns",
-                "ratio");
+    nlohmann::json rows = nlohmann::json::array();
+    std::printf("\n%-30s %-24s %14s %14s %8s %7s\n", "library", "baseline", "library", "baseline",
+                "ratio", "target");
+    auto print = [&rows](const std::string& library, const std::string& baseline, double l,
+                         double b, const char* unit) {
+      auto target = targets().find(library);
+      const bool absolute = b == 0;
+      const double ratio = absolute ? l : l / b;
+      char targetText[16] = "-";
+      if (target != targets().end()) {
+        std::snprintf(targetText, sizeof targetText, "%.2f", target->second);
+      }
+      const bool met = target == targets().end() || ratio <= target->second;
+      std::printf("%-30s %-24s %11.1f %-2s %11.1f %-2s %8.2f %7s%s\n", library.c_str(),
+                  baseline.c_str(), l, unit, b, unit, ratio, targetText, met ? "" : "  (over)");
+      nlohmann::json row = {
+          {"library", library}, {"baseline", baseline}, {"libraryValue", l}, {"baselineValue", b},
+          {"unit", unit},       {"ratio", ratio},       {"target", nullptr}, {"met", met}};
+      if (target != targets().end()) row["target"] = target->second;
+      rows.push_back(std::move(row));
+    };
     for (const auto& [library, baseline] : pairs()) {
-      auto l = nanosPerIteration_.find(library);
-      auto b = nanosPerIteration_.find(baseline);
-      if (l == nanosPerIteration_.end() || b == nanosPerIteration_.end()) continue;
-      std::printf("%-40s %12.1f %12.1f %8.2f\n", library.c_str(), l->second, b->second,
-                  l->second / b->second);
+      auto l = nanos(library);
+      auto b = nanos(baseline);
+      if (l && b) print(library, baseline, *l, *b, "ns");
+    }
+    {
+      std::lock_guard lock(recordMutex());
+      for (const auto& row : recorded()) {
+        print(row.library, row.baseline, median(row.libraryValues), median(row.baselineValues), "");
+      }
+    }
+    if (jsonPath_) {
+      std::ofstream out(*jsonPath_);
+      out << rows.dump(2) << '\n';
+      if (!out) std::fprintf(stderr, "could not write %s\n", jsonPath_->c_str());
     }
   }
 
  private:
-  std::map<std::string, double> nanosPerIteration_;
+  // The median over repetitions, whichever way the runs were reported.
+  std::optional<double> nanos(const std::string& name) const {
+    if (auto it = medians_.find(name); it != medians_.end()) return it->second;
+    if (auto it = repetitions_.find(name); it != repetitions_.end() && !it->second.empty()) {
+      return median(it->second);
+    }
+    return std::nullopt;
+  }
+
+  std::optional<std::string> jsonPath_;
+  std::map<std::string, std::vector<double>> repetitions_;
+  std::map<std::string, double> medians_;
 };
 
 }  // namespace
@@ -56,12 +147,35 @@ void compare(std::string library, std::string baseline) {
   pairs().emplace_back(std::move(library), std::move(baseline));
 }
 
+void record(const std::string& library, const std::string& baseline, double libraryValue,
+            double baselineValue) {
+  std::lock_guard lock(recordMutex());
+  auto& rows = recorded();
+  auto it = std::find_if(rows.begin(), rows.end(),
+                         [&library](const Row& row) { return row.library == library; });
+  if (it == rows.end()) it = rows.insert(rows.end(), Row{library, baseline, {}, {}});
+  it->libraryValues.push_back(libraryValue);
+  it->baselineValues.push_back(baselineValue);
+}
+
 }  // namespace kel::bench
 
 int main(int argc, char** argv) {
+  // Our one flag goes before Google Benchmark sees the rest.
+  std::optional<std::string> jsonPath;
+  int kept = 1;
+  for (int i = 1; i < argc; ++i) {
+    constexpr const char* kFlag = "--ratios_json=";
+    if (std::strncmp(argv[i], kFlag, std::strlen(kFlag)) == 0) {
+      jsonPath = argv[i] + std::strlen(kFlag);
+    } else {
+      argv[kept++] = argv[i];
+    }
+  }
+  argc = kept;
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  kel::bench::RatioReporter reporter;
+  kel::bench::RatioReporter reporter(std::move(jsonPath));
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
   return 0;

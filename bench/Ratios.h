@@ -5,8 +5,16 @@
 namespace kel::bench {
 
 /// Declares that `library` is measured against `baseline` in the same run; the report ends
-/// with the ratio of their times per iteration.
+/// with the ratio of their times per iteration (the median over repetitions), beside the
+/// library's target from the table in BenchMain.cpp.
 void compare(std::string library, std::string baseline);
+
+/// Adds a ratio that is not a time: `libraryValue` of `library` against `baselineValue` of
+/// `baseline` (bytes of heap, say). Called from inside a benchmark, once per repetition; the
+/// report shows the median. A zero baseline makes the row an absolute figure (a count whose
+/// target is itself, wake-ups for instance).
+void record(const std::string& library, const std::string& baseline, double libraryValue,
+            double baselineValue);
 
 }  // namespace kel::bench
 

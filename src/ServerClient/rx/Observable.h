@@ -26,6 +26,8 @@ class Observable;
 template <class T>
 class Single;
 class Completable;
+template <class In, class Out, class Stage>
+class Pipeline;
 
 namespace detail {
 template <class X>
@@ -51,6 +53,11 @@ struct OptionalTraits<std::optional<U>> {
   static constexpr bool isOptional = true;
   using Value = U;
 };
+/// A callable element handler other than std::function (which has its own overload) or null.
+template <class F, class T>
+concept PlainOnNext = std::is_invocable_v<F&, const T&> &&
+                      !std::is_same_v<std::decay_t<F>, std::function<void(const T&)>> &&
+                      !std::is_same_v<std::decay_t<F>, std::nullptr_t>;
 }  // namespace detail
 
 /// A cold, lazy sequence of `T`: nothing happens until subscribe(), and each subscription runs the
@@ -91,6 +98,12 @@ class Observable {
                        std::function<void(std::exception_ptr)> onError = {},
                        std::function<void()> onCompleted = {},
                        std::function<void()> onDisposed = {}) const;
+  /// The same, keeping a lambda's type so that each element costs no std::function call.
+  template <class OnNext>
+  requires detail::PlainOnNext<OnNext, T> Disposable
+  subscribe(OnNext onNext, std::function<void(std::exception_ptr)> onError = {},
+            std::function<void()> onCompleted = {}, std::function<void()> onDisposed = {})
+  const;
   Observable<T> asObservable() const { return *this; }
 
   // --- transformation ---------------------------------------------------------------------------
@@ -100,7 +113,7 @@ class Observable {
   template <class F>
   auto compactMap(F f) const;
   template <class P>
-  Observable filter(P pred) const;
+  auto filter(P pred) const;
   /// `f` returns Observable<U> or Single<U>; inner sequences are merged.
   template <class F>
   auto flatMap(F f) const;

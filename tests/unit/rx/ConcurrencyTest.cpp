@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <future>
+#include <mutex>
 #include <thread>
 
 namespace kel::rx::testing {
@@ -206,6 +207,39 @@ TEST(Concurrency, BehaviorSubjectSubscriberJoiningMidStreamSeesAnOrderedTail) {
   }
 }
 
+// Subscribers come and go on this thread while a queue publishes without pause, so the observer
+// list is replaced under a running fan-out over and over. Each subscriber must see one unbroken
+// run of the sequence, and every list that was replaced must be freed (ASan/TSan check that).
+TEST(Concurrency, PublishSubjectSubscribersJoiningAndLeavingMidStreamEachSeeAContiguousRun) {
+  auto queue = std::make_shared<DispatchQueue>("test.publish");
+  PublishSubject<int> subject;
+  std::atomic<bool> stop{false};
+  queue->async([subject, &stop] {
+    for (int i = 0; !stop.load(std::memory_order_relaxed); ++i) subject.onNext(i);
+  });
+  for (int round = 0; round < 200; ++round) {
+    struct Seen {
+      std::mutex mutex;
+      std::vector<int> values;
+    };
+    auto seen = std::make_shared<Seen>();
+    auto d =
+        subject.asObservable().filter([](int) { return true; }).subscribe([seen](const int& v) {
+          std::lock_guard lock(seen->mutex);
+          seen->values.push_back(v);
+        });
+    std::this_thread::yield();
+    d.dispose();
+    std::lock_guard lock(seen->mutex);
+    for (std::size_t i = 1; i < seen->values.size(); ++i) {
+      ASSERT_EQ(seen->values[i - 1] + 1, seen->values[i]) << "round " << round;
+    }
+  }
+  stop = true;
+  queue->sync([] {});
+  EXPECT_FALSE(subject.hasObservers());
+}
+
 // Each case captures a token in a subscription and ends that subscription its own way, returning
 // whatever it must keep alive; nothing may keep the token alive afterwards.
 TEST(Leaks, WhateverASubscriptionCapturedIsReleasedOnceItEnds) {
@@ -258,6 +292,15 @@ TEST(Leaks, WhateverASubscriptionCapturedIsReleasedOnceItEnds) {
              .subscribe([token](const int&) {});
          subject.onNext(1);
          return nullptr;
+       }},
+      {"disposing itself in the middle of a fan-out, the subject living on",
+       [](Token token) -> Kept {
+         auto subject = std::make_shared<PublishSubject<int>>();
+         auto self = std::make_shared<Disposable>();
+         *self = subject->asObservable().subscribe([self, token](const int&) { self->dispose(); });
+         subject->asObservable().subscribe([](const int&) {});
+         subject->onNext(1);
+         return subject;
        }},
   };
   for (const auto& [name, run] : cases) {

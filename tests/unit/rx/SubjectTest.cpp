@@ -34,6 +34,27 @@ TEST(PublishSubject, ObserverDisposingAnotherDuringFanOutStopsDeliveryToIt) {
   EXPECT_TRUE(r.values.empty());
 }
 
+// Releasing an observer runs whatever its callbacks captured; here that disposes another
+// subscription of the same subject, which must not find the subject still locked.
+TEST(PublishSubject, ReleasingAnObserverMayDisposeAnotherSubscriptionOfTheSameSubject) {
+  PublishSubject<int> subject;
+  Recorder<int> r;
+  auto other = std::make_shared<Disposable>(r.subscribe(subject.asObservable()));
+  struct DisposesOnRelease {
+    explicit DisposesOnRelease(std::shared_ptr<Disposable> t) : target(std::move(t)) {}
+    ~DisposesOnRelease() { target->dispose(); }
+    std::shared_ptr<Disposable> target;
+  };
+  auto guard = std::make_shared<DisposesOnRelease>(other);
+  auto self = std::make_shared<Disposable>();
+  *self = subject.asObservable().subscribe([self, guard](const int&) { self->dispose(); });
+  guard.reset();
+  subject.onNext(1);  // the first subscriber leaves mid fan-out and is released after it
+  subject.onNext(2);
+  EXPECT_EQ(std::vector<int>{1}, r.values);
+  EXPECT_FALSE(subject.hasObservers());
+}
+
 TEST(BehaviorSubject, ReplaysTheLatestValueFirstAndTheErrorOnceFailed) {
   BehaviorSubject<int> subject(0);
   Recorder<int> a, b;

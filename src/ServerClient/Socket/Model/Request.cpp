@@ -3,7 +3,6 @@
 #include <cmath>
 #include <vector>
 
-#include "ServerClient/Common/Json.h"
 #include "ServerClient/Common/Random.h"
 
 namespace kel {
@@ -36,7 +35,38 @@ bool isPlainJson(const nlohmann::json& root) {
   return true;
 }
 
-constexpr int kFrameIndent = 2;
+// Text that JSON writes as it is: printable ASCII other than the quote and the backslash.
+bool needsNoEscaping(const std::string& text) {
+  for (unsigned char c : text) {
+    if (c < 0x20 || c > 0x7e || c == '"' || c == '\\') return false;
+  }
+  return true;
+}
+
+class FrameWriter {
+ public:
+  explicit FrameWriter(std::string& out)
+      : out_(out),
+        serializer_(nlohmann::detail::output_adapter<char, std::string>(out), ' ',
+                    nlohmann::json::error_handler_t::strict) {}
+
+  // Throws nlohmann's type_error on invalid UTF-8.
+  void value(const nlohmann::json& value, unsigned currentIndent) {
+    serializer_.dump(value, true, false, kIndent, currentIndent);
+  }
+  void text(const std::string& text) {
+    if (!needsNoEscaping(text)) return value(nlohmann::json(text), kIndent);
+    out_ += '"';
+    out_ += text;
+    out_ += '"';
+  }
+
+  static constexpr unsigned kIndent = 2;
+
+ private:
+  std::string& out_;
+  nlohmann::detail::serializer<nlohmann::json> serializer_;
+};
 
 }  // namespace
 
@@ -47,13 +77,31 @@ std::int64_t makeRequestID() {
 
 namespace detail {
 
-std::optional<std::string> requestFrame(const nlohmann::json& wireObject) noexcept {
+// The same text as "2" followed by the whole wire object dumped with an indent of two (members
+// in key order: body, id, method, path), without building that object: the body is serialised
+// where it is, one level in.
+std::optional<std::string> requestFrame(std::int64_t id, const std::string& path,
+                                        const std::string& method,
+                                        const nlohmann::json* body) noexcept {
   try {
-    if (!isPlainJson(wireObject)) return std::nullopt;
-    auto text = dumpJson(wireObject, kFrameIndent);
-    if (!text) return std::nullopt;
-    text->insert(text->begin(), '2');
-    return text;
+    if (body && !isPlainJson(*body)) return std::nullopt;
+    std::string frame;
+    frame.reserve(256);
+    FrameWriter writer(frame);
+    frame += "2{\n  \"body\": ";
+    if (body) {
+      writer.value(*body, FrameWriter::kIndent);
+    } else {
+      frame += "{}";
+    }
+    frame += ",\n  \"id\": ";
+    frame += std::to_string(id);
+    frame += ",\n  \"method\": ";
+    writer.text(method);
+    frame += ",\n  \"path\": ";
+    writer.text(path);
+    frame += "\n}";
+    return frame;
   } catch (...) {
     return std::nullopt;
   }

@@ -18,6 +18,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <type_traits>
 
 #include <nlohmann/json.hpp>
 
@@ -38,10 +39,12 @@ inline constexpr std::int64_t kMaxRequestID = 2147483646;
 std::int64_t makeRequestID();
 
 namespace detail {
-/// The request frame for a wire object, or nothing when it cannot be serialised as JSON text:
-/// a string that is not valid UTF-8, a non-finite number, a binary value or a discarded value
-/// anywhere inside.
-std::optional<std::string> requestFrame(const nlohmann::json& wireObject) noexcept;
+/// The request frame of the wire object made of these members ({} for a null `body`), written
+/// straight into one string, or nothing when it cannot be serialised as JSON text: a string that
+/// is not valid UTF-8, a non-finite number, a binary value or a discarded value anywhere inside.
+std::optional<std::string> requestFrame(std::int64_t id, const std::string& path,
+                                        const std::string& method,
+                                        const nlohmann::json* body) noexcept;
 }  // namespace detail
 
 /// A request for one of the server's resources. Build it with designated initialisers; the
@@ -87,7 +90,13 @@ struct Request {
   /// not be valid UTF-8. Never throws.
   std::optional<std::string> toMessage() const noexcept {
     try {
-      return detail::requestFrame(toDictionary());
+      if constexpr (std::is_same_v<Body, nlohmann::json>) {
+        return detail::requestFrame(requestID, pathname.value(), method, body ? &*body : nullptr);
+      } else {
+        if (!body) return detail::requestFrame(requestID, pathname.value(), method, nullptr);
+        const nlohmann::json converted(*body);
+        return detail::requestFrame(requestID, pathname.value(), method, &converted);
+      }
     } catch (...) {
       return std::nullopt;
     }

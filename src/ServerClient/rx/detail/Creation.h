@@ -163,22 +163,21 @@ class DeferredSource final : public Source<T> {
   std::function<Observable<T>()> f_;
 };
 
-/// The final observer of subscribe(callbacks).
-template <class T>
+/// The final observer of subscribe(callbacks). `OnNext` is the subscriber's own callable when
+/// subscribe() was handed one, so delivering an element costs one virtual call and nothing more.
+template <class T, class OnNext>
 class LambdaObserver final : public ObserverBase<T> {
  public:
-  LambdaObserver(std::function<void(const T&)> onNext,
-                 std::function<void(std::exception_ptr)> onError, std::function<void()> onCompleted,
-                 std::shared_ptr<CompositeState> ctl)
-      : onNext_(std::move(onNext)),
-        onError_(std::move(onError)),
-        onCompleted_(std::move(onCompleted)),
-        ctl_(std::move(ctl)) {}
+  LambdaObserver(OnNext next, std::function<void(std::exception_ptr)> error,
+                 std::function<void()> completed, std::shared_ptr<CompositeState> ctl)
+      : onError_(std::move(error)), onCompleted_(std::move(completed)), ctl_(std::move(ctl)) {
+    if (hasTarget(next)) onNext_.emplace(std::move(next));
+  }
 
   void onNext(const T& value) override {
-    if (stopped_ || ctl_->isDisposed() || !onNext_) return;
+    if (stopped_ || !onNext_ || ctl_->isDisposed()) return;
     try {
-      onNext_(value);
+      (*onNext_)(value);
     } catch (...) {
       auto error = std::current_exception();
       ctl_->dispose();  // stops upstream first, as if the subscriber had cancelled
@@ -202,6 +201,18 @@ class LambdaObserver final : public ObserverBase<T> {
   bool isStopped() const noexcept override { return stopped_ || ctl_->isDisposed(); }
 
  private:
+  template <class F>
+  struct IsFunction : std::false_type {};
+  template <class R, class... A>
+  struct IsFunction<std::function<R(A...)>> : std::true_type {};
+  // A lambda always has a target; only std::function and pointers may be null.
+  static bool hasTarget(const OnNext& f) {
+    if constexpr (IsFunction<OnNext>::value || std::is_pointer_v<OnNext>) {
+      return f != nullptr;
+    } else {
+      return true;
+    }
+  }
   void terminate(std::exception_ptr error, bool alreadyDisposed) {
     stopped_ = true;
     auto handler = std::move(onError_);
@@ -213,18 +224,35 @@ class LambdaObserver final : public ObserverBase<T> {
     }
     if (!alreadyDisposed) ctl_->dispose();
   }
+  // Releases what the callbacks captured as soon as nothing more will be delivered.
   void clear() {
-    onNext_ = nullptr;
+    onNext_.reset();
     onError_ = nullptr;
     onCompleted_ = nullptr;
   }
 
   bool stopped_ = false;
-  std::function<void(const T&)> onNext_;
+  std::optional<OnNext> onNext_;
   std::function<void(std::exception_ptr)> onError_;
   std::function<void()> onCompleted_;
   std::shared_ptr<CompositeState> ctl_;
 };
+
+/// Subscribes a LambdaObserver made of the callbacks through `subscribe`, which receives the
+/// observer as a typed shared pointer and returns the upstream subscription.
+template <class T, class Subscribe, class OnNext>
+Disposable subscribeCallbacks(Subscribe&& subscribe, OnNext onNext,
+                              std::function<void(std::exception_ptr)> onError,
+                              std::function<void()> onCompleted, std::function<void()> onDisposed) {
+  auto ctl = std::make_shared<CompositeState>();
+  auto upstream = std::make_shared<SingleAssignmentState>();
+  ctl->insert(Disposable(upstream));
+  if (onDisposed) ctl->insert(Disposable::create(std::move(onDisposed)));
+  auto observer = std::make_shared<LambdaObserver<T, OnNext>>(std::move(onNext), std::move(onError),
+                                                              std::move(onCompleted), ctl);
+  upstream->set(subscribe(std::move(observer)));
+  return Disposable(std::move(ctl));
+}
 
 }  // namespace detail
 
@@ -270,14 +298,20 @@ Disposable Observable<T>::subscribe(std::function<void(const T&)> onNext,
                                     std::function<void(std::exception_ptr)> onError,
                                     std::function<void()> onCompleted,
                                     std::function<void()> onDisposed) const {
-  auto ctl = std::make_shared<detail::CompositeState>();
-  auto upstream = std::make_shared<detail::SingleAssignmentState>();
-  ctl->insert(Disposable(upstream));
-  if (onDisposed) ctl->insert(Disposable::create(std::move(onDisposed)));
-  auto observer = std::make_shared<detail::LambdaObserver<T>>(std::move(onNext), std::move(onError),
-                                                              std::move(onCompleted), ctl);
-  upstream->set(source_->subscribe(Observer<T>(std::move(observer))));
-  return Disposable(std::move(ctl));
+  return detail::subscribeCallbacks<T>(
+      [this](auto observer) { return source_->subscribe(Observer<T>(std::move(observer))); },
+      std::move(onNext), std::move(onError), std::move(onCompleted), std::move(onDisposed));
+}
+
+template <class T>
+template <class OnNext>
+requires detail::PlainOnNext<OnNext, T> Disposable
+Observable<T>::subscribe(OnNext onNext, std::function<void(std::exception_ptr)> onError,
+                         std::function<void()> onCompleted, std::function<void()> onDisposed)
+const {
+  return detail::subscribeCallbacks<T>(
+      [this](auto observer) { return source_->subscribe(Observer<T>(std::move(observer))); },
+      std::move(onNext), std::move(onError), std::move(onCompleted), std::move(onDisposed));
 }
 
 }  // namespace kel::rx

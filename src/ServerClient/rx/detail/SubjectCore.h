@@ -1,20 +1,32 @@
 #pragma once
 // Internal: the multicast engine behind the subjects and share().
 //
-// Fan-out takes the lock only to grab an immutable snapshot of the observer list, then calls every
-// observer with the same const reference, so neither locks nor copies happen per observer.
-// Subscribing and unsubscribing copy the list (copy-on-write). A subscription disposed while a
-// fan-out is running is skipped from then on through its entry's flag.
+// Fan-out reads an immutable observer list and calls every observer with the same const
+// reference. Subscribing and unsubscribing copy the list (copy-on-write) under the lock. A
+// subscription disposed while a fan-out is running is skipped from then on through its entry's
+// flag.
+//
+// A subject without a current value (PublishSubject, share()) publishes without a lock and
+// without touching a reference count, relying on the serialised-notifications contract: only one
+// fan-out runs at a time. It raises `emitting_`, reads the list through a raw pointer and lowers
+// the flag when done. A writer that replaces the list while the flag is up cannot free the old
+// one, so it parks it in `retired_`; whoever next finds the flag down (a writer, or the emitter
+// itself at the end of its fan-out) frees the parked lists. The store-then-load on each side is
+// ordered by the asymmetric barrier of Barrier.h. A notification that finds the flag already up
+// (an observer publishing into the subject it is being called from) takes the locked path, which
+// holds its own reference to the list.
 //
 // A replaying subject (BehaviorSubject) must deliver its current value to a new subscriber before
 // anything newer, without holding a lock during the call. The entry is published with `replaying`
 // set; notifications that arrive meanwhile are parked in the entry's pending queue, and the
 // subscribing thread drains that queue before clearing the flag. The entry lock guards only the
-// queue.
+// queue. Its notifications take the locked path, which keeps the current value and the list
+// consistent with each other.
 
 #include "ServerClient/rx/Disposable.h"
 #include "ServerClient/rx/Event.h"
 #include "ServerClient/rx/Observer.h"
+#include "ServerClient/rx/detail/Barrier.h"
 
 #include <atomic>
 #include <deque>
@@ -40,23 +52,21 @@ class SubjectCore : public std::enable_shared_from_this<SubjectCore<T>> {
   };
   using List = std::vector<std::shared_ptr<Entry>>;
 
-  SubjectCore() : observers_(emptyList()) {}
-  explicit SubjectCore(T initial) : observers_(emptyList()), value_(std::move(initial)) {}
+  SubjectCore() : observers_(emptyList()), current_(observers_.get()) {}
+  explicit SubjectCore(T initial)
+      : observers_(emptyList()), current_(observers_.get()), value_(std::move(initial)) {}
 
   void onNext(const T& value) {
-    std::shared_ptr<const List> snapshot;
-    {
+    if (replays_ || emitting_.load(std::memory_order_relaxed)) return lockedNext(value);
+    if (stoppedFlag_.load(std::memory_order_acquire)) return;
+    emitting_.store(true, std::memory_order_relaxed);
+    lightBarrier();
+    deliverNext(*current_.load(std::memory_order_acquire), value);
+    emitting_.store(false, std::memory_order_release);
+    if (hasRetired_.load(std::memory_order_relaxed)) {
+      Garbage garbage;  // released after unlocking: observers' destructors may call back in
       std::lock_guard lock(mutex_);
-      if (stopped_) return;
-      if (value_) *value_ = value;
-      snapshot = observers_;
-    }
-    for (const auto& entry : *snapshot) {
-      if (entry->removed.load(std::memory_order_acquire)) continue;
-      if (entry->replaying.load(std::memory_order_acquire) && park(*entry, Event<T>::next(value))) {
-        continue;
-      }
-      entry->observer->onNext(value);
+      collectRetiredLocked(garbage);
     }
   }
 
@@ -84,8 +94,10 @@ class SubjectCore : public std::enable_shared_from_this<SubjectCore<T>> {
     }
     auto next = std::make_shared<List>(*observers_);
     next->push_back(entry);
-    observers_ = std::move(next);
+    Garbage garbage;
+    publishLocked(std::move(next), garbage);
     lock.unlock();
+    garbage.clear();
 
     auto subscription = std::make_shared<Subscription>(this->weak_from_this(), entry);
     if (replay) {
@@ -136,24 +148,82 @@ class SubjectCore : public std::enable_shared_from_this<SubjectCore<T>> {
   }
 
   void remove(const std::shared_ptr<Entry>& entry) {
-    std::shared_ptr<const List> old;  // released outside the lock
+    Garbage garbage;  // released outside the lock
     std::lock_guard lock(mutex_);
     auto next = std::make_shared<List>();
     next->reserve(observers_->size());
     for (const auto& e : *observers_) {
       if (e != entry) next->push_back(e);
     }
-    old = std::exchange(observers_, std::move(next));
+    publishLocked(std::move(next), garbage);
   }
 
-  void terminate(Event<T> event) {
+  // Lists (and through them entries and observers) to release once the lock is let go, since an
+  // observer's destructor may dispose another subscription of this subject.
+  using Garbage = std::vector<std::shared_ptr<const List>>;
+
+  // Makes `next` the list that fan-outs read. The previous list goes to `garbage`, or waits in
+  // retired_ while a lock-free fan-out may still be reading it.
+  void publishLocked(std::shared_ptr<const List> next, Garbage& garbage) {
+    auto old = std::exchange(observers_, std::move(next));
+    current_.store(observers_.get(), std::memory_order_seq_cst);
+    heavyBarrier();
+    if (emitting_.load(std::memory_order_seq_cst)) {
+      retired_.push_back(std::move(old));
+      hasRetired_.store(true, std::memory_order_relaxed);
+      return;
+    }
+    garbage.push_back(std::move(old));
+    moveRetired(garbage);
+  }
+
+  // Hands the parked lists to `garbage` unless a lock-free fan-out is running; that one collects
+  // them when done.
+  void collectRetiredLocked(Garbage& garbage) {
+    if (retired_.empty()) return;
+    heavyBarrier();
+    if (emitting_.load(std::memory_order_seq_cst)) return;
+    moveRetired(garbage);
+  }
+  void moveRetired(Garbage& garbage) {
+    if (retired_.empty()) return;
+    for (auto& list : retired_) garbage.push_back(std::move(list));
+    retired_.clear();
+    hasRetired_.store(false, std::memory_order_relaxed);
+  }
+
+  void lockedNext(const T& value) {
     std::shared_ptr<const List> snapshot;
     {
       std::lock_guard lock(mutex_);
       if (stopped_) return;
+      if (value_) *value_ = value;
+      snapshot = observers_;
+    }
+    deliverNext(*snapshot, value);
+  }
+
+  static void deliverNext(const List& list, const T& value) {
+    for (const auto& entry : list) {
+      if (entry->removed.load(std::memory_order_acquire)) continue;
+      if (entry->replaying.load(std::memory_order_acquire) && park(*entry, Event<T>::next(value))) {
+        continue;
+      }
+      entry->observer->onNext(value);
+    }
+  }
+
+  void terminate(Event<T> event) {
+    std::shared_ptr<const List> snapshot;
+    Garbage garbage;
+    {
+      std::lock_guard lock(mutex_);
+      if (stopped_) return;
       stopped_ = true;
+      stoppedFlag_.store(true, std::memory_order_release);
       error_ = event.error();
-      snapshot = std::exchange(observers_, emptyList());
+      snapshot = observers_;
+      publishLocked(emptyList(), garbage);
     }
     for (const auto& entry : *snapshot) {
       if (entry->removed.load(std::memory_order_acquire)) continue;
@@ -200,9 +270,15 @@ class SubjectCore : public std::enable_shared_from_this<SubjectCore<T>> {
     }
   }
 
-  mutable std::mutex mutex_;
-  std::shared_ptr<const List> observers_;
+  mutable std::mutex mutex_;               // guards everything below but the atomics
+  std::shared_ptr<const List> observers_;  // the list, owned
+  std::atomic<const List*> current_;       // the same list, for lock-free fan-outs
+  std::vector<std::shared_ptr<const List>> retired_;
+  std::atomic<bool> hasRetired_{false};   // retired_ is not empty (a hint, read without lock)
+  std::atomic<bool> emitting_{false};     // a lock-free fan-out is running
+  std::atomic<bool> stoppedFlag_{false};  // stopped_, for lock-free fan-outs
   std::optional<T> value_;
+  const bool replays_ = value_.has_value();
   bool stopped_ = false;
   std::exception_ptr error_;
 };

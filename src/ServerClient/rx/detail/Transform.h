@@ -1,18 +1,25 @@
 #pragma once
 // Internal: included by Observable.h. Single-upstream, element-by-element operators. None of them
-// locks or allocates per element: the user function is stored by value and called directly.
+// locks or allocates per element: the user function is stored by value and called directly, and
+// runs of map, compactMap and filter share one sink (Pipeline).
 
 namespace kel::rx {
 namespace detail {
 
-template <class T, class U, class F>
-class MapSink final : public Sink<T, U> {
+/// One sink for a run of map, compactMap and filter: `Stage` is the run composed into a single
+/// function `stage(value, emit)` that calls `emit` with the run's result, or not at all when a
+/// filter dropped the element. The lambdas of the run are inlined into each other, so an element
+/// costs one virtual call for the whole run instead of one per operator.
+template <class In, class Out, class Stage, class Final = ObserverBase<Out>>
+class PipelineSink final : public Sink<In, Out> {
  public:
-  MapSink(Observer<U> down, const F& f) : Sink<T, U>(std::move(down)), f_(f) {}
-  void onNext(const T& value) override {
+  PipelineSink(std::shared_ptr<Final> down, const Stage& stage)
+      : Sink<In, Out>(Observer<Out>(down)), next_(down.get()), stage_(stage) {}
+  void onNext(const In& value) override {
     if (!this->live()) return;
     try {
-      this->down_.onNext(std::invoke(f_, value));
+      // next_ is down_'s observer, typed: when it is a final class the call below is direct.
+      stage_(value, [this](const Out& result) { next_->onNext(result); });
     } catch (...) {
       this->forwardError(std::current_exception());
     }
@@ -21,46 +28,125 @@ class MapSink final : public Sink<T, U> {
   void onCompleted() override { this->forwardCompleted(); }
 
  private:
-  F f_;
+  Final* next_;  // owned by down_, which outlives every call to onNext (live() checks it)
+  Stage stage_;
 };
 
-template <class T, class U, class F>
-class CompactMapSink final : public Sink<T, U> {
+template <class In, class Out, class Stage>
+class PipelineSource final : public Source<Out> {
  public:
-  CompactMapSink(Observer<U> down, const F& f) : Sink<T, U>(std::move(down)), f_(f) {}
-  void onNext(const T& value) override {
-    if (!this->live()) return;
-    try {
-      if (auto result = std::invoke(f_, value)) this->down_.onNext(*result);
-    } catch (...) {
-      this->forwardError(std::current_exception());
-    }
+  PipelineSource(Observable<In> upstream, Stage stage)
+      : upstream_(std::move(upstream)), stage_(std::move(stage)) {}
+  Disposable subscribe(Observer<Out> observer) const override {
+    if (!observer) return upstream_.subscribe(Observer<In>());
+    return runSink(std::make_shared<PipelineSink<In, Out, Stage>>(observer.impl(), stage_),
+                   upstream_);
   }
-  void onError(std::exception_ptr e) override { this->forwardError(std::move(e)); }
-  void onCompleted() override { this->forwardCompleted(); }
+  /// Subscribes callbacks with the element callback called directly from the stage.
+  template <class OnNext>
+  Disposable subscribeCallbacks(OnNext onNext, std::function<void(std::exception_ptr)> onError,
+                                std::function<void()> onCompleted,
+                                std::function<void()> onDisposed) const {
+    return detail::subscribeCallbacks<Out>(
+        [this](auto final) {
+          return runSink(std::make_shared<
+                             PipelineSink<In, Out, Stage, typename decltype(final)::element_type>>(
+                             std::move(final), stage_),
+                         upstream_);
+        },
+        std::move(onNext), std::move(onError), std::move(onCompleted), std::move(onDisposed));
+  }
 
  private:
-  F f_;
+  Observable<In> upstream_;
+  Stage stage_;
 };
 
-template <class T, class P>
-class FilterSink final : public Sink<T, T> {
+/// The stage of a single map, compactMap or filter.
+template <class F>
+auto mapStage(F f) {
+  return [f = std::move(f)](const auto& value, auto&& emit) { emit(std::invoke(f, value)); };
+}
+template <class F>
+auto compactMapStage(F f) {
+  return [f = std::move(f)](const auto& value, auto&& emit) {
+    if (auto result = std::invoke(f, value)) emit(*result);
+  };
+}
+template <class P>
+auto filterStage(P p) {
+  return [p = std::move(p)](const auto& value, auto&& emit) {
+    if (std::invoke(p, value)) emit(value);
+  };
+}
+/// `first` then `second`: what first emits goes through second.
+template <class First, class Second>
+auto chainStages(First first, Second second) {
+  return [first = std::move(first), second = std::move(second)](const auto& value, auto&& emit) {
+    first(value, [&second, &emit](const auto& middle) { second(middle, emit); });
+  };
+}
+
+template <class F, class T>
+using MapResult = std::decay_t<std::invoke_result_t<F&, const T&>>;
+template <class F, class T>
+using CompactMapResult = typename OptionalTraits<MapResult<F, T>>::Value;
+
+}  // namespace detail
+
+/// What map, compactMap and filter return: an Observable<Out> (it converts to one by slicing, and
+/// every other operator treats it as one) that remembers its source and its composed stage, so
+/// that a further map, compactMap or filter extends the same single sink instead of adding one.
+template <class In, class Out, class Stage>
+class Pipeline : public Observable<Out> {
  public:
-  FilterSink(Observer<T> down, const P& p) : Sink<T, T>(std::move(down)), p_(p) {}
-  void onNext(const T& value) override {
-    if (!this->live()) return;
-    try {
-      if (std::invoke(p_, value)) this->down_.onNext(value);
-    } catch (...) {
-      this->forwardError(std::current_exception());
-    }
+  Pipeline(Observable<In> upstream, Stage stage)
+      : Observable<Out>(
+            std::make_shared<const detail::PipelineSource<In, Out, Stage>>(upstream, stage)),
+        upstream_(std::move(upstream)),
+        stage_(std::move(stage)) {}
+
+  template <class F>
+  auto map(F f) const {
+    return extend<detail::MapResult<F, Out>>(detail::mapStage(std::move(f)));
   }
-  void onError(std::exception_ptr e) override { this->forwardError(std::move(e)); }
-  void onCompleted() override { this->forwardCompleted(); }
+  template <class F>
+  auto compactMap(F f) const {
+    static_assert(detail::OptionalTraits<detail::MapResult<F, Out>>::isOptional,
+                  "compactMap's function returns an optional");
+    return extend<detail::CompactMapResult<F, Out>>(detail::compactMapStage(std::move(f)));
+  }
+  template <class P>
+  auto filter(P pred) const {
+    return extend<Out>(detail::filterStage(std::move(pred)));
+  }
+
+  using Observable<Out>::subscribe;
+  template <class OnNext>
+  requires detail::PlainOnNext<OnNext, Out> Disposable
+  subscribe(OnNext onNext, std::function<void(std::exception_ptr)> onError = {},
+            std::function<void()> onCompleted = {}, std::function<void()> onDisposed = {})
+  const {
+    return source().subscribeCallbacks(std::move(onNext), std::move(onError),
+                                       std::move(onCompleted), std::move(onDisposed));
+  }
 
  private:
-  P p_;
+  template <class Next, class S>
+  auto extend(S next) const {
+    auto stage = detail::chainStages(stage_, std::move(next));
+    return Pipeline<In, Next, decltype(stage)>(upstream_, std::move(stage));
+  }
+
+  const detail::PipelineSource<In, Out, Stage>& source() const noexcept {
+    return static_cast<const detail::PipelineSource<In, Out, Stage>&>(*Observable<Out>::source());
+  }
+
+  Observable<In> upstream_;
+  Stage stage_;
 };
+
+namespace detail {
 
 template <class T, class Acc, class F>
 class ScanSink final : public Sink<T, Acc> {
@@ -303,29 +389,24 @@ struct EqualTo {
 template <class T>
 template <class F>
 auto Observable<T>::map(F f) const {
-  using U = std::decay_t<std::invoke_result_t<F&, const T&>>;
-  return detail::makeObservable<U>([up = *this, f = std::move(f)](Observer<U> o) {
-    return detail::runSink(std::make_shared<detail::MapSink<T, U, F>>(std::move(o), f), up);
-  });
+  auto stage = detail::mapStage(std::move(f));
+  return Pipeline<T, detail::MapResult<F, T>, decltype(stage)>(*this, std::move(stage));
 }
 
 template <class T>
 template <class F>
 auto Observable<T>::compactMap(F f) const {
-  using R = std::decay_t<std::invoke_result_t<F&, const T&>>;
-  static_assert(detail::OptionalTraits<R>::isOptional, "compactMap's function returns an optional");
-  using U = typename detail::OptionalTraits<R>::Value;
-  return detail::makeObservable<U>([up = *this, f = std::move(f)](Observer<U> o) {
-    return detail::runSink(std::make_shared<detail::CompactMapSink<T, U, F>>(std::move(o), f), up);
-  });
+  static_assert(detail::OptionalTraits<detail::MapResult<F, T>>::isOptional,
+                "compactMap's function returns an optional");
+  auto stage = detail::compactMapStage(std::move(f));
+  return Pipeline<T, detail::CompactMapResult<F, T>, decltype(stage)>(*this, std::move(stage));
 }
 
 template <class T>
 template <class P>
-Observable<T> Observable<T>::filter(P pred) const {
-  return detail::makeObservable<T>([up = *this, p = std::move(pred)](Observer<T> o) {
-    return detail::runSink(std::make_shared<detail::FilterSink<T, P>>(std::move(o), p), up);
-  });
+auto Observable<T>::filter(P pred) const {
+  auto stage = detail::filterStage(std::move(pred));
+  return Pipeline<T, T, decltype(stage)>(*this, std::move(stage));
 }
 
 template <class T>
