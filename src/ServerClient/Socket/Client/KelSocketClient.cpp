@@ -59,9 +59,9 @@ class SocketThreadScheduler final : public rx::Scheduler {
 // The request's frame under another identifier.
 std::optional<std::string> renumberedFrame(const AnyRequest& request, std::int64_t id) noexcept {
   try {
-    auto wireObject = request.toDictionary();
-    wireObject["id"] = id;
-    return detail::requestFrame(wireObject);
+    const auto wireObject = request.toDictionary();
+    return detail::requestFrame(id, wireObject.at("path").get<std::string>(),
+                                wireObject.at("method").get<std::string>(), &wireObject.at("body"));
   } catch (...) {
     return std::nullopt;
   }

@@ -34,8 +34,9 @@ inline constexpr std::chrono::seconds kDefaultRequestTimeout{20};
 inline constexpr std::int64_t kMaxRequestID = 2147483646;
 
 /// A fresh request identifier, uniform in [0, kMaxRequestID], from the operating system's secure
-/// random source. Not checked against identifiers still pending: with 2^31 values a clash among
-/// a handful of pending requests is negligible.
+/// random source. Two pending requests can still draw the same one (with 10,000 pending, about
+/// once in 40 batches), so the socket client sends a request whose identifier is pending under a
+/// fresh one.
 std::int64_t makeRequestID();
 
 namespace detail {
