@@ -16,6 +16,7 @@
 #include <boost/url/parse.hpp>
 #include <boost/url/url.hpp>
 
+#include "ServerClient/rx/Schedulers.h"
 #include "ServerClient/rx/Single.h"
 
 namespace example {
@@ -36,6 +37,19 @@ T await(const kel::rx::Single<T>& single, const std::string& what,
     throw std::runtime_error(what + ": no answer in time");
   }
   return future.get();
+}
+
+/// Returns once the main scheduler has run everything queued on it before the call. The domain
+/// handlers' streams start listening on the main scheduler, so a program that subscribes and
+/// then asks for a change whose event it wants calls this in between; an event the server sends
+/// before the subscription listens is not seen.
+inline void untilListening() {
+  auto ran = std::make_shared<std::promise<void>>();
+  auto future = ran->get_future();
+  kel::rx::MainScheduler::instance()->schedule([ran] { ran->set_value(); });
+  if (future.wait_for(std::chrono::seconds(25)) != std::future_status::ready) {
+    throw std::runtime_error("the main scheduler did not run in time");
+  }
 }
 
 inline boost::urls::url url(const char* text) {

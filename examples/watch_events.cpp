@@ -75,6 +75,7 @@ int main(int argc, char** argv) {
     subscriptions.insert(server->groupEventHandler()->groupDeleted().subscribe(
         [&](const std::string& id) { events.print("group deleted " + id); }));
 
+    example::untilListening();
     const auto subscribed =
         example::await(server->presencesService()->subscribe(addresses), "subscription");
     for (const auto& presence : subscribed.presences) {

@@ -14,6 +14,7 @@
 #include "ServerClient/Client/KelServer.h"
 #include "ServerClient/Presence/Event/PresencesEventHandler.h"
 #include "ServerClient/Presence/Service/PresencesService.h"
+#include "ServerClient/rx/Schedulers.h"
 
 namespace {
 
@@ -58,6 +59,13 @@ int main(int argc, char** argv) {
     auto changed = std::make_shared<std::promise<kel::PresenceDTO>>();
     auto events = server->presenceEventHandler()->presenceUpdated().take(1).subscribe(
         [changed](const kel::PresenceDTO& presence) { changed->set_value(presence); });
+    // The handler's stream starts listening on the main scheduler: wait until it has run.
+    auto listening = std::make_shared<std::promise<void>>();
+    kel::rx::MainScheduler::instance()->schedule([listening] { listening->set_value(); });
+    if (listening->get_future().wait_for(10s) != std::future_status::ready) {
+      std::fprintf(stderr, "the main scheduler did not run within 10 s\n");
+      return 1;
+    }
     await(presences->update({.address = address, .note = "from the consumer"}), "update");
     auto event = changed->get_future();
     if (event.wait_for(10s) != std::future_status::ready) {
