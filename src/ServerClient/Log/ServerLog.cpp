@@ -1,8 +1,6 @@
 #include "ServerClient/Log/ServerLog.h"
 
-#include <spdlog/async_logger.h>
 #include <spdlog/details/log_msg.h>
-#include <spdlog/details/thread_pool.h>
 #include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/sink.h>
 #include <spdlog/sinks/stdout_sinks.h>
@@ -17,9 +15,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <exception>
 #include <mutex>
 #include <optional>
+#include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -29,9 +30,6 @@ namespace {
 constexpr std::string_view kLineTag = "SDKLog - KEL - ";
 constexpr const char* kLoggerName = "ServerClient";
 constexpr std::size_t kQueueCapacity = 8192;
-// How long flush() waits for its marker before posting another one; a marker is only lost when
-// the queue overflowed behind it.
-constexpr std::chrono::milliseconds kFlushRepostInterval{500};
 constexpr std::chrono::seconds kExitFlushPatience{2};
 constexpr unsigned kMaxReportedErrors = 10;
 
@@ -230,34 +228,114 @@ class DispatchSink final : public spdlog::sinks::sink {
   std::atomic<unsigned> mask_{0};  // union of the entries' levels, for the lock-free check
 };
 
-// Receives numbered markers queued behind the lines; seeing marker n proves that everything
-// queued before it has been handled, because one thread drains the queue in order.
-class BarrierSink final : public spdlog::sinks::sink {
+// The queue between the threads that log and the one thread that writes. Bounded: when it is full
+// the oldest line is dropped, so a thread that logs never waits for a slow sink, it only takes the
+// mutex for the push. The writing thread starts with the first line and then sleeps on the
+// condition with no time-out, so an idle process is never woken by its logger, and a drained
+// queue keeps no memory.
+class LineQueue {
  public:
-  void log(const spdlog::details::log_msg& msg) override {
-    std::uint64_t ticket = 0;
-    const char* begin = msg.payload.data();
-    std::from_chars(begin, begin + msg.payload.size(), ticket);
+  explicit LineQueue(std::shared_ptr<DispatchSink> dispatch) : dispatch_(std::move(dispatch)) {}
+
+  void push(spdlog::log_clock::time_point time, spdlog::level::level_enum level, std::string text) {
     {
       std::lock_guard lock(mutex_);
-      if (ticket > seen_) seen_ = ticket;
+      if (!started_) start();
+      if (lines_.size() >= kQueueCapacity) {
+        lines_.pop_front();
+        ++dropped_;
+      }
+      lines_.push_back({time, level, std::move(text)});
     }
-    seenChanged_.notify_all();
+    wake_.notify_one();
   }
 
-  bool waitFor(std::uint64_t ticket, std::chrono::steady_clock::duration timeout) {
+  // Writes every line pushed before the call and flushes the loggers; false if `deadline`
+  // passed first.
+  bool flushUntil(std::optional<std::chrono::steady_clock::time_point> deadline) {
     std::unique_lock lock(mutex_);
-    return seenChanged_.wait_for(lock, timeout, [&] { return seen_ >= ticket; });
+    if (!started_) start();
+    const std::uint64_t request = ++flushesRequested_;
+    wake_.notify_one();
+    const auto done = [&] { return flushesDone_ >= request; };
+    if (!deadline) {
+      flushed_.wait(lock, done);
+      return true;
+    }
+    return flushed_.wait_until(lock, *deadline, done);
   }
-
-  void flush() override {}
-  void set_pattern(const std::string& /*pattern*/) override {}
-  void set_formatter(std::unique_ptr<spdlog::formatter> /*formatter*/) override {}
 
  private:
-  std::mutex mutex_;
-  std::condition_variable seenChanged_;
-  std::uint64_t seen_ = 0;  // guarded by mutex_: the highest marker handled
+  struct Line {
+    spdlog::log_clock::time_point time;
+    spdlog::level::level_enum level;
+    std::string text;
+  };
+
+  // Under mutex_. The thread is never joined: the queue lives as long as the process.
+  void start() {
+    std::thread([this] {
+      pthread_setname_np(pthread_self(), "kel-log");
+      run();
+    }).detach();
+    started_ = true;
+  }
+
+  void run() {
+    std::deque<Line> batch;
+    std::unique_lock lock(mutex_);
+    for (;;) {
+      wake_.wait(lock, [&] { return !lines_.empty() || flushesDone_ < flushesRequested_; });
+      batch.swap(lines_);
+      const std::uint64_t flushes = flushesRequested_;
+      const std::uint64_t dropped = std::exchange(dropped_, 0);
+      lock.unlock();
+      if (dropped > 0) {
+        reportLoggingError(std::to_string(dropped) + " lines dropped, the log queue was full");
+      }
+      write(batch);
+      batch = {};  // gives the memory back while idle
+      if (flushes > flushesDone_) flushLoggers();
+      lock.lock();
+      if (flushes > flushesDone_) {
+        flushesDone_ = flushes;
+        flushed_.notify_all();
+      }
+    }
+  }
+
+  void write(const std::deque<Line>& batch) noexcept {
+    for (const Line& line : batch) {
+      try {
+        // No source location is passed on: its pointers would dangle by now.
+        dispatch_->log(spdlog::details::log_msg(line.time, {}, kLoggerName, line.level, line.text));
+      } catch (const std::exception& e) {
+        reportLoggingError(e.what());
+      } catch (...) {
+        reportLoggingError("unknown exception while writing");
+      }
+    }
+  }
+
+  void flushLoggers() noexcept {
+    try {
+      dispatch_->flush();
+    } catch (const std::exception& e) {
+      reportLoggingError(e.what());
+    } catch (...) {
+      reportLoggingError("unknown exception while flushing");
+    }
+  }
+
+  const std::shared_ptr<DispatchSink> dispatch_;
+  std::mutex mutex_;  // guards everything below
+  std::condition_variable wake_;
+  std::condition_variable flushed_;
+  std::deque<Line> lines_;
+  std::uint64_t dropped_ = 0;
+  std::uint64_t flushesRequested_ = 0;
+  std::uint64_t flushesDone_ = 0;  // every line pushed before this request was written
+  bool started_ = false;
 };
 
 ServerLog* sharedInstancePointer = nullptr;
@@ -302,54 +380,16 @@ std::string formattedLine(std::string_view message, std::string_view file,
 
 struct ServerLog::State {
   State()
-      : pool(std::make_shared<spdlog::details::thread_pool>(
-            kQueueCapacity, 1, [] { pthread_setname_np(pthread_self(), "kel-log"); })),
-        consoleLogger(std::make_shared<ForwardingSink>(makeDefaultConsoleSink())),
+      : consoleLogger(std::make_shared<ForwardingSink>(makeDefaultConsoleSink())),
         printer(std::make_shared<ForwardingSink>(makeDefaultPrintSink())),
         dispatch(std::make_shared<DispatchSink>()),
-        barrier(std::make_shared<BarrierSink>()),
-        dispatcher(std::make_shared<spdlog::async_logger>(
-            kLoggerName, dispatch, pool, spdlog::async_overflow_policy::overrun_oldest)),
-        barrierLogger(std::make_shared<spdlog::async_logger>(
-            "ServerClient.flush", barrier, pool, spdlog::async_overflow_policy::overrun_oldest)) {
-    for (const auto& logger : {dispatcher, barrierLogger}) {
-      logger->set_level(spdlog::level::trace);  // filtering is the dispatcher's job
-      logger->flush_on(spdlog::level::off);
-      logger->set_error_handler([](const std::string& what) { reportLoggingError(what); });
-    }
-  }
+        queue(dispatch) {}
 
-  // Queues a flush of the loggers and a marker behind everything queued so far, then waits for
-  // the marker. Returns false if `deadline` passed first.
-  bool flushUntil(std::optional<std::chrono::steady_clock::time_point> deadline) {
-    for (;;) {
-      std::uint64_t ticket = 0;
-      {
-        // Markers are queued in ticket order, so a later marker also proves an earlier one.
-        std::lock_guard lock(flushMutex);
-        ticket = ++lastTicket;
-        dispatcher->flush();
-        barrierLogger->log(spdlog::level::info, std::to_string(ticket));
-      }
-      auto wait = std::chrono::steady_clock::duration(kFlushRepostInterval);
-      if (deadline) wait = std::min(wait, *deadline - std::chrono::steady_clock::now());
-      if (barrier->waitFor(ticket, wait)) return true;
-      if (deadline && std::chrono::steady_clock::now() >= *deadline) return false;
-    }
-  }
-
-  // Declared first: the loggers hold it weakly and it must outlive them.
-  std::shared_ptr<spdlog::details::thread_pool> pool;
   std::shared_ptr<ForwardingSink> consoleLogger;  // the console logger, added by addLoggers
   std::shared_ptr<ForwardingSink> printer;        // the NSLog-style print, synchronous
   std::shared_ptr<DispatchSink> dispatch;
-  std::shared_ptr<BarrierSink> barrier;
-  std::shared_ptr<spdlog::async_logger> dispatcher;
-  std::shared_ptr<spdlog::async_logger> barrierLogger;
+  LineQueue queue;
   std::atomic<bool> shouldDisplayInRelease{false};
-
-  std::mutex flushMutex;
-  std::uint64_t lastTicket = 0;  // guarded by flushMutex
 };
 
 ServerLog::ServerLog() : state_(std::make_unique<State>()) {}
@@ -363,8 +403,8 @@ ServerLog& ServerLog::sharedInstance() {
     sharedInstancePointer = created;
     std::atexit([] {
       try {
-        sharedInstancePointer->state_->flushUntil(std::chrono::steady_clock::now() +
-                                                  kExitFlushPatience);
+        sharedInstancePointer->state_->queue.flushUntil(std::chrono::steady_clock::now() +
+                                                        kExitFlushPatience);
       } catch (...) {
         // Nothing sensible is left to do with a failure while the program ends.
       }
@@ -407,14 +447,13 @@ void ServerLog::log(LogFlag flag, std::string_view message, std::string_view fil
     const bool dispatch = state.dispatch->admits(flag);
     if (!print && !dispatch) return;
 
-    const std::string text = formattedLine(message, file, function, line);
+    std::string text = formattedLine(message, file, function, line);
     const auto level = spdlogLevel(flag);
     const auto now = spdlog::log_clock::now();
     if (print) {
       state.printer->log(spdlog::details::log_msg(now, {}, kLoggerName, level, text));
     }
-    // No source location is passed on: its pointers could dangle before the logging thread runs.
-    if (dispatch) state.dispatcher->log(now, {}, level, text);
+    if (dispatch) state.queue.push(now, level, std::move(text));
   } catch (const std::exception& e) {
     reportLoggingError(e.what());
   } catch (...) {
@@ -424,7 +463,7 @@ void ServerLog::log(LogFlag flag, std::string_view message, std::string_view fil
 
 void ServerLog::flush() noexcept {
   try {
-    state_->flushUntil(std::nullopt);
+    state_->queue.flushUntil(std::nullopt);
   } catch (const std::exception& e) {
     reportLoggingError(e.what());
   } catch (...) {

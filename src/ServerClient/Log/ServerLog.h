@@ -36,16 +36,17 @@ constexpr bool levelAdmits(LogLevel level, LogFlag flag) noexcept {
 ///  - if `shouldDisplayInRelease` is on, printed at once, synchronously, by the print sink
 ///    (stderr by default, each line prefixed like NSLog: local time, process name, pid and thread
 ///    id), whatever its level;
-///  - queued for the library's own asynchronous dispatcher (a dedicated spdlog thread pool with one
-///    thread, never spdlog's global registry or default logger), which writes it to every added
-///    logger whose level admits the line's flag. Today the only logger is the console logger, whose
-///    sink is stderr by default (the console that a terminal, a container runtime or journald
-///    collects on Linux); an application that wants syslog installs spdlog's `syslog_sink_mt` with
-///    `setConsoleSink`.
+///  - queued for the library's own asynchronous dispatcher (one thread of its own, started with the
+///    first queued line, never spdlog's global registry or default logger), which writes it to
+///    every added logger whose level admits the line's flag. Today the only logger is the console
+///    logger, whose sink is stderr by default (the console that a terminal, a container runtime or
+///    journald collects on Linux); an application that wants syslog installs spdlog's
+///    `syslog_sink_mt` with `setConsoleSink`.
 ///
 /// Queue overflow: the dispatcher queue holds 8192 lines. When it is full the oldest queued line
-/// is dropped (spdlog's `overrun_oldest`), so a thread that logs never waits for a slow sink; it
-/// only takes the queue's mutex for the push.
+/// is dropped (and the loss reported on stderr), so a thread that logs never waits for a slow
+/// sink; it only takes the queue's mutex for the push. The dispatcher sleeps while there is
+/// nothing to write, with no periodic wake-up, and keeps no memory once drained.
 ///
 /// Errors: logging never throws. Any failure, on the caller's thread or on the logging thread,
 /// goes to one handler that reports the first few on stderr and then stays quiet.

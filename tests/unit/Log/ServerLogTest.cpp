@@ -4,6 +4,7 @@
 #include <spdlog/sinks/base_sink.h>
 #include <spdlog/sinks/ostream_sink.h>
 
+#include <future>
 #include <mutex>
 #include <sstream>
 #include <stdexcept>
@@ -122,6 +123,38 @@ TEST_F(ServerLogTest, ConcurrentLoggingLosesNoLineAndFlushWaitsForAll) {
   const auto lines = linesOf(console_);
   ASSERT_EQ(1000u, lines.size());
   for (const auto& line : lines) EXPECT_EQ("SDKLog - KEL - [f]:[1 worker]: line", line);
+}
+
+// A sink that holds the writing thread on its first line until released.
+class GateSink final : public spdlog::sinks::base_sink<std::mutex> {
+ public:
+  std::promise<void> entered, release;
+  Lines lines;
+
+ protected:
+  void sink_it_(const spdlog::details::log_msg& msg) override {
+    if (lines.empty()) {
+      entered.set_value();
+      release.get_future().wait();
+    }
+    lines.emplace_back(msg.payload.data(), msg.payload.size());
+  }
+  void flush_() override {}
+};
+
+TEST_F(ServerLogTest, AFullQueueDropsItsOldestLinesNeverTheCaller) {
+  auto gate = std::make_shared<GateSink>();
+  log_.setConsoleSink(gate);
+  log_.addLoggers(LogLevel::debug, false);
+  log_.debug("first", "f.cpp", "g", 1);
+  gate->entered.get_future().wait();
+  constexpr int kQueued = 8192, kOver = 100;
+  for (int i = 0; i < kQueued + kOver; ++i) log_.debug(std::to_string(i), "f.cpp", "g", 1);
+  gate->release.set_value();
+  log_.flush();
+  ASSERT_EQ(1u + kQueued, gate->lines.size());
+  EXPECT_EQ("SDKLog - KEL - [f]:[1 g]: " + std::to_string(kOver), gate->lines[1]);
+  EXPECT_EQ("SDKLog - KEL - [f]:[1 g]: " + std::to_string(kQueued + kOver - 1), gate->lines.back());
 }
 
 TEST(FormattedLine, HasTheFixedLayoutNamingTheFileByItsLastPathPieceUpToItsFirstDot) {
