@@ -44,7 +44,7 @@ class DeviceInfo {
 };
 
 /// The device as Linux describes it: os-release, uname, DMI, and an identifier file of its own
-/// (see DeviceInfo.h). Never throws: what cannot be read falls back as described there.
+/// (see DeviceInfo.h). What cannot be read falls back as described there.
 class LinuxDeviceInfo final : public DeviceInfo {
  public:
   /// Reads the system's files; the identifier lives in the default configuration directory.

@@ -51,7 +51,7 @@ using HTTPHeaderField = std::pair<std::string, std::string>;
 
 /// One HTTP request, as HTTPClient::send() takes it. A plain value. What HTTP cannot carry (a
 /// method or field name that is not a token, a field value with CR, LF or NUL, a URL that is not
-/// http or https with a host) fails the exchange with HTTPClientError::Kind::invalidRequest.
+/// http or https with a host) fails BeastHTTPClient's exchange with an invalidRequest error.
 struct HTTPRequest {
   /// The time-out of a request that sets none.
   static constexpr std::chrono::milliseconds kDefaultTimeout{std::chrono::seconds(60)};

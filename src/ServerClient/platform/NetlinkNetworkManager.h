@@ -51,8 +51,8 @@ OvNetworkStatus reachabilityOf(const std::vector<NetworkInterface>& interfaces);
 std::vector<NetworkInterface> currentNetworkInterfaces();
 
 /// Network reachability on Linux from the kernel's routing netlink socket, followed on a thread
-/// of its own ("kel-netlink"); see NetlinkNetworkManager.h for the rule and the threads. Never
-/// throws: without netlink it reports the status read at construction, and logs why.
+/// of its own ("kel-netlink"); see NetlinkNetworkManager.h for the rule and the threads. Without
+/// netlink it keeps the status read at construction, and logs why.
 class NetlinkNetworkManager final : public OvNetworkManager {
  public:
   /// Decides the status from the interfaces.

@@ -120,9 +120,9 @@ class WebSocketTaskConnectionWrapper final : public Socket, public SocketExecuto
   /// std::invalid_argument for another scheme, a URL without host, a protocol that is not an
   /// HTTP token or a certificate authority that cannot be read.
   WebSocketTaskConnectionWrapper(boost::urls::url url, std::vector<std::string> protocols);
-  /// The same with `options`; also throws std::invalid_argument for a pin that is not the
-  /// base64 text of 32 bytes or a system trust store that cannot be loaded. No thread is started
-  /// and nothing is connected yet.
+  /// The same with `options`; for a wss:// URL, also throws std::invalid_argument for a pin that
+  /// is not the base64 text of 32 bytes or a system trust store that cannot be loaded. No thread
+  /// is started and nothing is connected yet.
   WebSocketTaskConnectionWrapper(boost::urls::url url, std::vector<std::string> protocols,
                                  Options options);
   /// Drops an open connection without a closing handshake, makes no further delegate call and,

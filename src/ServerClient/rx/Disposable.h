@@ -43,9 +43,9 @@ class DisposableState {
 /// disposes all. A default-constructed handle owns nothing: disposing it does nothing and it never
 /// reports itself disposed. Dropping a handle does not dispose it.
 ///
-/// All members are thread-safe. Disposal runs its work (cancelling timers, disposing upstream
-/// subscriptions, dispose actions) on the thread that calls dispose() first, before that call
-/// returns; later calls return at once.
+/// All members are thread-safe. Disposal does its work (releasing scheduled actions, disposing
+/// upstream subscriptions, running dispose actions) on the thread that calls dispose() first,
+/// before that call returns; later calls return at once.
 class Disposable {
  public:
   /// A handle that owns nothing.

@@ -101,8 +101,8 @@ class Observable {
   static Observable create(std::function<Disposable(Observer<T>)> subscribe);
   /// Emits `value` and completes, inside subscribe() on the subscribing thread.
   static Observable just(T value);
-  /// Emits `values` in order and completes, inside subscribe(); stops early when the subscriber
-  /// no longer wants elements (a take(n) downstream, a dispose from inside onNext).
+  /// Emits `values` in order and completes, inside subscribe(); stops early once the subscriber
+  /// accepts no more (a take(n) downstream, an onNext callback that threw).
   static Observable from(std::vector<T> values);
   /// Fails with `error`, inside subscribe().
   static Observable error(std::exception_ptr error);
