@@ -21,16 +21,20 @@ class ApplicationLifecycle {
   /// The process-wide instance the library listens to unless given another.
   static const std::shared_ptr<ApplicationLifecycle>& shared();
 
-  /// Emits each time the application is about to enter the foreground.
+  /// Emits each time the application is about to enter the foreground; never completes.
   rx::Observable<rx::Unit> willEnterForeground() const {
     return willEnterForeground_.asObservable();
   }
-  /// Emits each time the application has entered the background.
+  /// Emits each time the application has entered the background; never completes.
   rx::Observable<rx::Unit> didEnterBackground() const { return didEnterBackground_.asObservable(); }
 
+  /// Tells the library that the application is about to enter the foreground:
+  /// willEnterForeground() emits. Thread-safe; may return before delivery (see the class).
   void postWillEnterForeground() const {
     emitter_.run([this] { willEnterForeground_.accept(rx::Unit{}); });
   }
+  /// Tells the library that the application has entered the background: didEnterBackground()
+  /// emits. Thread-safe; may return before delivery (see the class).
   void postDidEnterBackground() const {
     emitter_.run([this] { didEnterBackground_.accept(rx::Unit{}); });
   }

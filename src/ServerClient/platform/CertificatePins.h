@@ -14,10 +14,16 @@ namespace kel::platform {
 /// Rotation: keep the key in use in `pins` and the next one in `backupPins` before the server
 /// switches; both are accepted, and a connection accepted only through a backup pin is logged,
 /// as the moment to move that pin into `pins`. No pins at all: no pinning.
+///
+/// A pin that is not the base64 text of 32 bytes makes the construction of the HTTP client, or of
+/// a wss:// WebSocket, throw std::invalid_argument (see makeTlsClientContext()). A server whose
+/// chain holds no pinned key fails the handshake: the WebSocket reports a CertificatePinMismatch,
+/// the HTTP client an HTTPClientError of kind pinMismatch.
 struct CertificatePins {
-  std::vector<std::string> pins;
-  std::vector<std::string> backupPins;
+  std::vector<std::string> pins;        ///< The keys in use.
+  std::vector<std::string> backupPins;  ///< The next keys, accepted as well during a rotation.
 
+  /// True when no pin at all is set: the connection is then not pinned.
   bool empty() const noexcept { return pins.empty() && backupPins.empty(); }
 };
 

@@ -1,19 +1,20 @@
 #pragma once
 
-// The HTTP client that the sign-in calls use: one request, one response, no streaming.
-//
-// HTTPClient is the interface; BeastHTTPClient is the real one (HTTP/1.1 over TCP or TLS, on
-// Boost.Beast) and InMemoryHTTPClient the twin that unit tests script.
-//
-// Completion
-// - send() starts the exchange at once and calls the completion exactly once: with the response,
-//   or with an HTTPClientError. It is never called after the returned Disposable was disposed
-//   (which also stops the exchange) or once the client has been destroyed.
-// - Any status is a response, 4xx and 5xx included; redirects are not followed (a 3xx is
-//   returned as it is), since the sign-in server never redirects and a silent redirect would
-//   post a token to a place nobody chose.
-// - dataTask() wraps send() as an rx::Single; disposing the subscription drops the result but
-//   lets the exchange run to its end (the server may already be acting on it).
+/// @file
+/// The HTTP client that the sign-in calls use: one request, one response, no streaming.
+///
+/// HTTPClient is the interface; BeastHTTPClient is the real one (HTTP/1.1 over TCP or TLS, on
+/// Boost.Beast) and InMemoryHTTPClient the twin that unit tests script.
+///
+/// <b>Completion</b>
+/// - send() starts the exchange at once and calls the completion exactly once: with the response,
+///   or with an HTTPClientError. It is never called after the returned Disposable was disposed
+///   (which also stops the exchange) or once the client has been destroyed.
+/// - Any status is a response, 4xx and 5xx included; redirects are not followed (a 3xx is
+///   returned as it is), since the sign-in server never redirects and a silent redirect would
+///   post a token to a place nobody chose.
+/// - dataTask() wraps send() as an rx::Single; disposing the subscription drops the result but
+///   lets the exchange run to its end (the server may already be acting on it).
 
 #include <atomic>
 #include <chrono>
@@ -45,12 +46,19 @@ namespace detail {
 class NetworkThread;
 }  // namespace detail
 
+/// A header field's name and value.
 using HTTPHeaderField = std::pair<std::string, std::string>;
 
+/// One HTTP request, as HTTPClient::send() takes it. A plain value. What HTTP cannot carry (a
+/// method or field name that is not a token, a field value with CR, LF or NUL, a URL that is not
+/// http or https with a host) fails BeastHTTPClient's exchange with an invalidRequest error.
 struct HTTPRequest {
+  /// The time-out of a request that sets none.
   static constexpr std::chrono::milliseconds kDefaultTimeout{std::chrono::seconds(60)};
 
+  /// A GET without URL.
   HTTPRequest() = default;
+  /// A request of `requestMethod` ("GET", "POST", ...) for `requestURL`.
   HTTPRequest(std::string requestMethod, boost::urls::url requestURL)
       : method(std::move(requestMethod)), url(std::move(requestURL)) {}
 
@@ -61,12 +69,13 @@ struct HTTPRequest {
   /// Sent in order, after the client's own Host, User-Agent and Content-Length fields. A field
   /// may appear more than once.
   std::vector<HTTPHeaderField> headerFields;
+  /// Sent as it is; with a Content-Length field (see BeastHTTPClient).
   std::string body;
   /// Bounds the whole exchange: name resolution, connecting, the TLS handshake, writing the
   /// request and reading the full response.
   std::chrono::milliseconds timeout = kDefaultTimeout;
   /// Sends the stored cookies for the URL (unless headerFields already holds a "Cookie" field)
-  /// and stores the response's Set-Cookie fields.
+  /// and stores the response's Set-Cookie fields, in the client's cookie storage.
   bool shouldHandleCookies = true;
 
   /// Adds a header field; one of the same name that is already there stays.
@@ -75,19 +84,24 @@ struct HTTPRequest {
   }
 };
 
+/// The server's answer: any status, 4xx and 5xx included.
 struct HTTPResponse {
+  /// The status code: 200, 401, 503, ...
   int statusCode = 0;
   /// As received, in order; names keep the server's spelling.
   std::vector<HTTPHeaderField> headerFields;
+  /// The whole body, de-chunked.
   std::string body;
 
   /// The first field of that name, compared case-insensitively.
   std::optional<std::string> value(std::string_view field) const;
 };
 
-/// Why an exchange produced no response. what() names the URL and the cause.
+/// Why an exchange produced no response. what() names the method, the URL and the cause; it
+/// holds neither the request's fields nor its body.
 class HTTPClientError : public std::runtime_error {
  public:
+  /// The cause, for deciding what to do: retry later, report a configuration problem, and so on.
   enum class Kind {
     invalidRequest,    ///< not an http(s) URL with a host, or a method/field HTTP cannot carry
     cannotConnect,     ///< name resolution or TCP connection failed
@@ -99,11 +113,14 @@ class HTTPClientError : public std::runtime_error {
     networkError,      ///< reading or writing failed otherwise
   };
 
+  /// An error of `kind` with the underlying `code` and the message `what`.
   HTTPClientError(Kind kind, std::error_code code, const std::string& what)
       : std::runtime_error(what), kind_(kind), code_(code) {}
 
+  /// The cause.
   Kind kind() const noexcept { return kind_; }
-  /// The underlying system, Asio, Beast or OpenSSL error; empty for invalidRequest.
+  /// The underlying system, Asio, Beast or OpenSSL error; empty when send() refused the request
+  /// before starting it (invalidRequest).
   std::error_code code() const noexcept { return code_; }
 
  private:
@@ -111,6 +128,10 @@ class HTTPClientError : public std::runtime_error {
   std::error_code code_;
 };
 
+/// Sends one HTTP request and delivers its response: the interface of the sign-in calls, with
+/// BeastHTTPClient the real implementation and InMemoryHTTPClient the scripted one. send() may be
+/// called from any thread, any number of times at once. See HTTPClient.h for the completion's
+/// contract.
 class HTTPClient {
  public:
   /// Exactly one of the two is set: an error (an HTTPClientError) or the response.
@@ -118,8 +139,9 @@ class HTTPClient {
 
   virtual ~HTTPClient() = default;
 
-  /// Starts the exchange. See the top of this header for when `completion` runs; each
-  /// implementation says on which thread.
+  /// Starts the exchange. See HTTPClient.h for when `completion` runs; each implementation says
+  /// on which thread. Disposing the result stops the exchange and drops the completion, which
+  /// then never runs (nor does it run once the client is destroyed).
   virtual rx::Disposable send(HTTPRequest request, Completion completion) = 0;
 };
 
@@ -153,7 +175,9 @@ rx::Single<HTTPResponse> dataTask(std::shared_ptr<HTTPClient> client, HTTPReques
 /// the body up to Options::maxResponseBodySize.
 class BeastHTTPClient final : public HTTPClient {
  public:
+  /// Trust, limits and cookie storage; the defaults suit the Kel server.
   struct Options {
+    /// The authorities trusted and the keys pinned for https.
     TlsTrust trust{};
     /// Larger bodies fail with responseTooLarge as soon as their size is known (Content-Length)
     /// or reached (chunked), before more is buffered. The sign-in answer is a few KiB.
@@ -162,15 +186,21 @@ class BeastHTTPClient final : public HTTPClient {
     std::shared_ptr<HTTPCookieStorage> cookieStorage{};
   };
 
-  /// Throws std::invalid_argument when a certificate authority of `options` cannot be read.
+  /// A client with the default Options; starts the I/O thread. Throws std::invalid_argument when
+  /// the system's trust store cannot be loaded.
   BeastHTTPClient();
+  /// Throws std::invalid_argument when a certificate authority of `options` cannot be read or a
+  /// pin is not the base64 text of 32 bytes. Starts the I/O thread.
   explicit BeastHTTPClient(Options options);
+  /// Drops the exchanges under way without completing them; see the class for the threads.
   ~BeastHTTPClient() override;
 
   BeastHTTPClient(const BeastHTTPClient&) = delete;
   BeastHTTPClient& operator=(const BeastHTTPClient&) = delete;
 
-  /// Completion on the I/O thread, also for a request refused at once (invalidRequest).
+  /// Completion on the I/O thread, also for a request refused at once (invalidRequest). Errors:
+  /// every Kind of HTTPClientError. Disposing the result closes the exchange's connection (on
+  /// the I/O thread) and drops the completion.
   rx::Disposable send(HTTPRequest request, Completion completion) override;
 
  private:
@@ -187,19 +217,26 @@ class BeastHTTPClient final : public HTTPClient {
 /// A responder that returns nothing holds the request back until completePending().
 class InMemoryHTTPClient final : public HTTPClient {
  public:
+  /// What an exchange ends with: an error, or else the response.
   struct Outcome {
-    std::exception_ptr error;
-    HTTPResponse response;
+    std::exception_ptr error;  ///< The failure (an HTTPClientError, usually); null for a response.
+    HTTPResponse response;     ///< The response, when `error` is null.
 
+    /// A response of `statusCode` with `body` and `headerFields`.
     static Outcome respond(int statusCode, std::string body,
                            std::vector<HTTPHeaderField> headerFields = {});
+    /// A failure with `error`.
     static Outcome fail(std::exception_ptr error);
   };
+  /// Decides each request's outcome, or returns nothing to hold the request back until
+  /// completePending(). Called on the thread of send(), without any lock held; an exception it
+  /// throws propagates out of send().
   using Responder = std::function<std::optional<Outcome>(const HTTPRequest&)>;
 
   /// Answers 404 with an empty body until told otherwise.
   InMemoryHTTPClient();
 
+  /// Answers the requests sent from now on with `responder`.
   void setResponder(Responder responder);
   /// Every request sent so far, in order (also the cancelled ones).
   std::vector<HTTPRequest> requests() const;

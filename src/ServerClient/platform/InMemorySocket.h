@@ -1,25 +1,28 @@
 #pragma once
 
-// A Socket without a network, for unit tests of the code above it. It keeps every promise of
-// Socket.h, records what the code under test does with it, and lets the test play the server
-// and the network:
-//
-//   auto socket = std::make_shared<InMemorySocket>(url);
-//   socket->setDelegate(handler);
-//   client.connect(...);                 // connect() opens at once by default
-//   socket->receiveMessage(R"({"kapiId": "k"})");
-//   EXPECT_EQ(socket->sentTexts(), ...);
-//   socket->close(SocketCloseCode::abnormalClosure);   // the network is lost
-//
-// Delegate calls are made on the thread that causes them (the test's thread, or the thread
-// calling connect() or disconnect() when those open or close at once). A call caused while
-// another delegate call is running, on any thread, is queued and made by the thread already
-// delivering once the running call returns, so calls never nest or overlap. All members are
-// thread-safe.
-//
-// Driving the socket in a state where a real peer could not act (open() without a pending
-// connect(), receiveMessage() on a closed socket) is a mistake in the test and throws
-// std::logic_error.
+/// @file
+/// A Socket without a network, for unit tests of the code above it. It keeps every promise of
+/// Socket.h, records what the code under test does with it, and lets the test play the server
+/// and the network:
+///
+/// ```
+///   auto socket = std::make_shared<InMemorySocket>(url);
+///   socket->setDelegate(handler);
+///   client.connect(...);                 // connect() opens at once by default
+///   socket->receiveMessage(R"({"kapiId": "k"})");
+///   EXPECT_EQ(socket->sentTexts(), ...);
+///   socket->close(SocketCloseCode::abnormalClosure);   // the network is lost
+/// ```
+///
+/// Delegate calls are made on the thread that causes them (the test's thread, or the thread
+/// calling connect() or disconnect() when those open or close at once). A call caused while
+/// another delegate call is running, on any thread, is queued and made by the thread already
+/// delivering once the running call returns, so calls never nest or overlap. All members are
+/// thread-safe.
+///
+/// Driving the socket in a state where a real peer could not act (open() without a pending
+/// connect(), receiveMessage() on a closed socket) is a mistake in the test and throws
+/// std::logic_error.
 
 #include <cstddef>
 #include <cstdint>
@@ -41,8 +44,12 @@
 
 namespace kel::platform {
 
+/// A Socket without a network, for unit tests: the test plays the server and the network and
+/// checks what the code under test sent. See InMemorySocket.h for the threads of its delegate
+/// calls; all members are thread-safe.
 class InMemorySocket final : public Socket, public SocketExecutor {
  public:
+  /// How much the socket does on its own; the defaults open and close at once.
   struct Options {
     /// connect() opens at once (socketDidConnect); otherwise the test calls open() or close().
     bool openOnConnect = true;
@@ -53,9 +60,17 @@ class InMemorySocket final : public Socket, public SocketExecutor {
     boost::asio::any_io_executor executor{};
   };
 
-  enum class State { closed, opening, open, closing };
+  /// Where the socket is in the lifecycle of Socket.h.
+  enum class State {
+    closed,   ///< no connection; connect() starts one
+    opening,  ///< connect() was called; open() or close() decides
+    open,     ///< connected: sends are recorded, frames may be received
+    closing   ///< disconnect() was called without Options::closeOnDisconnect
+  };
 
+  /// A closed socket for `url` with the default Options.
   explicit InMemorySocket(boost::urls::url url, std::vector<std::string> protocols = {});
+  /// A closed socket for `url` with `options`.
   InMemorySocket(boost::urls::url url, std::vector<std::string> protocols, Options options);
 
   // Socket
@@ -96,10 +111,12 @@ class InMemorySocket final : public Socket, public SocketExecutor {
   /// sender's thread and without any lock held, so that a test can answer, e.g. the "AUTH "
   /// frame with an acknowledgement. Null to stop.
   void setSendHandler(std::function<void(const std::string&)> handler);
+  /// Replaces the Options; affects the calls made from now on.
   void setOptions(Options options);
 
   // What the code under test did.
 
+  /// Where the socket is now.
   State state() const;
   /// The sub-protocols the socket was made with.
   const std::vector<std::string>& protocols() const noexcept { return protocols_; }

@@ -1,21 +1,22 @@
 #pragma once
 
-// A secure store of generic-password items, in the shape of the keychain calls that the token
-// store was designed against: add an item, copy the data of one matching item, delete every
-// matching item, each answering with a numeric status.
-//
-// An item is keyed by its service name and its access group. Items added without an access group
-// go to the default group. A query matches exactly one group: the one it names, or the default
-// group when it names none. There is deliberately no query that spans groups: with one service
-// name shared by every application of the library, such a delete would remove the sessions of
-// every other team's application on the same account. Adding an item whose service and group are
-// both taken fails with errSecDuplicateItem and changes nothing. Empty service names and empty (as
-// opposed to absent) access groups are refused with errSecParam.
-//
-// Implementations:
-// - SecretServiceKeychain: the desktop's Secret Service (gnome-keyring, KWallet, ...) over the
-//   session D-Bus through libsecret, items stored in the default collection.
-// - InMemoryKeychain (InMemoryKeychain.h): a map in memory with failure injection, for tests.
+/// @file
+/// A secure store of generic-password items, in the shape of the keychain calls that the token
+/// store was designed against: add an item, copy the data of one matching item, delete every
+/// matching item, each answering with a numeric status.
+///
+/// An item is keyed by its service name and its access group. Items added without an access group
+/// go to the default group. A query matches exactly one group: the one it names, or the default
+/// group when it names none. There is deliberately no query that spans groups: with one service
+/// name shared by every application of the library, such a delete would remove the sessions of
+/// every other team's application on the same account. Adding an item whose service and group are
+/// both taken fails with errSecDuplicateItem and changes nothing. Empty service names and empty (as
+/// opposed to absent) access groups are refused with errSecParam.
+///
+/// Implementations:
+/// - SecretServiceKeychain: the desktop's Secret Service (gnome-keyring, KWallet, ...) over the
+///   session D-Bus through libsecret, items stored in the default collection.
+/// - InMemoryKeychain (InMemoryKeychain.h): a map in memory with failure injection, for tests.
 
 #include <chrono>
 #include <cstdint>
@@ -29,8 +30,10 @@ namespace kel::platform {
 /// A keychain status code; the values are the platform's documented ones.
 using OSStatus = std::int32_t;
 
+/// The call succeeded.
 inline constexpr OSStatus errSecSuccess = 0;
-/// A parameter was not valid (an empty service name or access group).
+/// A parameter was not valid: an empty service name or access group, or (Secret Service) one
+/// holding a NUL character.
 inline constexpr OSStatus errSecParam = -50;
 /// No keychain is reachable: no session bus, no Secret Service on it, or it did not answer in
 /// time.
@@ -54,6 +57,7 @@ enum class KeychainAccessible { afterFirstUnlockThisDeviceOnly };
 
 /// Which items a call is about.
 struct KeychainQuery {
+  /// The item's service name; not empty.
   std::string service;
   /// Absent: the default group (only).
   std::optional<std::string> accessGroup;
@@ -61,30 +65,34 @@ struct KeychainQuery {
 
 /// An item to add.
 struct KeychainItem {
+  /// The service name the item is found by; not empty.
   std::string service;
   /// Absent: the default group.
   std::optional<std::string> accessGroup;
   /// The secret, as bytes.
   std::string data;
+  /// When the item may be read.
   KeychainAccessible accessible = KeychainAccessible::afterFirstUnlockThisDeviceOnly;
 };
 
 /// The outcome of copyMatching.
 struct KeychainMatch {
+  /// errSecSuccess, or why no data came: errSecItemNotFound, errSecParam, and so on.
   OSStatus status = errSecItemNotFound;
   /// The item's bytes; meaningful only when `status` is errSecSuccess.
   std::string data;
 };
 
 /// The keychain calls. Implementations are thread-safe and every call returns within a bounded
-/// time.
+/// time. Calls are synchronous: they block the calling thread, so keep them off threads that
+/// must stay responsive. Failures come back as the status, never as an exception.
 class Keychain {
  public:
   virtual ~Keychain() = default;
 
   /// Stores `item`. errSecDuplicateItem when its service and group are taken.
   virtual OSStatus add(const KeychainItem& item) = 0;
-  /// The data of one item that matches `query`.
+  /// The data of one item that matches `query`; errSecItemNotFound when none does.
   virtual KeychainMatch copyMatching(const KeychainQuery& query) = 0;
   /// Removes every item that matches `query`; errSecItemNotFound when there was none.
   virtual OSStatus deleteItems(const KeychainQuery& query) = 0;
@@ -111,8 +119,11 @@ class Keychain {
 /// succeed, and a later copyMatching then returns one of the two.
 class SecretServiceKeychain final : public Keychain {
  public:
+  /// How long one call may take by default.
   static constexpr std::chrono::milliseconds kDefaultTimeout{10'000};
 
+  /// A keychain whose calls give up after `timeout` (errSecNotAvailable). Connects to nothing
+  /// yet: each call connects to the session bus as needed.
   explicit SecretServiceKeychain(std::chrono::milliseconds timeout = kDefaultTimeout);
   ~SecretServiceKeychain() override;
   SecretServiceKeychain(const SecretServiceKeychain&) = delete;

@@ -1,12 +1,13 @@
 #pragma once
 
-// Close codes of a WebSocket connection: the standard codes of RFC 6455 and the IANA registry,
-// and the library's own codes in the private-use range 4000-4999.
-//
-// The enumeration's underlying type is the 16-bit wire code, so a code received from a peer that
-// is not listed here is still held exactly (socketCloseCodeFrom(4321) keeps 4321). The socket
-// layer treats every code other than normalClosure, otherExpectedClosure and goingBackground as a
-// lost connection, listed or not.
+/// @file
+/// Close codes of a WebSocket connection: the standard codes of RFC 6455 and the IANA registry,
+/// and the library's own codes in the private-use range 4000-4999.
+///
+/// The enumeration's underlying type is the 16-bit wire code, so a code received from a peer that
+/// is not listed here is still held exactly (socketCloseCodeFrom(4321) keeps 4321). The socket
+/// layer treats every code other than normalClosure, otherExpectedClosure and goingBackground as a
+/// lost connection, listed or not.
 
 #include <cstdint>
 #include <span>
@@ -14,20 +15,22 @@
 
 namespace kel::platform {
 
+/// The code of a WebSocket close: what disconnect() sends and what socketDidDisconnect reports.
+/// Any 16-bit value may be held, listed or not (see the file's description).
 enum class SocketCloseCode : std::uint16_t {
-  invalid = 0,  ///< no code at all; never on the wire
-  normalClosure = 1000,
-  goingAway = 1001,
-  protocolError = 1002,
-  unsupportedData = 1003,
-  noStatusReceived = 1005,  ///< the close frame had no code; never sent
-  abnormalClosure = 1006,   ///< the connection ended without a close frame; never sent
-  invalidFramePayloadData = 1007,
-  policyViolation = 1008,
-  messageTooBig = 1009,
-  mandatoryExtensionMissing = 1010,
-  internalServerError = 1011,
-  tlsHandshakeFailure = 1015,  ///< the TLS handshake failed; never sent
+  invalid = 0,                       ///< no code at all; never on the wire
+  normalClosure = 1000,              ///< the purpose of the connection was fulfilled (sign-out)
+  goingAway = 1001,                  ///< an endpoint is going away (server restart, page left)
+  protocolError = 1002,              ///< the peer broke the WebSocket protocol
+  unsupportedData = 1003,            ///< a frame of a type the endpoint cannot accept
+  noStatusReceived = 1005,           ///< the close frame had no code; never sent
+  abnormalClosure = 1006,            ///< the connection ended without a close frame; never sent
+  invalidFramePayloadData = 1007,    ///< a text message that is not valid UTF-8
+  policyViolation = 1008,            ///< a message that violates the endpoint's policy
+  messageTooBig = 1009,              ///< a message too big to process
+  mandatoryExtensionMissing = 1010,  ///< the server did not negotiate a required extension
+  internalServerError = 1011,        ///< the server met an unexpected condition
+  tlsHandshakeFailure = 1015,        ///< the TLS handshake failed; never sent
   /// The library closed the socket on purpose for a reason other than the user's sign-out.
   otherExpectedClosure = 4000,
   /// The library closed the socket because the application went to the background.

@@ -11,11 +11,16 @@ namespace kel::platform {
 class SocketExecutor {
  public:
   virtual ~SocketExecutor() = default;
+  /// The executor of the thread that makes the delegate calls. An implementation without such a
+  /// thread may return an empty executor (check it before use).
   virtual boost::asio::any_io_executor executor() = 0;
 
  protected:
+  /// For implementations.
   SocketExecutor() = default;
+  /// For implementations.
   SocketExecutor(const SocketExecutor&) = default;
+  /// For implementations.
   SocketExecutor& operator=(const SocketExecutor&) = default;
 };
 

@@ -1,8 +1,9 @@
 #pragma once
 
-// The TLS client side that the library's WebSocket and HTTP client share: which authorities are
-// trusted, which server keys are pinned, the protocol floor and how a connection checks the
-// server's name, so that both reach the server under exactly the same rules.
+/// @file
+/// The TLS client side that the library's WebSocket and HTTP client share: which authorities are
+/// trusted, which server keys are pinned, the protocol floor and how a connection checks the
+/// server's name, so that both reach the server under exactly the same rules.
 
 #include <filesystem>
 #include <memory>

@@ -11,8 +11,12 @@ namespace kel::platform {
 /// The HTTP request that opens a WebSocket connection (the "upgrade"), as far as the library
 /// shapes it: extra header fields, such as "Cookie", and whether the platform's cookie storage
 /// takes part. The socket's URL and sub-protocols are fixed when the socket is made.
+///
+/// A plain value: a Socket hands out and takes copies (Socket::request(), Socket::setRequest()).
+/// Like any value, one object is not for concurrent writes.
 class UpgradeRequest {
  public:
+  /// A field's name and value.
   using HeaderField = std::pair<std::string, std::string>;
 
   /// Sets a header field, replacing any field of that name (names compare case-insensitively).
@@ -30,8 +34,10 @@ class UpgradeRequest {
   /// holds for its URL to the upgrade, and stores the cookies the server sets in its answer. A
   /// "Cookie" field set here is sent as well.
   bool shouldHandleCookies() const noexcept { return shouldHandleCookies_; }
+  /// See shouldHandleCookies().
   void setShouldHandleCookies(bool handle) noexcept { shouldHandleCookies_ = handle; }
 
+  /// Same fields in the same order, and the same cookie handling.
   bool operator==(const UpgradeRequest&) const = default;
 
  private:

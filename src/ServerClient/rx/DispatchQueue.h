@@ -22,6 +22,7 @@ namespace kel::rx {
 /// target have few cores; more threads would mostly add contention. CPU-heavy or blocking work
 /// does not belong on it. Created on first use, stopped and joined at exit.
 boost::asio::thread_pool& sharedThreadPool();
+/// The number of threads of sharedThreadPool().
 inline constexpr unsigned kSharedThreadPoolSize = 2;
 
 namespace detail {
@@ -39,16 +40,24 @@ Disposable postCancellable(const boost::asio::any_io_executor& executor,
 }  // namespace detail
 
 /// A named serial queue: an Asio strand on the shared pool. Work runs one item at a time, in the
-/// order posted, on whichever pool thread is free. The label shows up in logs and debugging.
+/// order posted, on whichever pool thread is free. The label names the queue for the
+/// application's own logs and debugging; the queue itself does nothing with it.
+///
+/// Thread-safe. Destroying the queue does not cancel work already posted: it still runs, in
+/// order, on the strand.
 class DispatchQueue {
  public:
+  /// The strand that the queue's work runs on.
   using Executor = boost::asio::strand<boost::asio::thread_pool::executor_type>;
 
+  /// A new queue on the shared pool (which this starts on first use).
   explicit DispatchQueue(std::string label);
   DispatchQueue(const DispatchQueue&) = delete;
   DispatchQueue& operator=(const DispatchQueue&) = delete;
 
+  /// The name given at construction.
   const std::string& label() const noexcept { return label_; }
+  /// The strand: Asio work posted or dispatched to it joins the queue's order.
   const Executor& executor() const noexcept { return strand_; }
   /// True while the calling thread runs work of this queue.
   bool isCurrent() const noexcept { return strand_.running_in_this_thread(); }
@@ -56,7 +65,7 @@ class DispatchQueue {
   /// Runs `work` later on the queue, never inline. Exceptions go to the unhandled-error hook.
   void async(std::function<void()> work);
   /// Runs `work` on the queue after `delay` (a steady_timer on the strand); disposing the result
-  /// cancels it.
+  /// cancels it and releases `work` at once. Exceptions go to the unhandled-error hook.
   Disposable asyncAfter(Duration delay, std::function<void()> work);
 
   /// Runs `f` on the queue and returns its result (or rethrows its exception). Called from work

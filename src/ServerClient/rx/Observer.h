@@ -82,10 +82,15 @@ class CallbackObserver final : public ObserverBase<T> {
 
 /// A type-erased, copyable receiver of notifications. Copies share the same receiver. A
 /// default-constructed observer ignores everything.
+///
+/// Whoever calls an observer keeps to the contract of Rx.h: one call at a time, nothing after
+/// onError or onCompleted. The calls run on the caller's thread.
 template <class T>
 class Observer {
  public:
+  /// An empty observer: ignores everything and reports itself stopped.
   Observer() = default;
+  /// Wraps an observer implementation (the library's own sinks, a TestableObserver).
   template <class O>
   requires std::derived_from<O, detail::ObserverBase<T>> Observer(std::shared_ptr<O> impl)
   noexcept  // NOLINT(google-explicit-constructor)
@@ -98,17 +103,23 @@ class Observer {
       : impl_(std::make_shared<detail::CallbackObserver<T>>(std::move(onNext), std::move(onError),
                                                             std::move(onCompleted))) {}
 
+  /// Delivers an element.
   void onNext(const T& value) const {
     if (impl_) impl_->onNext(value);
   }
+  /// Delivers the error that ends the sequence.
   void onError(std::exception_ptr error) const {
     if (impl_) impl_->onError(std::move(error));
   }
+  /// Delivers the completion that ends the sequence.
   void onCompleted() const {
     if (impl_) impl_->onCompleted();
   }
-  /// See ObserverBase::isStopped; an empty observer is stopped.
+  /// True once the receiver accepts nothing more (it terminated or its subscription was
+  /// disposed); an empty observer is stopped. A producer that emits in a synchronous loop (a
+  /// create() producer, say) polls it to stop early. Only meaningful on the producer's thread.
   bool isStopped() const noexcept { return !impl_ || impl_->isStopped(); }
+  /// Delivers `event` through onNext, onError or onCompleted.
   void on(const Event<T>& event) const {
     if (event.isNext()) {
       onNext(event.value());
@@ -119,7 +130,9 @@ class Observer {
     }
   }
 
+  /// False for an empty observer.
   explicit operator bool() const noexcept { return static_cast<bool>(impl_); }
+  /// The shared receiver; null for an empty observer.
   const std::shared_ptr<detail::ObserverBase<T>>& impl() const noexcept { return impl_; }
 
  private:

@@ -21,6 +21,10 @@ namespace kel::rx {
 /// throws is reported as an unhandled error and the queue goes on.
 class SerialEmitter {
  public:
+  /// Runs `action` now on the calling thread, followed by whatever other threads queued
+  /// meanwhile; or, when another thread (or an action further up this thread's stack) is running
+  /// actions, queues it for that thread and returns at once. So run() may return before `action`
+  /// ran. Thread-safe.
   template <class F>
   void run(F&& action) {
     {

@@ -1,6 +1,7 @@
 #pragma once
-// Virtual time for tests: time only moves when the test says so, so time-based operators are
-// tested deterministically and instantly.
+/// @file
+/// Virtual time for tests: time only moves when the test says so, so time-based operators are
+/// tested deterministically and instantly.
 
 #include "ServerClient/rx/Disposable.h"
 #include "ServerClient/rx/Event.h"
@@ -24,30 +25,40 @@ namespace kel::rx {
 /// A value stamped with the virtual time at which it happened.
 template <class E>
 struct Recorded {
-  TimePoint time;
-  E value;
+  TimePoint time;  ///< The virtual time; TestScheduler::at() makes one from an offset.
+  E value;         ///< What happened: usually an Event.
+  /// Same time and equal value.
   bool operator==(const Recorded&) const = default;
 };
 
 /// When a test observable was subscribed and disposed (or terminated, which disposes it).
 struct SubscriptionRecord {
-  TimePoint subscribed;
-  std::optional<TimePoint> disposed;
+  TimePoint subscribed;               ///< When subscribe() was called.
+  std::optional<TimePoint> disposed;  ///< When it was disposed or terminated; none while live.
+  /// Same times.
   bool operator==(const SubscriptionRecord&) const = default;
 };
 
 class TestScheduler;
 
-/// Records every notification with the virtual time it arrived at.
+/// Records every notification with the virtual time it arrived at. Make it with
+/// TestScheduler::createObserver() and subscribe it as an Observer (it converts). Records
+/// everything it is given, also after a terminal event, so a test sees a broken contract. Not
+/// thread-safe: for the test's own thread.
 template <class T>
 class TestableObserver final : public detail::ObserverBase<T> {
  public:
+  /// An observer stamping with `scheduler`'s clock, which must outlive it.
   explicit TestableObserver(const TestScheduler& scheduler) : scheduler_(&scheduler) {}
 
+  /// Records the element.
   void onNext(const T& value) override;
+  /// Records the error.
   void onError(std::exception_ptr error) override;
+  /// Records the completion.
   void onCompleted() override;
 
+  /// Everything recorded, in order of arrival.
   const std::vector<Recorded<Event<T>>>& events() const noexcept { return events_; }
   /// Just the elements, in order.
   std::vector<T> values() const {
@@ -63,12 +74,16 @@ class TestableObserver final : public detail::ObserverBase<T> {
   std::vector<Recorded<Event<T>>> events_;
 };
 
-/// An observable scripted in virtual time that records its subscriptions.
+/// An observable scripted in virtual time that records its subscriptions. Made by
+/// TestScheduler::createColdObservable() and TestScheduler::createHotObservable().
 template <class T>
 class TestableObservable {
  public:
+  /// The scripted sequence.
   const Observable<T>& observable() const noexcept { return observable_; }
+  /// Same as observable(), so that it can be passed where an Observable is expected.
   operator Observable<T>() const { return observable_; }  // NOLINT(google-explicit-constructor)
+  /// One record per subscription so far, in order: when it started and when it ended.
   const std::vector<SubscriptionRecord>& subscriptions() const noexcept { return *records_; }
 
  private:
@@ -85,19 +100,29 @@ class TestableObservable {
 /// Create it with std::make_shared (operators take a SchedulerPtr).
 class TestScheduler final : public Scheduler {
  public:
+  /// A scheduler whose clock reads `start` (the epoch, TimePoint{}, by default).
   explicit TestScheduler(TimePoint start = TimePoint{});
+  /// Releases the work that never ran (and what it holds) without running it.
   ~TestScheduler() override;
   TestScheduler(const TestScheduler&) = delete;
   TestScheduler& operator=(const TestScheduler&) = delete;
 
+  /// The virtual time.
   TimePoint now() const override;
+  /// Queues `action` at the current virtual time; it runs at the next advanceBy(), advanceTo()
+  /// or start(), never inside this call.
   Disposable schedule(std::function<void()> action) override;
+  /// Queues `action` at now + `due` (now for a non-positive `due`).
   Disposable scheduleAfter(Duration due, std::function<void()> action) override;
+  /// Queues `action` at the virtual time `at` (now, when `at` has passed). Disposing the result
+  /// removes it from the queue and releases it.
   Disposable scheduleAt(TimePoint at, std::function<void()> action);
 
   /// Runs everything due up to now + `by`, moving the clock to each item's time, and leaves the
   /// clock at now + `by`.
   void advanceBy(Duration by);
+  /// Runs everything due up to `at`, then leaves the clock at `at` (or where it is, when `at` has
+  /// passed already: time never goes back).
   void advanceTo(TimePoint at);
   /// Runs until no work is left (never returns with endless periodic work pending).
   void start();
@@ -107,16 +132,20 @@ class TestScheduler final : public Scheduler {
   /// A time `offset` after the scheduler's epoch (TimePoint{}), for writing expectations.
   static TimePoint at(Duration offset) { return TimePoint{} + offset; }
 
+  /// A TestableObserver stamping with this scheduler's clock.
   template <class T>
   std::shared_ptr<TestableObserver<T>> createObserver() const {
     return std::make_shared<TestableObserver<T>>(*this);
   }
 
   /// Each subscription replays `messages` with times taken relative to the subscription
-  /// (time - epoch).
+  /// (time - epoch). A subscription's record ends when it is disposed or its sequence
+  /// terminates. The scheduler must outlive the observable.
   template <class T>
   TestableObservable<T> createColdObservable(std::vector<Recorded<Event<T>>> messages);
-  /// `messages` happen at their absolute times whether or not anyone is subscribed.
+  /// `messages` happen at their absolute times whether or not anyone is subscribed; scheduled
+  /// now, so only messages at or after now are delivered at their time (earlier ones at once, at
+  /// the next advance). Subscribers see those after their subscription.
   template <class T>
   TestableObservable<T> createHotObservable(std::vector<Recorded<Event<T>>> messages);
 
@@ -178,15 +207,18 @@ TestableObservable<T> TestScheduler::createHotObservable(std::vector<Recorded<Ev
   return TestableObservable<T>(std::move(observable), std::move(records));
 }
 
-/// Shorthands for scripting and expecting recorded events at an offset from the epoch.
+/// Shorthands for scripting and expecting recorded events at an offset from the epoch: an
+/// element at `offset`.
 template <class T>
 Recorded<Event<T>> nextAt(Duration offset, T value) {
   return {TimePoint{} + offset, Event<T>::next(std::move(value))};
 }
+/// The completion at `offset` from the epoch.
 template <class T>
 Recorded<Event<T>> completedAt(Duration offset) {
   return {TimePoint{} + offset, Event<T>::completed()};
 }
+/// The error `error` at `offset` from the epoch.
 template <class T>
 Recorded<Event<T>> errorAt(Duration offset, std::exception_ptr error) {
   return {TimePoint{} + offset, Event<T>::error(std::move(error))};
