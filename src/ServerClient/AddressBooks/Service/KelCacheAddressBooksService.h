@@ -19,7 +19,7 @@ namespace kel {
 class KelCacheAddressBooksService : public KelAddressBooksService, public CacheAddressBooksService {
  public:
   /// A service with an empty cache that sends through whichever client `socketClient` holds at
-  /// each request.
+  /// each request. Make it with std::make_shared: otherwise server answers are not cached.
   explicit KelCacheAddressBooksService(SocketClientSlot socketClient);
 
   using KelAddressBooksService::addressBooks;

@@ -21,7 +21,7 @@ namespace kel {
 class KelCacheGroupService : public KelGroupService, public CacheGroupService {
  public:
   /// A service with an empty cache that sends through whichever client `socketClient` holds at
-  /// each request.
+  /// each request. Make it with std::make_shared: otherwise server answers are not cached.
   explicit KelCacheGroupService(SocketClientSlot socketClient);
 
   using KelGroupService::group;

@@ -23,7 +23,7 @@ namespace kel {
 class KelCachePresencesService : public SocketService, public CachePresencesService {
  public:
   /// A service with an empty cache that sends through whichever client `socketClient` holds at
-  /// each request.
+  /// each request. Make it with std::make_shared: otherwise server answers are not cached.
   explicit KelCachePresencesService(SocketClientSlot socketClient);
 
   rx::Single<CachedPresence> subscribe(const std::string& address) override;

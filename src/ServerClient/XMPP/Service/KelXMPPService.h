@@ -23,8 +23,9 @@ class KelXMPPService : public SocketService, public XMPPService {
     return makePathTable<Path>({{Path::oneToOneChat, "/xmpp/individualChatList"}});
   }
 
-  /// A service that sends through whichever client `socketClient` holds at each request; made
-  /// with std::make_shared (see SocketService). `waitScheduler` times the wait for an
+  /// A service that sends through whichever client `socketClient` holds at each request. Make
+  /// it with std::make_shared: otherwise no request is ever sent and every operation fails with
+  /// GenericError(underlying). `waitScheduler` times the wait for an
   /// authenticated socket; null means XMPPConnectionConstants::scheduler().
   explicit KelXMPPService(SocketClientSlot socketClient, rx::SchedulerPtr waitScheduler = nullptr);
 
