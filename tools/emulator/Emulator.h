@@ -1,38 +1,7 @@
 #pragma once
 
-// A Kel server for development and tests: the WebSocket protocol and plain HTTP on one port,
-// plain or TLS, with in-memory users and sessions, pluggable resources, pushed events, pings and
-// fault injection.
-//
-//   Emulator emulator;
-//   emulator.addUser("alice");
-//   auto token = emulator.createSession("alice");
-//   auto urls = emulator.start();                    // urls.socketURL: ws://127.0.0.1:PORT/...
-//   ... a client connects to urls.socketURL and sends "AUTH " + token ...
-//   emulator.waitForSocket([](const SocketInfo& s) { return s.authenticated; }, 5s);
-//   emulator.pushEvent(Recipients::user("alice"), "/presence/alice", "PUT", {{"status", "away"}});
-//
-// The socket, as the emulator serves it:
-//  - The upgrade is accepted on any path. The first sub-protocol that the client offers is echoed
-//    back; the upgrade's cookies are recorded (SocketInfo::cookies).
-//  - "AUTH " + token: a known, unexpired session binds the socket to its user and is acknowledged
-//    with {"kapiId": <id>}. Any other token closes the socket with
-//    Options::invalidTokenCloseCode (4401 unless changed), reason "invalid session token". A
-//    later "AUTH " frame re-authenticates, with the same outcomes.
-//  - A socket without a valid "AUTH " within Options::authTimeout (10 s) is closed with
-//    kAuthTimeoutCloseCode (4408).
-//  - Requests are answered through the resource router (resources()). A request on a socket that
-//    has not authenticated, or whose session has expired or ended since, is answered 401 with
-//    {"message": "not authenticated"} and reaches no handler.
-//  - Frames that are not "AUTH " or valid requests are counted (SocketInfo::malformedFrames) and
-//    ignored; the socket stays open. WebSocket pongs are counted.
-//  - Pings ("0") every Options::pingPeriod, to every open socket.
-//  - Plain HTTP requests on the same port go to the HTTP router (http()), where the sign-in
-//    routes live (signIn(), SignIn.h) beside whatever a test adds.
-//
-// Threads: the network runs on Options::threads threads of the emulator's own; each connection
-// is served on one strand, so a request is read, routed and answered without changing thread.
-// Every public member may be called from any thread, also from handlers.
+/// @file
+/// The emulator: a Kel server in-process, for testing an application against (Emulator).
 
 #include <chrono>
 #include <cstddef>
@@ -57,6 +26,8 @@
 #include "emulator/SignIn.h"
 #include "emulator/domains/Domains.h"
 
+/// The Kel server emulator: Emulator and what configures, drives and observes it (Options, Fault,
+/// Recipients, SocketInfo, fixtures).
 namespace kel::emulator {
 
 namespace detail {
@@ -96,10 +67,52 @@ struct UpgradeAnswer {
   std::optional<std::string> subprotocol{};
 };
 
+/// A Kel server for development and tests: the WebSocket protocol and plain HTTP on one port,
+/// plain or TLS, with in-memory users and sessions, pluggable resources, pushed events, pings and
+/// fault injection.
+///
+/// ```
+/// Emulator emulator;
+/// emulator.addUser("alice");
+/// auto token = emulator.createSession("alice");
+/// auto urls = emulator.start();                    // urls.socketURL: ws://127.0.0.1:PORT/...
+/// ... a client connects to urls.socketURL and sends "AUTH " + token ...
+/// emulator.waitForSocket([](const SocketInfo& s) { return s.authenticated; }, 5s);
+/// emulator.pushEvent(Recipients::user("alice"), "/presence/alice", "PUT", {{"status", "away"}});
+/// ```
+///
+/// The socket, as the emulator serves it:
+/// - The upgrade is accepted on any path. The first sub-protocol that the client offers is echoed
+///   back; the upgrade's cookies are recorded (SocketInfo::cookies).
+/// - "AUTH " + token: a known, unexpired session binds the socket to its user and is acknowledged
+///   with `{"kapiId": <id>}`. Any other token closes the socket with
+///   Options::invalidTokenCloseCode (4401 unless changed), reason "invalid session token". A
+///   later "AUTH " frame re-authenticates, with the same outcomes.
+/// - A socket without a valid "AUTH " within Options::authTimeout (10 s) is closed with
+///   kAuthTimeoutCloseCode (4408).
+/// - Requests are answered through the resource router (resources()). A request on a socket that
+///   has not authenticated, or whose session has expired or ended since, is answered 401 with
+///   `{"message": "not authenticated"}` and reaches no handler.
+/// - Frames that are not "AUTH " or valid requests are counted (SocketInfo::malformedFrames) and
+///   ignored; the socket stays open. WebSocket pongs are counted.
+/// - Pings ("0") every Options::pingPeriod (none by default), to every open socket.
+/// - Plain HTTP requests on the same port go to the HTTP router (http()), where the sign-in
+///   routes live (signIn(), SignIn.h) beside whatever a test adds.
+///
+/// Threads: the network runs on Options::threads threads of the emulator's own; each connection
+/// is served on one strand, so a request is read, routed and answered without changing thread.
+/// Every public member may be called from any thread, also from handlers, except stop() (and so
+/// the destructor), which throws std::logic_error on a network thread; a wait called from a
+/// handler blocks that network thread until its time-out.
+///
+/// Destroying the emulator stops it (stop()). It cannot be copied.
 class Emulator {
  public:
+  /// An emulator configured by `options`, not listening yet (start()). The sign-in routes, the
+  /// echo resource and every domain are installed at once, so that a test can add users,
+  /// fixtures and routes before starting.
   explicit Emulator(Options options = {});
-  /// Stops.
+  /// Stops (see stop()); must not run on one of the emulator's own network threads.
   ~Emulator();
 
   Emulator(const Emulator&) = delete;
@@ -116,19 +129,26 @@ class Emulator {
   /// the closing handshake within a second are reset), stops listening and joins the threads.
   /// Idempotent. Handlers' late answers are dropped from then on.
   void stop();
+  /// True from start() until stop().
   bool isRunning() const;
   /// The URLs returned by start(); empty before.
   Urls urls() const;
+  /// The options the emulator was made with.
   const Options& options() const;
 
   // --- Accounts -----------------------------------------------------------------------------
 
+  /// The users and sessions (SessionStore.h), for what the members below do not cover.
   SessionStore& sessionStore();
+  /// Adds a user that sessions can be made for, or replaces the profile of the user with that
+  /// id. Its user record, as sign-in and the domains answer it, is the default one
+  /// (defaultAccount) unless addAccount gives another.
   void addUser(std::string id, nlohmann::json profile = nlohmann::json::object());
-  /// A new session of a known user; returns its token. Lifetime: Options::sessionLifetime.
-  /// Throws std::invalid_argument for an unknown user.
+  /// A new session of a known user; returns its token, a fresh random secret. Lifetime:
+  /// `lifetime`, else Options::sessionLifetime. Throws std::invalid_argument for an unknown user.
   std::string createSession(std::string_view userId,
                             std::optional<std::chrono::seconds> lifetime = std::nullopt);
+  /// The session of that token, expired or not; nothing for an unknown or ended one.
   std::optional<Session> session(std::string_view token) const;
   /// The session can no longer authenticate a socket; sockets already bound to it stay open, but
   /// their requests are answered 401. False for an unknown token.
@@ -152,13 +172,21 @@ class Emulator {
   // --- Domains ------------------------------------------------------------------------------
   // Served from the start, each with its own state (see its header and README.md).
 
+  /// Each user's own contacts (domains/UserContacts.h).
   UserContacts& userContacts();
+  /// The address books, the directories among them (domains/AddressBooks.h).
   AddressBooks& addressBooks();
+  /// Presence records and subscriptions (domains/Presences.h).
   Presences& presences();
+  /// Groups and their participants (domains/Groups.h).
   Groups& groups();
+  /// Meetings (domains/Meetings.h).
   Meetings& meetings();
+  /// The conference log and the missed calls (domains/CallHistory.h).
   CallHistory& callHistory();
+  /// Alert templates and raised alerts (domains/Alerts.h).
   Alerts& alerts();
+  /// Each user's one-to-one chat list (domains/ChatLists.h).
   ChatLists& chatLists();
   /// The time of the call history and the alerts; a test sets its own to drive alert expiry.
   DomainClock& domainClock();
@@ -175,11 +203,18 @@ class Emulator {
   // --- Server to client ---------------------------------------------------------------------
   // Each returns how many sockets the frame was queued for.
 
+  /// Pushes the event `3{"path", "method", "body"}` to the open sockets `to` selects, after the
+  /// frames already queued for them; counted in SocketInfo::eventsSent. Returns how many.
   std::size_t pushEvent(const Recipients& to, std::string_view path, std::string_view method,
                         const nlohmann::json& body);
+  /// Sends the ping text frame "0" now (besides Options::pingPeriod's); counted in
+  /// SocketInfo::pingsSent. Returns to how many sockets.
   std::size_t sendPing(const Recipients& to);
+  /// Sends `text` as one text frame, unchanged. Returns to how many sockets.
   std::size_t sendText(const Recipients& to, std::string text);
+  /// Sends `bytes` as one binary frame. Returns to how many sockets.
   std::size_t sendBinary(const Recipients& to, std::string bytes);
+  /// Sends malformedFrame(kind) posing as an event (no request id). Returns to how many sockets.
   std::size_t sendMalformed(const Recipients& to, Malformed kind,
                             std::size_t hugeFrameBytes = kDefaultHugeFrameBytes);
 
@@ -189,6 +224,8 @@ class Emulator {
   /// frame (at once). Return how many sockets were affected.
   /// A code of 0 sends a close frame without a code (the client sees "no status received").
   std::size_t closeSockets(const Recipients& which, std::uint16_t code, std::string reason = {});
+  /// Ends the open sockets `which` selects at once, without a close frame (see DropMode); their
+  /// SocketInfo::closedBy reads dropped. Returns how many.
   std::size_t dropSockets(const Recipients& which, DropMode mode = DropMode::reset);
   /// The sockets read nothing more once the frame being read has arrived (a read is always
   /// pending, so that is the client's next frame): they answer neither pings nor close frames,
@@ -204,6 +241,7 @@ class Emulator {
   /// Arms `fault` for every request that matches `filter` until clearFaults(); with
   /// filter.socket, that is "every request of this socket".
   void faultAllRequests(Fault fault, RequestFilter filter = {});
+  /// Disarms every fault, used up or not.
   void clearFaults();
   /// Armed faults not yet used up.
   std::size_t armedFaults() const;
@@ -212,18 +250,26 @@ class Emulator {
   /// not affected (drop them with dropSockets to make a client reconnect).
   void refuseConnections(std::optional<std::chrono::milliseconds> duration = std::nullopt,
                          RefusalMode mode = RefusalMode::reset);
+  /// Ends a refusal: reopens the listener if it was closed (retrying every 50 ms while the port
+  /// is taken) and resets the stalled connections. Asynchronous: isRefusingConnections() turns
+  /// false once new connections are served again.
   void acceptConnections();
+  /// True from refuseConnections() until the refusal has ended.
   bool isRefusingConnections() const;
 
   // --- Observation --------------------------------------------------------------------------
 
   /// Open sockets and the most recently closed ones (up to 1,000), by id.
   std::vector<SocketInfo> sockets() const;
+  /// The socket `id`, open or among the closed ones kept; a snapshot.
   std::optional<SocketInfo> socket(SocketId id) const;
   /// Frames received and kept (oldest first; see ReceivedFrame), from every socket or one.
   std::vector<ReceivedFrame> receivedFrames() const;
+  /// The kept frames of the socket `id`, oldest first.
   std::vector<ReceivedFrame> receivedFrames(SocketId id) const;
+  /// Forgets the kept frames (the counters stay).
   void clearReceivedFrames();
+  /// The emulator-wide counters, a snapshot.
   Counters counters() const;
 
   /// Waits until `condition` holds, re-checking it whenever the emulator's state changes (a

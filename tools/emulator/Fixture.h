@@ -1,22 +1,25 @@
 #pragma once
 
-// Start-up data: one JSON object whose members are all optional (README.md has an example).
-//
-//   "users":       [{"id", "token"?, "signInToken"?, "user"?, "credential"?, "capabilities"?,
-//                    "permissions"?}, ...]
-//                  accounts (defaultAccount, with "user"'s members laid over the default user
-//                  record and the other records replacing the defaults); "token" creates a
-//                  session with that token, "signInToken" lets the user sign in over HTTP
-//   "contacts":    {"<user id>": [contact, ...]}     UserContacts
-//   "presences":   {"<user id>": {"online", ...}}    Presences
-//   "directories": [{"id", "name", "type", "contacts"}, ...]   AddressBooks
-//   "groups":      [{"groupId", "name", "owner", "participants", ...}, ...]   Groups
-//   "meetings":    [{"id", "owner", "name", "participants", "validSince", ...}, ...]   Meetings
-//   "calls":       [{"from", "to", "outcome", "durationSeconds"?, "endedAt"?}, ...]  CallHistory
-//   "alertTemplates": [{"templateId", "title", "payload"}, ...]   Alerts
-//   "chats":       {"<user id>": [jid, ...]}     ChatLists
-//
-// Users named anywhere must be known: added by the same fixture or before it.
+/// @file
+/// Start-up data: one JSON object whose members are all optional (README.md has an example).
+///
+/// ```
+/// "users":       [{"id", "token"?, "signInToken"?, "user"?, "credential"?, "capabilities"?,
+///                  "permissions"?}, ...]
+///                accounts (defaultAccount, with "user"'s members laid over the default user
+///                record and the other records replacing the defaults); "token" creates a
+///                session with that token, "signInToken" lets the user sign in over HTTP
+/// "contacts":    {"<user id>": [contact, ...]}     UserContacts
+/// "presences":   {"<user id>": {"online", ...}}    Presences
+/// "directories": [{"id", "name", "type", "contacts"}, ...]   AddressBooks
+/// "groups":      [{"groupId", "name", "owner", "participants", ...}, ...]   Groups
+/// "meetings":    [{"id", "owner", "name", "participants", "validSince", ...}, ...]   Meetings
+/// "calls":       [{"from", "to", "outcome", "durationSeconds"?, "endedAt"?}, ...]  CallHistory
+/// "alertTemplates": [{"templateId", "title", "payload"}, ...]   Alerts
+/// "chats":       {"<user id>": [jid, ...]}     ChatLists
+/// ```
+///
+/// Users named anywhere must be known: added by the same fixture or before it.
 
 #include <string>
 #include <vector>

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// How an emulator is configured (Options) and where it can be reached once started (Urls).
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -26,10 +29,12 @@ inline constexpr std::string_view kDefaultSocketPath = "/kel/websocket";
 
 /// Serve TLS with this certificate chain (leaf first) and private key, both PEM text.
 struct TlsOptions {
-  std::string certificateChainPem;
-  std::string privateKeyPem;
+  std::string certificateChainPem;  ///< the certificates, leaf first, PEM text
+  std::string privateKeyPem;        ///< the leaf's private key, PEM text
 };
 
+/// How an emulator is configured: taken by Emulator's constructor and fixed from then on. Every
+/// member has a default that suits a loopback test.
 struct Options {
   /// IP literal to listen on: "127.0.0.1", "::1", or "0.0.0.0" for every interface.
   std::string host = "127.0.0.1";
@@ -87,6 +92,7 @@ struct Options {
   /// (clients' bytes are escaped: a newline as "\\n", others as "\\xNN") nor a whole token or
   /// cookie value.
   std::function<void(std::string_view)> log{};
+  /// Also log every frame in and out (with `log` set), secrets redacted and long frames cut.
   bool logFrames = false;
 };
 
@@ -96,7 +102,7 @@ struct Urls {
   std::string kelURL;
   /// URL of the WebSocket, "ws://127.0.0.1:PORT/kel/websocket" (wss with TLS).
   std::string socketURL;
-  std::uint16_t port = 0;
+  std::uint16_t port = 0;  ///< the port listened on (the one the system picked for port 0)
 };
 
 }  // namespace kel::emulator

@@ -10,12 +10,21 @@
 namespace kel {
 
 /// The user's conference log, read only. Each subscription sends one request and never retries.
-/// Results arrive on the socket client's thread. Errors are SDKErrors: the socket's
-/// (ConnectionError noSocketClient when not signed in, timeout after 20 s, the server's error
-/// codes) and GenericError(decoding) when any one entry does not decode: there is no partial
-/// list.
+/// Results arrive on the socket client's thread, which must not be blocked; a failure found
+/// before sending arrives at once on the subscribing thread. Errors, all SDKError:
+/// - ConnectionError `noSocketClient`: not signed in, or the socket is not authenticated;
+///   nothing is sent;
+/// - ConnectionError `timeout` (code -1): no answer within 20 s;
+/// - ConnectionError mapped from the server's error code (ConnectionError::mapToOvError);
+/// - GenericError `decoding`: an answer that is not a list, or any one entry that does not
+///   decode: there is no partial list.
+///
+/// A sign-out while the request is pending completes the stream without a list (on the thread
+/// that signed out). Disposing the subscription before the answer forgets the request: the
+/// answer is dropped. Every member may be called from any thread.
 class ConferenceLogService {
  public:
+  /// Destroying a service does not end the requests already made through it.
   virtual ~ConferenceLogService() = default;
 
   /// At most `limit` entries created before `before` and since `after` (each bound only when

@@ -10,7 +10,8 @@ namespace kel {
 
 /// Presence with the cache the facade hands out: records by cache key (the address without
 /// "kel-user:", and "username@domain"), and the addresses whose subscription the server has
-/// confirmed. Both start empty, are never persisted and only grow.
+/// confirmed. Both start empty, are never persisted and only grow; they live as long as the
+/// service (a sign-out that drops the services drops them).
 ///
 /// It reaches the server through a KelPresencesService of its own rather than by deriving from
 /// it: both interfaces have a subscribe for one address, with different results, and one class
@@ -21,6 +22,8 @@ namespace kel {
 /// request is sent, so every member may be called from any thread.
 class KelCachePresencesService : public SocketService, public CachePresencesService {
  public:
+  /// A service with an empty cache that sends through whichever client `socketClient` holds at
+  /// each request. Make it with std::make_shared: otherwise server answers are not cached.
   explicit KelCachePresencesService(SocketClientSlot socketClient);
 
   rx::Single<CachedPresence> subscribe(const std::string& address) override;
@@ -31,11 +34,12 @@ class KelCachePresencesService : public SocketService, public CachePresencesServ
   rx::Single<PresenceDTO> update(const PresenceUpdateRequest& request) override;
   PresenceDTO updateCache(const PresenceDTO& presence) override;
 
-  /// The server operations, without the cache.
+  /// The server operations, without the cache. The reference is valid as long as this service.
   KelPresencesService& server() noexcept { return server_; }
 
-  /// Copies of the cache: records by key, and the confirmed subscriptions.
+  /// A copy of the cached records by key, taken under the cache's lock.
   std::map<std::string, PresenceDTO> cachedPresences() const;
+  /// A copy of the confirmed subscriptions (address to true), taken under the cache's lock.
   std::map<std::string, bool> subscriptions() const;
 
  private:

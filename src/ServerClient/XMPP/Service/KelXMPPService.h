@@ -6,21 +6,27 @@
 
 namespace kel {
 
-/// The chat list over the socket (body []), each request sent once the socket is authenticated:
-///   oneToOneChatList()      GET    "/xmpp/individualChatList"        -> the texts under "chats"
-///   addOneToOneChat(jid)    PUT    "/xmpp/individualChatList/<jid>"
-///   deleteOneToOneChat(jid) DELETE "/xmpp/individualChatList/<jid>"
+/// The chat list over the socket (body `[]`), each request sent once the socket is
+/// authenticated:
+/// - oneToOneChatList(): `GET /xmpp/individualChatList`; the texts under "chats".
+/// - addOneToOneChat(jid): `PUT /xmpp/individualChatList/<jid>`.
+/// - deleteOneToOneChat(jid): `DELETE /xmpp/individualChatList/<jid>`.
+///
 /// The JID goes into the path as it is, unescaped. The list answer must be an object whose
-/// members are all lists of texts; without "chats" the list is empty.
+/// members are all lists of texts; without "chats" the list is empty. Threads, errors and
+/// disposal: see XMPPService.
 class KelXMPPService : public SocketService, public XMPPService {
  public:
+  /// The server resource this service addresses (see pathTable).
   enum class Path { oneToOneChat };
   friend constexpr auto pathTable(Path) {
     return makePathTable<Path>({{Path::oneToOneChat, "/xmpp/individualChatList"}});
   }
 
-  /// `waitScheduler` times the wait for an authenticated socket; null means
-  /// XMPPConnectionConstants::scheduler().
+  /// A service that sends through whichever client `socketClient` holds at each request. Make
+  /// it with std::make_shared: otherwise no request is ever sent and every operation fails with
+  /// GenericError(underlying). `waitScheduler` times the wait for an
+  /// authenticated socket; null means XMPPConnectionConstants::scheduler().
   explicit KelXMPPService(SocketClientSlot socketClient, rx::SchedulerPtr waitScheduler = nullptr);
 
   rx::Single<std::vector<std::string>> oneToOneChatList() override;
