@@ -49,7 +49,7 @@ class DomainEventHandler {
   template <class Record>
   rx::Observable<Record> records(DomainEvent domain, std::string method) const {
     return events(domain, std::move(method)).map([](const KelEvent& event) {
-      return from<Record>(event.data);
+      return event.body ? fromParsed<Record>(*event.body, event.data) : from<Record>(event.data);
     });
   }
 

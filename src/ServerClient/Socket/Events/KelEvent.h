@@ -1,7 +1,10 @@
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
+
+#include <nlohmann/json_fwd.hpp>
 
 #include "ServerClient/Socket/Events/DomainEvent.h"
 
@@ -13,8 +16,15 @@ struct KelEvent {
   DomainEvent domainEvent = DomainEvent::unkwown;
   std::string method;                ///< the event's "method", upper case
   std::optional<std::string> param;  ///< the identifier the event's path carries, if any
+  /// The same body, parsed: shared by every subscriber so that none parses `data` again. Null in
+  /// an event made by hand, whose `data` is then parsed.
+  std::shared_ptr<const nlohmann::json> body{};
 
-  bool operator==(const KelEvent&) const = default;
+  /// Compares what the event says; `body` is `data` in another form.
+  bool operator==(const KelEvent& other) const {
+    return data == other.data && domainEvent == other.domainEvent && method == other.method &&
+           param == other.param;
+  }
 };
 
 }  // namespace kel
