@@ -21,7 +21,10 @@ class CapabilityValidator {
   /// A null record counts as an empty one.
   explicit CapabilityValidator(std::shared_ptr<const Capabilities> capabilities);
 
+  /// The record in use; never null. Safe from any thread.
   std::shared_ptr<const Capabilities> capabilities() const;
+  /// Replaces the record (null counts as an empty one); the facade calls it after each sign-in
+  /// and restore. Safe from any thread.
   void setCapabilities(std::shared_ptr<const Capabilities> capabilities);
 
   /// The label that `domain` requires among the active capabilities, if any: "presence" for

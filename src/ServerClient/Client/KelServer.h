@@ -57,12 +57,16 @@ class XMPPService;
 template <class Handler>
 class LazyEventHandler {
  public:
+  /// The handler set last, or, when none is there, a new one made on `kelEventHandler`
+  /// delivering on `scheduler`, which is then kept.
   std::shared_ptr<Handler> get(const std::shared_ptr<KelEventHandler>& kelEventHandler,
                                const rx::SchedulerPtr& scheduler) {
     std::lock_guard lock(mutex_);
     if (!handler_) handler_ = std::make_shared<Handler>(kelEventHandler, scheduler);
     return handler_;
   }
+  /// Makes `handler` the one get() hands out from now on; null makes get() build a new one.
+  /// Streams already taken from the previous handler keep working.
   void set(std::shared_ptr<Handler> handler) {
     std::lock_guard lock(mutex_);
     handler_ = std::move(handler);
@@ -155,7 +159,9 @@ struct KelServerOptions {
 /// by a mutex; the slot and subjects are thread-safe; the background flag is atomic.
 class KelServer : public std::enable_shared_from_this<KelServer> {
  public:
+  /// The facade's connection state (see the diagram above).
   using State = KelServerState;
+  /// What create() takes from its surroundings.
   using Options = KelServerOptions;
 
   /// How long a restore waits for a reconnecting socket to authenticate again.
@@ -164,93 +170,208 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
   static constexpr std::chrono::seconds renewalPeriod{20};
   /// Attempts (in all) and seconds between them of a full restore.
   static constexpr std::uint64_t restoreAttempts = 30;
+  /// Seconds between two attempts of a full restore, waited on the main scheduler.
   static constexpr double restoreDelaySeconds = 2.0;
 
+  /// A facade for the server whose HTTPS sign-in is at `kelURL` and whose WebSocket is at
+  /// `socketURL`. `appVersion` goes into the sign-in's device description; `teamId` names the
+  /// keychain access group and the user-defaults file that keep the session (see the class
+  /// comment). Nothing is sent until connect() or restoreSession(); empty options take the
+  /// defaults named in KelServerOptions. Throws std::invalid_argument for options.trust given
+  /// together with own adapters, or for an authority or pin that cannot be read.
   static std::shared_ptr<KelServer> create(boost::urls::url kelURL, boost::urls::url socketURL,
                                            std::string appVersion, std::string teamId,
                                            Options options = {});
+  /// Ends the facade's own subscriptions (socket states, lifecycle, renewal loop). It neither
+  /// stops the socket client nor tells the server anything: call suspend(), clearSessionInfo()
+  /// or logout() first for an orderly end.
   ~KelServer();
   KelServer(const KelServer&) = delete;
   KelServer& operator=(const KelServer&) = delete;
 
-  /// Signs in with an outside sign-in token.
+  /// Signs in with an outside sign-in token. At the call, the previous socket client is stopped
+  /// (normal closure), a new one takes its place and the state becomes connecting; when the
+  /// result is subscribed, the token goes to "<kelURL>/login" over HTTPS, the socket connects
+  /// and authenticates with the session token, and the user's permissions are read. On success
+  /// the session token is saved in the keychain, the restore flag is set, the capabilities and
+  /// userSession() are updated and the state becomes connected, all before the result is
+  /// delivered on the main scheduler. Fails with: GenericError(invalidURL) at once when no socket
+  /// can be made for the socket URL or a ws:// socket is refused beside an https:// sign-in;
+  /// AuthError(wrongCredentials) for HTTP 401/403; the mapped ConnectionError for other 4xx;
+  /// GenericError(invalidResponse) for an empty answer, GenericError(decoding) for an answer
+  /// that is not session data, GenericError(underlying) for a transport failure (certificate pin
+  /// mismatch included); ConnectionError(timeout, -1) when the socket does not open or
+  /// authenticate within 20 s; ConnectionError(noSocketClient, -1, kClosedDuringSignIn) when it
+  /// closes meanwhile. A failure moves the state to error. Disposing drops the result; an HTTP
+  /// exchange already under way runs to its end.
   rx::Single<AuthenticationData> connect(std::string token);
-  /// Resumes the stored session.
+  /// Resumes the session whose token the keychain holds. When the socket of a present session
+  /// is reconnecting by itself (lost connection), waits up to timeoutRestoreSession for it to
+  /// authenticate again and yields that session; failing that, forgets it and restores in full
+  /// as with `shouldCheckBackgroundState` true. A full restore makes a new socket client (state
+  /// connecting) and, when subscribed, signs in with the stored token at
+  /// "<kelURL>/login/sessionToken", then connects and reads the permissions as connect() does;
+  /// it is tried restoreAttempts times in all, restoreDelaySeconds apart, but never again after
+  /// an AuthError(wrongCredentials), a certificate pin mismatch, or while the state is
+  /// disconnectedBackground. On success the capabilities, userSession() and the stored token are
+  /// renewed; the result arrives on the main scheduler. Fails at once with
+  /// GenericError(notAllowed) when no token can be read from the keychain, or when
+  /// `shouldCheckBackgroundState` is set and the application is in the background; otherwise
+  /// with connect()'s errors (the last attempt's). A failure moves the state to error. Disposing
+  /// stops the retries.
   rx::Single<AuthenticationData> restoreSession(bool shouldCheckBackgroundState);
-  /// Removes the device's push token, ends the server session and forgets everything.
+  /// Signs out: removes the push registration of `deviceId`, then ends the server session
+  /// (DELETE "/sessions/<id>"), and on success forgets the session as clearSessionInfo() does.
+  /// Succeeds at once, doing nothing, when no user is signed in. At the call the domain services
+  /// are dropped (services obtained earlier keep working through the same socket; the accessors
+  /// make new ones) and the coming close is marked as asked for, so that it raises no
+  /// needsNewSession. When subscribed, the first of these decides: both requests answered
+  /// (success), the state becoming disconnected (success: the server closed the socket), or
+  /// either request failing (that error, e.g. ConnectionError(noSocketClient) when the socket is
+  /// not authenticated; the local session is then kept, and clearSessionInfo() forgets it).
+  /// The result arrives on the socket's network thread or the thread that saw the state change
+  /// (at once on the subscribing thread when nobody is signed in).
   rx::Single<rx::Unit> logout(std::string deviceId);
-  /// Closes the socket for the background.
+  /// Closes the socket for the background (close code goingBackground): the state becomes
+  /// disconnectedBackground, nothing reconnects, and the stored session stays for a later
+  /// restoreSession(). Pending requests complete without an element. Does nothing without a
+  /// socket client.
   void suspend();
-  /// Forgets the session locally and closes the socket.
+  /// Forgets the session locally: clears the restore flag, deletes the keychain items (failures
+  /// ignored), empties userSession(), completes the event channel and stops the socket (normal
+  /// closure). The event channel stays completed: every domain event handler's streams end, and
+  /// this facade delivers no further server events, even after a new sign-in. The facade calls
+  /// it itself after logout() and when the server ends the session.
   void clearSessionInfo();
 
-  /// The facade's states without consecutive repeats.
+  /// The facade's states without consecutive repeats: the current one at once, then each
+  /// change. States arrive on the thread that caused them (the socket's network thread, the
+  /// sign-in chain's, or the caller's for connecting), not on the main scheduler; add
+  /// observeOn(mainScheduler) for a user interface. Never fails; disposing only unsubscribes.
   rx::Observable<State> states() const;
+  /// The subject that holds the signed-in user's data, or nothing.
   using UserSession = rx::BehaviorSubject<std::optional<AuthenticationData>>;
   /// Emits when the server closed the session and a new sign-in is needed (or what the
-  /// application set in its place).
+  /// application set in its place). Usually arrives on the socket's network thread.
   rx::Observable<rx::Unit> needsNewSession() const;
+  /// Makes needsNewSession() hand out `needsNewSession` from now on (see the class comment).
   void setNeedsNewSession(rx::Observable<rx::Unit> needsNewSession);
-  /// The signed-in user's data, or empty; see the top for replacing it.
+  /// The signed-in user's data, or empty; see the top for replacing it. The subject emits on
+  /// the thread of the sign-in chain (usually the socket's network thread) or of the caller of
+  /// clearSessionInfo().
   UserSession userSession() const;
+  /// Makes `userSession` the subject the library works with (see the class comment).
   void setUserSession(UserSession userSession);
-  /// A stored token can be read and the flag says the session may be restored.
+  /// A stored token can be read and the flag says the session may be restored. Reads the
+  /// keychain synchronously; never throws.
   bool canRestoreSession() const;
   /// The server URL text stored with the token; empty when none can be read.
   std::string lastUrlServer() const;
 
-  // Services. Each throws the provider's errors, or GenericError(underlying, "Service not found").
+  /// @name Domain services
+  /// Each accessor makes its domain's service on first use and hands out that same instance
+  /// until logout(). A service reaches the server through the current socket client, whatever
+  /// it was when the service was made. Each throws what the service provider throws (see
+  /// ServiceProvider), at least GenericError(underlying, "Service not found"). Their results
+  /// arrive on the socket's network thread.
+  ///@{
+
+  /// Reads and updates server users.
   std::shared_ptr<UserService> userService();
+  /// Registers and removes the device's push token.
   std::shared_ptr<PushService> pushService();
+  /// The address books, cached.
   std::shared_ptr<CacheAddressBooksService> addressBooks();
+  /// The user's own contacts.
   std::shared_ptr<UserContactsService> userContacts();
-  /// Refused (GenericError notAllowed "presence") while the user lacks the presence capability.
+  /// Presence, cached. Refused (GenericError notAllowed "presence") while the user lacks the
+  /// presence capability.
   std::shared_ptr<CachePresencesService> presencesService();
+  /// Groups, cached.
   std::shared_ptr<CacheGroupService> groupService();
+  /// Meetings.
   std::shared_ptr<MeetingsService> meetingsService();
-  /// Refused (GenericError notAllowed "+call-history") while the user lacks the call-history
-  /// capability.
+  /// The conference log (call history). Refused (GenericError notAllowed "+call-history") while
+  /// the user lacks the call-history capability.
   std::shared_ptr<ConferenceLogService> conferenceLogService();
+  /// Missed calls.
   std::shared_ptr<MissedCallsService> missedCallsService();
+  /// Alerts.
   std::shared_ptr<AlertsService> alerts();
+  /// The chat list.
   std::shared_ptr<XMPPService> xmppService();
+  ///@}
 
-  // Domain event handlers: each made on first use and then kept; the application may set its
-  // own. They deliver on the main scheduler (Options::mainScheduler).
+  /// @name Domain event handlers
+  /// Each getter makes its domain's handler on first use, on the facade's event channel and
+  /// delivering on the main scheduler (Options::mainScheduler), and then keeps it; each setter
+  /// replaces it (null: the next get makes a new one). A handler's streams start listening once
+  /// the main scheduler has run their subscription, and end when the session is cleared (see
+  /// clearSessionInfo()). Thread-safe.
+  ///@{
+
+  /// Contacts and address-book changes.
   std::shared_ptr<AddressBooksEventHandler> addressBooksEventHandler();
+  /// Replaces the address-book handler.
   void setAddressBooksEventHandler(std::shared_ptr<AddressBooksEventHandler> handler);
+  /// Presence changes of the addresses subscribed to.
   std::shared_ptr<PresencesEventHandler> presenceEventHandler();
+  /// Replaces the presence handler.
   void setPresenceEventHandler(std::shared_ptr<PresencesEventHandler> handler);
+  /// Groups made, changed and deleted, and participants removed.
   std::shared_ptr<GroupEventHandler> groupEventHandler();
+  /// Replaces the group handler.
   void setGroupEventHandler(std::shared_ptr<GroupEventHandler> handler);
+  /// Meetings made, changed and deleted.
   std::shared_ptr<MeetingsEventHandler> meetingsEventHandler();
+  /// Replaces the meetings handler.
   void setMeetingsEventHandler(std::shared_ptr<MeetingsEventHandler> handler);
+  /// New conference-log entries.
   std::shared_ptr<ConferenceLogEventHandler> conferenceLogEventHandler();
+  /// Replaces the conference-log handler.
   void setConferenceLogEventHandler(std::shared_ptr<ConferenceLogEventHandler> handler);
+  /// New missed calls.
   std::shared_ptr<MissedCallsEventHandler> missedCallsEventHandler();
+  /// Replaces the missed-calls handler.
   void setMissedCallsEventHandler(std::shared_ptr<MissedCallsEventHandler> handler);
+  /// Alerts raised and alerts changed.
   std::shared_ptr<AlertsEventHandler> alertsEventHandler();
+  /// Replaces the alerts handler.
   void setAlertsEventHandler(std::shared_ptr<AlertsEventHandler> handler);
+  /// Chats added to and removed from the chat list.
   std::shared_ptr<IndividualChatListEventHandler> individualChatListEventHandler();
+  /// Replaces the chat-list handler.
   void setIndividualChatListEventHandler(std::shared_ptr<IndividualChatListEventHandler> handler);
+  ///@}
 
-  // The parts, for the application and for tests.
+  /// @name The parts, for the application and for tests
+  ///@{
+
+  /// The one event channel of the facade's sockets, which every domain handler filters.
   const std::shared_ptr<KelEventHandler>& kelEventHandler() const noexcept {
     return kelEventHandler_;
   }
+  /// The current socket client, null before the first sign-in or restore; replaced by each.
   const rx::BehaviorRelay<std::shared_ptr<SocketClient>>& socketClient() const noexcept {
     return socketClient_;
   }
+  /// The state machine behind states() and needsNewSession().
   const std::shared_ptr<ServerState>& sessionState() const noexcept { return sessionState_; }
+  /// The capabilities of the last sign-in, which the service accessors check.
   const std::shared_ptr<CapabilityValidator>& capabilityValidator() const noexcept {
     return capabilityValidator_;
   }
+  /// Whether the last lifecycle notification was did-enter-background.
   bool appIsInBackground() const noexcept { return appIsInBackground_.load(); }
   /// The keychain service name, also the key of the restore flag.
   static std::string keychainService() { return std::string(kKeychainServiceIdentifier); }
+  /// The keychain access group of the team id given to create(); nothing for an empty one.
   std::optional<std::string> keychainAccessGroup() const;
+  /// The sign-in base URL given to create().
   const boost::urls::url& kelURL() const noexcept { return kelURL_; }
+  /// The WebSocket URL given to create().
   const boost::urls::url& socketURL() const noexcept { return socketURL_; }
+  ///@}
 
  private:
   struct Passkey {
@@ -258,6 +379,7 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
   };
 
  public:
+  /// For std::make_shared inside create() only (the key is private); use create().
   KelServer(Passkey, boost::urls::url kelURL, boost::urls::url socketURL, std::string appVersion,
             std::string teamId, Options options);
 

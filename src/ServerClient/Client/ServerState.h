@@ -47,7 +47,10 @@ class ServerState : public std::enable_shared_from_this<ServerState> {
   /// Emits each time a new sign-in is needed.
   rx::Observable<rx::Unit> needsNewSession() const { return needsNewSession_.asObservable(); }
 
+  /// True while a close is expected because the user signs out: the next expectedClose then
+  /// raises no needsNewSession. Cleared when the socket authenticates again.
   bool isLogout() const noexcept { return isLogout_.load(); }
+  /// Marks (or unmarks) the coming close as the user's own; logout() sets it.
   void setIsLogout(bool value) noexcept { isLogout_.store(value); }
 
   /// Starts with newState. Emitting a value emits it even if it equals the current one.
@@ -55,6 +58,7 @@ class ServerState : public std::enable_shared_from_this<ServerState> {
   /// Emits `state` on currentState, serialised with the socket's states.
   void emit(KelServerState state);
 
+  /// The session that the last sign-in or restore set, or nothing after clearing.
   std::optional<AuthenticationData> userSession() const;
   /// A present value also emits connected.
   void setUserSession(std::optional<AuthenticationData> session);

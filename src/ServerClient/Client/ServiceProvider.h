@@ -37,24 +37,34 @@ namespace kel {
 /// and the cache; factories run under it and must not call back into the provider).
 class ServiceProvider {
  public:
+  /// The domains services are asked for by.
   using Domain = ServiceDomain;
+  /// Builds a domain's service on the socket client slot; may return null (then "Service not
+  /// found").
   using Factory = std::function<std::shared_ptr<SocketService>(SocketClientSlot)>;
 
   /// What a service is built from. Only `socket` is accepted; the others are refused.
   class Dependencies {
    public:
+    /// A plain HTTP base URL; no service is built from it.
     struct Rest {
-      boost::urls::url serverUrl;
+      boost::urls::url serverUrl;  ///< the base URL
     };
+    /// The socket client slot: what every service is built from.
     struct Socket {
-      SocketClientSlot client;
+      SocketClientSlot client;  ///< the facade's slot
     };
+    /// A file transfer channel; no service is built from it.
     struct File {};
 
+    /// A REST base URL (refused by createService).
     static Dependencies rest(boost::urls::url serverUrl) { return Dependencies(Rest{serverUrl}); }
+    /// The socket client slot that the services send through.
     static Dependencies socket(SocketClientSlot client) { return Dependencies(Socket{client}); }
+    /// A file channel (refused by createService).
     static Dependencies file() { return Dependencies(File{}); }
 
+    /// The case held.
     const std::variant<Rest, Socket, File>& value() const noexcept { return value_; }
     /// The slot of `socket`; null for the other cases.
     const SocketClientSlot* socketClient() const noexcept {
@@ -81,6 +91,7 @@ class ServiceProvider {
   ServiceProvider(const ServiceProvider&) = delete;
   ServiceProvider& operator=(const ServiceProvider&) = delete;
 
+  /// The validator asked at every demand of a capability-bound domain; never null.
   const std::shared_ptr<const CapabilityValidator>& validator() const noexcept {
     return validator_;
   }
@@ -104,6 +115,8 @@ class ServiceProvider {
   /// The cached service of `domain`, or null; never creates one.
   std::shared_ptr<SocketService> cachedService(Domain domain) const;
 
+  /// GenericError(underlying(), "Service not found"): no factory, a null service, or a service
+  /// of another type than asked for.
   static GenericError serviceNotFound();
 
  private:

@@ -45,18 +45,27 @@ struct IsList<std::vector<T>> : std::true_type {};
 /// Services are made with std::make_shared. Their streams hold them weakly: a stream subscribed
 /// after its service is gone (a logout drops the services) still sends, through the slot the
 /// service was made with.
+///
+/// Results arrive on the socket client's thread (the socket's network thread by default); a
+/// failure decided before anything is sent (no client in the slot, a socket that is not
+/// authenticated) arrives at once on the subscribing thread. Disposing a subscription before
+/// the answer unregisters the request, and an answer that comes later is dropped; the server
+/// may still carry the request out. Every member may be called from any thread.
 class SocketService : public std::enable_shared_from_this<SocketService> {
  public:
   /// What one operation sends. Where an operation has no body, the server expects an empty list.
   template <PathRepresentable Path>
   struct Call {
-    Pathname<Path> pathname;
-    std::string method;
-    nlohmann::json body = nlohmann::json::array();
+    Pathname<Path> pathname;                        ///< the resource, with its rules applied
+    std::string method;                             ///< "GET", "POST", "PUT", "DELETE" or "HEAD"
+    nlohmann::json body = nlohmann::json::array();  ///< the request's "body"
     /// Carried for the caller's use; not transmitted.
     std::map<std::string, std::string> headers{};
+    /// How long the socket client waits for the answer before failing with
+    /// ConnectionError(timeout, -1).
     std::chrono::seconds timeout = kDefaultRequestTimeout;
 
+    /// The request, with a fresh random identifier at every call.
     JsonRequest<Path> request() const {
       return {.timeout = timeout,
               .pathname = pathname,
@@ -66,12 +75,14 @@ class SocketService : public std::enable_shared_from_this<SocketService> {
     }
   };
 
+  /// A service that sends through whatever client `socketClient` holds at each send.
   explicit SocketService(SocketClientSlot socketClient);
   virtual ~SocketService();
 
   SocketService(const SocketService&) = delete;
   SocketService& operator=(const SocketService&) = delete;
 
+  /// The slot the service was made with (shared with the facade).
   const SocketClientSlot& socketClient() const noexcept { return socketClient_; }
 
   /// Sends `request` through the client in the slot at the time of this call and yields its

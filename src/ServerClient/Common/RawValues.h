@@ -13,8 +13,9 @@ namespace kel {
 ///   kColors.text(Color::green) == "green";  kColors.find("red") == Color::red
 template <class Enum, std::size_t N>
 struct RawValues {
-  std::array<std::string_view, N> texts;
+  std::array<std::string_view, N> texts;  ///< the text of each enumerator, by its value
 
+  /// The text of `value`, which must be one of the N enumerators.
   constexpr std::string_view text(Enum value) const noexcept {
     return texts[static_cast<std::size_t>(value)];
   }

@@ -8,15 +8,19 @@
 
 namespace kel {
 
-/// One renewal of the signed-in session: PUT "/sessions/<session id>" with
-/// {"registered": <credential id>}. The facade runs it periodically while connected.
+/// One renewal of the signed-in session: PUT `/sessions/<session id>` with
+/// `{"registered": <credential id>}`. The facade runs it every 20 s while connected, on its
+/// renewal scheduler; the answer arrives on the socket's network thread. Disposing before the
+/// answer unregisters the request.
 class KeepConnectionService : public SocketService {
  public:
+  /// The one resource, "/sessions".
   enum class Path { sessions };
   friend constexpr auto pathTable(Path) {
     return makePathTable<Path>({{Path::sessions, "/sessions"}});
   }
 
+  /// A service that sends through the client in `socketClient`.
   explicit KeepConnectionService(SocketClientSlot socketClient);
 
   /// Renews the session held by `userSession` at the time of the call. Yields one element and

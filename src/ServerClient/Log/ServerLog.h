@@ -69,11 +69,15 @@ class ServerLog {
   /// Calling it again replaces the console logger's level: it stays one logger.
   void addLoggers(LogLevel level, bool shouldDisplayInRelease);
 
-  /// Logs `message` with the caller's source file path, function name and line.
+  /// Logs `message` with the caller's source file path, function name and line, as an error.
+  /// `message` is written as given: a caller that includes outside data passes it through
+  /// displayText first. The KEL_LOG_ERROR macro fills in the rest.
   void error(std::string_view message, std::string_view file, std::string_view function,
              unsigned line) noexcept;
+  /// The same at debug level (KEL_LOG_DEBUG).
   void debug(std::string_view message, std::string_view file, std::string_view function,
              unsigned line) noexcept;
+  /// The same at verbose level (KEL_LOG_VERBOSE).
   void verbose(std::string_view message, std::string_view file, std::string_view function,
                unsigned line) noexcept;
 

@@ -6,7 +6,11 @@
 
 namespace kel {
 
-/// Registers the device's push-notification token with the server, and removes it at sign-out.
+/// Registers the device's push-notification token with the server, and removes it at sign-out
+/// (KelServer::pushService(); logout() removes it by itself). Nothing is sent until a result is
+/// subscribed. Each result succeeds once the server answered, arriving on the socket's network
+/// thread; failures are the socket layer's SDKErrors (ConnectionError(noSocketClient) without an
+/// authenticated socket, ConnectionError(timeout, -1) after 20 s, the server's error mapped).
 class PushService {
  public:
   virtual ~PushService() = default;

@@ -26,14 +26,21 @@ struct SocketAuthenticatorOptions {
 /// before the frame is written, so an acknowledgement that arrives at once is not missed.
 class SocketAuthenticator {
  public:
+  /// What the authenticator takes by injection.
   using Options = SocketAuthenticatorOptions;
 
+  /// Authenticates `socket`, reading its states from `eventHandler`, waiting up to
+  /// `connectionTimeout`.
   SocketAuthenticator(std::shared_ptr<platform::Socket> socket,
                       std::shared_ptr<SocketEventHandler> eventHandler,
                       std::chrono::seconds connectionTimeout, Options options = {});
 
+  /// See the class comment. Each subscription writes the frame again. The element arrives on
+  /// the thread that reports the socket's state, the time-out on the authentication scheduler.
+  /// Disposing stops the wait; the frame already written stays written.
   rx::Single<rx::Unit> authenticate(std::string token) const;
 
+  /// How long authenticate() waits for the acknowledgement.
   std::chrono::seconds connectionTimeout() const noexcept { return connectionTimeout_; }
 
  private:

@@ -25,8 +25,11 @@ inline constexpr std::chrono::seconds kReconnectionAttempt{3};
 
 /// What the socket builder takes from the operating system.
 struct SocketBuilderPlatform {
+  /// Makes the WebSocket for a URL and the sub-protocols to offer; may throw or return null (no
+  /// socket: the sign-in fails with GenericError(invalidURL)).
   using SocketFactory = std::function<std::shared_ptr<platform::Socket>(
       const boost::urls::url& url, std::vector<std::string> protocols)>;
+  /// Makes the reachability source of one client.
   using NetworkManagerFactory = std::function<std::shared_ptr<platform::OvNetworkManager>()>;
 
   /// Makes the WebSocket; without one, newSocket() makes nothing.
@@ -56,9 +59,12 @@ class SocketBuilder : public std::enable_shared_from_this<SocketBuilder> {
  public:
   /// Yields the signed-in user's session token, or nothing.
   using SessionToken = std::function<std::optional<std::string>()>;
+  /// See SocketBuilderPlatform::SocketFactory.
   using SocketFactory = SocketBuilderPlatform::SocketFactory;
+  /// See SocketBuilderPlatform::NetworkManagerFactory.
   using NetworkManagerFactory = SocketBuilderPlatform::NetworkManagerFactory;
 
+  /// What the builder takes from the operating system.
   using Platform = SocketBuilderPlatform;
 
   /// `userSession` reads the current session token; tokenOf() makes it from the facade's
@@ -81,10 +87,13 @@ class SocketBuilder : public std::enable_shared_from_this<SocketBuilder> {
     };
   }
 
-  /// A new client for a new session, or null when the platform cannot make a socket.
+  /// A new client for a new session, or null when the platform cannot make a socket (the
+  /// reason is logged). The client is new: nothing is opened until its connect() is subscribed.
   std::shared_ptr<SocketClient> newSocket();
 
+  /// The sign-in base URL.
   const boost::urls::url& kelURL() const noexcept { return kelURL_; }
+  /// The WebSocket URL each new socket is made for.
   const boost::urls::url& socketURL() const noexcept { return socketURL_; }
 
  private:
@@ -93,6 +102,7 @@ class SocketBuilder : public std::enable_shared_from_this<SocketBuilder> {
   };
 
  public:
+  /// For std::make_shared inside create() only (the key is private); use create().
   SocketBuilder(Passkey, boost::urls::url kelURL, boost::urls::url socketURL,
                 std::shared_ptr<ServerEventHandler> kelEventHandler, SessionToken userSession,
                 Platform platform, rx::Duration reconnectionAttempt);

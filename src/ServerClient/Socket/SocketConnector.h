@@ -51,14 +51,20 @@ struct SocketConnectorOptions {
 /// reported at once is not missed. Disposing stops the wait; the socket is not closed.
 class SocketConnector {
  public:
+  /// What the connector takes by injection.
   using Options = SocketConnectorOptions;
 
+  /// Opens `socket`, reading its states from `eventHandler`, waiting up to `connectionTimeout`.
   SocketConnector(std::shared_ptr<platform::Socket> socket,
                   std::shared_ptr<SocketEventHandler> eventHandler,
                   std::chrono::seconds connectionTimeout, Options options = {});
 
+  /// See the class comment. The element arrives on the thread that reports the socket's state,
+  /// the time-out on the connection scheduler. An attempt in flight does not need the connector
+  /// to stay alive.
   rx::Single<rx::Unit> connect() const;
 
+  /// How long connect() waits for the socket to open.
   std::chrono::seconds connectionTimeout() const noexcept { return connectionTimeout_; }
 
  private:

@@ -49,8 +49,11 @@ struct SocketReconnectorOptions {
 /// number, so a late release of a finished reconnection can never clear a newer one's flag.
 class SocketReconnector : public std::enable_shared_from_this<SocketReconnector> {
  public:
+  /// What the reconnector takes by injection.
   using Options = SocketReconnectorOptions;
 
+  /// An idle reconnector for `socket` that connects with `socketConnector`, authenticates with
+  /// `socketAuthenticator` and tries every `reconnectionAttempt`.
   static std::shared_ptr<SocketReconnector> create(
       std::shared_ptr<platform::Socket> socket, std::shared_ptr<SocketConnector> socketConnector,
       std::shared_ptr<SocketAuthenticator> socketAuthenticator, rx::Duration reconnectionAttempt,
@@ -61,14 +64,18 @@ class SocketReconnector : public std::enable_shared_from_this<SocketReconnector>
 
   /// Asked at every tick whether the user stopped the socket; none means not stopped.
   StopByUser stopByUser() const;
+  /// Installs what stopByUser() returns; the socket client installs its own.
   void setStopByUser(StopByUser stopByUser);
 
-  /// Starts reconnecting unless a reconnection is already in progress.
+  /// Starts reconnecting unless a reconnection is already in progress; returns at once.
+  /// Destroying the reconnector ends the reconnection in progress.
   void launchReconnection(std::string token);
+  /// Whether a reconnection is in progress.
   bool isReconnecting() const noexcept {
     return reconnection_.load(std::memory_order_acquire) != 0;
   }
 
+  /// The period between two connection attempts.
   rx::Duration reconnectionAttempt() const noexcept { return reconnectionAttempt_; }
 
  private:
@@ -77,6 +84,7 @@ class SocketReconnector : public std::enable_shared_from_this<SocketReconnector>
   };
 
  public:
+  /// For std::make_shared inside create() only (the key is private); use create().
   SocketReconnector(Passkey, std::shared_ptr<platform::Socket> socket,
                     std::shared_ptr<SocketConnector> socketConnector,
                     std::shared_ptr<SocketAuthenticator> socketAuthenticator,

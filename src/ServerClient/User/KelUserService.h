@@ -14,12 +14,14 @@ namespace kel {
 /// encoded.
 class KelUserService : public SocketService, public UserService {
  public:
-  /// The server speaks of capabilities without a leading slash; it is sent as such.
+  /// The resources: users is "/users", capabilities "capabilities". The server speaks of
+  /// capabilities without a leading slash; it is sent as such.
   enum class Path { users, capabilities };
   friend constexpr auto pathTable(Path) {
     return makePathTable<Path>({{Path::users, "/users"}, {Path::capabilities, "capabilities"}});
   }
 
+  /// A service that sends through the client in `socketClient`; the facade makes it.
   explicit KelUserService(SocketClientSlot socketClient);
 
   rx::Single<User> user(const std::string& id) override;

@@ -10,17 +10,24 @@
 
 namespace kel {
 
-/// Reads and updates server users. Each operation builds its request, with a fresh identifier,
-/// when called and sends it when the result is subscribed; subscribe to each result once.
+/// Reads and updates server users (KelServer::userService()). Nothing is sent until a result is
+/// subscribed, and each subscription sends its own request with a fresh identifier. Results
+/// arrive on the socket's network thread; disposing before the answer unregisters the request.
+/// Failures are SDKErrors: ConnectionError(noSocketClient) without an authenticated socket,
+/// ConnectionError(timeout, -1) after 20 s, the server's error mapped to a ConnectionError, or
+/// GenericError(decoding) for an answer that is not the record.
 class UserService {
  public:
   virtual ~UserService() = default;
 
-  /// The user with identifier `id`.
+  /// The user with identifier `id`; notFound when the server knows none.
   virtual rx::Single<User> user(const std::string& id) = 0;
-  /// Writes `user` (found by its userId) and yields the user records the server answers with.
+  /// Writes `user` (found by its userId) and yields the user records the server answers with;
+  /// a user that cannot be encoded fails with GenericError(encoding) without sending. The
+  /// server may refuse changes to another user (forbidden).
   virtual rx::Observable<User> update(const User& user) = 0;
-  /// The signed-in user's current capabilities.
+  /// The signed-in user's current capabilities, as the server has them now (the facade's
+  /// validator keeps those of the last sign-in).
   virtual rx::Single<std::shared_ptr<const Capabilities>> fetchCapabilities() = 0;
 };
 

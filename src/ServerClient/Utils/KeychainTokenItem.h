@@ -30,7 +30,9 @@
 
 namespace kel {
 
+/// The service name of the library's token item, and the key of the restore flag.
 inline constexpr std::string_view kKeychainServiceIdentifier = "io.kelclient.sdk";
+/// What follows the team identifier and "." in the shared keychain group.
 inline constexpr std::string_view kSharedGroupSuffix = "io.kelclient.keychain";
 static_assert(kKeychainServiceIdentifier.size() == 16);
 static_assert(kSharedGroupSuffix.size() == 21);
@@ -39,30 +41,42 @@ static_assert(kSharedGroupSuffix.size() == 21);
 /// nothing (the application's default group) when `teamId` is empty.
 std::optional<std::string> keychainAccessGroup(std::string_view teamId);
 
+/// The stored session token and its server URL under one keychain service name (see the top of
+/// this header). A small value that names the items; it caches nothing, so copies and other
+/// instances for the same service see the same items. Every operation talks to the keychain
+/// synchronously on the caller's thread.
 class KeychainTokenItem {
  public:
-  /// A keychain call that did not go as needed.
+  /// A keychain call that did not go as needed. Not an SDKError: the facade catches it and
+  /// reports a missing session as GenericError(notAllowed).
   class KeychainError : public std::exception {
    public:
+    /// The cases.
     enum class Kind {
       unhandledError,       ///< a keychain call answered an unexpected status()
       noToken,              ///< there is no token item
       unexpectedTokenData,  ///< the token item's data is not UTF-8 text
     };
 
+    /// The keychain answered `status`, which the operation cannot take.
     static KeychainError unhandledError(platform::OSStatus status) {
       return KeychainError(Kind::unhandledError, status);
     }
+    /// No token is stored.
     static KeychainError noToken() { return KeychainError(Kind::noToken, 0); }
+    /// The stored token is not UTF-8 text.
     static KeychainError unexpectedTokenData() {
       return KeychainError(Kind::unexpectedTokenData, 0);
     }
 
+    /// Which case this is.
     Kind kind() const noexcept { return kind_; }
     /// The keychain status of an unhandledError; 0 for the other kinds.
     platform::OSStatus status() const noexcept { return status_; }
+    /// "noToken", "unexpectedTokenData" or "unhandledError(status: N, <status name>)".
     const char* what() const noexcept override { return what_.c_str(); }
 
+    /// Same kind and status.
     bool operator==(const KeychainError& other) const noexcept {
       return kind_ == other.kind_ && status_ == other.status_;
     }
@@ -77,21 +91,27 @@ class KeychainTokenItem {
 
   /// What readToken() found.
   struct StoredToken {
+    /// The session token; a secret: never log or show it.
     std::string token;
     /// The server URL text; empty when no URL item was readable.
     std::string url;
 
+    /// Same token and URL.
     bool operator==(const StoredToken&) const = default;
   };
 
+  /// What follows the service name in the service name of the URL item.
   static constexpr std::string_view kServerURLSuffix = ".serverURL";
 
   /// The items of `service` in `accessGroup` (the default group when absent), in `keychain`.
+  /// Throws std::invalid_argument for a null keychain.
   explicit KeychainTokenItem(
       std::string service, std::optional<std::string> accessGroup = std::nullopt,
       std::shared_ptr<platform::Keychain> keychain = platform::SecretServiceKeychain::shared());
 
+  /// The service name of the token item.
   const std::string& service() const noexcept { return service_; }
+  /// The access group every call names; nothing for the default group.
   const std::optional<std::string>& accessGroup() const noexcept { return accessGroup_; }
 
   /// The stored token and server URL. Throws KeychainError: noToken when no token item exists,

@@ -30,26 +30,41 @@ namespace kel {
 /// `char` is refused (ambiguous) rather than silently written as its code.
 class QueryValue {
  public:
+  /// The text as it is (encoded when the query is built).
   QueryValue(std::string text) : text_(std::move(text)) {}
+  /// The text as it is.
   QueryValue(std::string_view text) : text_(text) {}
+  /// The text as it is; `text` must not be null.
   QueryValue(const char* text) : text_(text) {}
+  /// "true" or "false".
   QueryValue(bool value) : text_(value ? "true" : "false") {}
+  /// Decimal digits, with a leading "-" for a negative value.
   template <std::integral I>
   requires(!std::same_as<I, bool> && !std::same_as<I, char>) QueryValue(I value)
       : text_(std::to_string(value)) {}
+  /// The shortest text that reads back to `value`, always with a "." or an exponent.
   QueryValue(double value);
 
+  /// The value's text, before percent-encoding.
   const std::string& text() const noexcept { return text_; }
 
  private:
   std::string text_;
 };
 
+/// The query string of a request path from named values (see the top of this header); a
+/// value left empty is left out. Pure computation: no state shared, safe anywhere.
+///
+///   QueryBuilder({{"limit", 20}, {"before", std::nullopt}, {"q", "a b"}}).build()
+///   // "?limit=20&q=a%20b"
 class QueryBuilder {
  public:
+  /// Names and their values, kept in name order; an empty value leaves its item out.
   using Parameters = std::map<std::string, std::optional<QueryValue>, std::less<>>;
 
+  /// The items of `params`.
   explicit QueryBuilder(Parameters params) : params_(std::move(params)) {}
+  /// The items listed in braces; a name given twice keeps its first value.
   // Spelled out so that one text pair, {{"name", "value"}}, is not read as an iterator range.
   QueryBuilder(std::initializer_list<Parameters::value_type> params) : params_(params) {}
 

@@ -33,26 +33,40 @@ namespace kel {
 /// The longest wait between two attempts: about 68 years, i.e. never in practice.
 inline constexpr std::chrono::seconds kMaxRepeatDelay{std::int64_t{1} << 31};
 
+/// How often and how far apart retry() resubscribes to a failing source (see the top of this
+/// header). A value: copy it freely; `customTimerDelayed`'s calculator is shared by the copies
+/// and called on the thread that handles the error.
 class RepeatBehavior {
  public:
+  /// The cases: no wait, the same wait each time, a wait growing by a factor each time, the
+  /// wait a calculator gives.
   enum class Kind { immediate, delayed, exponentialDelayed, customTimerDelayed };
   /// The delay in seconds before the attempt after attempt `n`.
   using DelayCalculator = std::function<double(std::uint64_t n)>;
 
   /// What the behaviour says for one attempt.
   struct Conditions {
-    std::uint64_t maxCount;
-    double delay;  ///< seconds
+    std::uint64_t maxCount;  ///< subscriptions in all, the first included
+    double delay;            ///< seconds
+    /// Same count and delay.
     bool operator==(const Conditions&) const = default;
   };
 
+  /// Up to `maxCount` subscriptions, each at once after the failure before.
   static RepeatBehavior immediate(std::uint64_t maxCount);
+  /// Up to `maxCount` subscriptions, `time` seconds apart.
   static RepeatBehavior delayed(std::uint64_t maxCount, double time);
+  /// Up to `maxCount` subscriptions; `initial` seconds before the second, then each wait
+  /// (1 + `multiplier`) times the one before.
   static RepeatBehavior exponentialDelayed(std::uint64_t maxCount, double initial,
                                            double multiplier);
+  /// Up to `maxCount` subscriptions, waiting `delayCalculator(n)` seconds after attempt n (no
+  /// wait when the calculator is empty).
   static RepeatBehavior customTimerDelayed(std::uint64_t maxCount, DelayCalculator delayCalculator);
 
+  /// Which case this is.
   Kind kind() const noexcept { return kind_; }
+  /// Subscriptions in all, the first included.
   std::uint64_t maxCount() const noexcept { return maxCount_; }
   /// The conditions for attempt `n`, counted from 1.
   Conditions conditions(std::uint64_t n) const;
@@ -77,7 +91,8 @@ std::optional<rx::Duration> repeatDelay(double seconds) noexcept;
 /// the first subscription (callers start at 1). `shouldRetry`, when given, may refuse an error,
 /// which is then passed on. Waits run on `scheduler`. Elements and completion pass through.
 /// Resubscriptions are trampolined, so a source that fails synchronously does not deepen the
-/// stack however many immediate attempts are allowed.
+/// stack however many immediate attempts are allowed. Disposing stops the current attempt and
+/// cancels a wait in progress.
 template <class T>
 rx::Observable<T> retry(const rx::Observable<T>& source, std::uint64_t attempt,
                         RepeatBehavior behavior, rx::SchedulerPtr scheduler,
@@ -101,6 +116,7 @@ rx::Observable<T> retry(const rx::Observable<T>& source, std::uint64_t attempt,
       });
 }
 
+/// The same for a Single.
 template <class T>
 rx::Single<T> retry(const rx::Single<T>& source, std::uint64_t attempt, RepeatBehavior behavior,
                     rx::SchedulerPtr scheduler,
@@ -109,6 +125,7 @@ rx::Single<T> retry(const rx::Single<T>& source, std::uint64_t attempt, RepeatBe
                                         std::move(scheduler), std::move(shouldRetry)));
 }
 
+/// The same for a Completable.
 inline rx::Completable retry(const rx::Completable& source, std::uint64_t attempt,
                              RepeatBehavior behavior, rx::SchedulerPtr scheduler,
                              std::function<bool(std::exception_ptr)> shouldRetry = {}) {

@@ -8,15 +8,20 @@ namespace kel {
 /// Deliberately not an SDKError: toSDKError reports it as an underlying error.
 class UnretainedError : public std::exception {
  public:
+  /// The one case: the object was gone when the stream needed it.
   enum class Kind { failedRetaining };
 
+  /// The error of a stream whose weakly held object is gone.
   static UnretainedError failedRetaining() noexcept {
     return UnretainedError(Kind::failedRetaining);
   }
 
+  /// Always failedRetaining.
   Kind kind() const noexcept { return kind_; }
+  /// "failedRetaining".
   const char* what() const noexcept override { return "failedRetaining"; }
 
+  /// Same kind.
   bool operator==(const UnretainedError& other) const noexcept { return kind_ == other.kind_; }
 
  private:

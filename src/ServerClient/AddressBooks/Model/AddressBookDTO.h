@@ -67,9 +67,7 @@ struct AddressBookSocketDTO {
   /// Field-by-field equality.
   bool operator==(const AddressBookSocketDTO&) const = default;
 };
-/// @cond
 BOOST_DESCRIBE_STRUCT(AddressBookSocketDTO, (), (id, type, contact))
-/// @endcond
 
 /// Reads a book; throws (std::invalid_argument or nlohmann's errors) for an unknown type or a
 /// value of the wrong JSON type, which kel::from reports as GenericError(decoding).

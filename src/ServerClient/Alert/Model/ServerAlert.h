@@ -48,9 +48,7 @@ struct ServerAlertTemplate {
   /// Field-by-field equality.
   bool operator==(const ServerAlertTemplate&) const = default;
 };
-/// @cond
 BOOST_DESCRIBE_STRUCT(ServerAlertTemplate, (), (templateId, title, payload))
-/// @endcond
 
 /// Reads an alert; throws (std::invalid_argument or nlohmann's errors) for a missing required
 /// key or a value of the wrong JSON type, which kel::from reports as GenericError(decoding).

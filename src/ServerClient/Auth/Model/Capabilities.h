@@ -21,11 +21,15 @@
 
 namespace kel {
 
+/// What the signed-in user may do: the two lists the server sent and the effective list made
+/// from them (see the top of this header). Immutable once made; shared, never copied.
 class Capabilities {
  public:
-  /// Granted to everyone unless the user list takes them away, in this order.
+  /// Granted to everyone unless the user list takes them away, in this order: "audio-call",
+  /// "video-call", "media-update", "multicall", "conferences", "conference-hold".
   static const std::vector<std::string>& defaults();
 
+  /// The record of the lists as sent; nothing is checked or worked out yet.
   Capabilities(std::vector<std::string> domainCapabilities,
                std::vector<std::string> userCapabilities);
 
@@ -38,8 +42,8 @@ class Capabilities {
   /// for the life of the object; safe to call from any thread.
   const std::vector<std::string>& active() const;
 
-  const std::vector<std::string> domain;
-  const std::vector<std::string> user;
+  const std::vector<std::string> domain;  ///< "domain": what the user's domain grants
+  const std::vector<std::string> user;    ///< "user": "-x" and "+x" adjustments for the user
 
  private:
   mutable std::once_flag activeOnce_;

@@ -57,8 +57,14 @@ namespace kel {
 inline constexpr std::string_view kClosedDuringSignIn =
     "The server closed the connection during sign-in";
 
+/// Signs in over HTTP, resumes a stored session, reads the user's permissions over the socket
+/// and ends the session (see the top of this header for the exchanges and their errors). The
+/// facade uses it for connect(), restoreSession() and logout(); an application rarely needs it
+/// directly. Nothing is sent before a result is subscribed; each subscription starts its own
+/// exchange. Results arrive on the HTTP client's thread or the socket's network thread.
 class AuthService : public SocketService {
  public:
+  /// The resources: "/login", "/login/sessionToken", "/sessions" and "/permissions".
   enum class Path { login, restoreSession, session, permissions };
   friend constexpr auto pathTable(Path) {
     return makePathTable<Path>({
@@ -78,22 +84,33 @@ class AuthService : public SocketService {
 
   /// The process-wide HTTP client (one I/O thread) and this machine's device information.
   static const std::shared_ptr<platform::HTTPClient>& sharedHTTPClient();
+  /// This machine's device information (system, version, model, per-installation identifier),
+  /// made on first use.
   static const std::shared_ptr<const platform::DeviceInfo>& systemDeviceInfo();
 
-  /// Full sign-in with an outside token: login, socket connection, permissions.
+  /// Full sign-in with an outside token: login, socket connection (through the client in the
+  /// slot, with the answer's token), permissions. Fails as described at the top, with
+  /// ConnectionError(noSocketClient, -1) when the slot is empty, with the connector's and the
+  /// authenticator's ConnectionError(timeout, -1) after 20 s each, and with
+  /// UnretainedError::failedRetaining once the service is gone.
   rx::Single<AuthenticationData> registerUser(std::string token, boost::urls::url url,
                                               std::string appVersion);
   /// Resumes a stored session token: the same chain with loginSessionToken.
   rx::Single<AuthenticationData> session(std::string associatedToToken, boost::urls::url url,
                                          std::string appVersion);
-  /// Ends `user`'s session: DELETE /sessions/<session id> with its "Authorization".
+  /// Ends `user`'s session over the socket: DELETE `/sessions/<session id>`. The server answers,
+  /// then closes the session's sockets with a normal closure. The "Authorization" header that
+  /// the request carries stays on this side (Call headers are not transmitted): the socket's own
+  /// authentication is what identifies the user.
   rx::Single<rx::Unit> unregister(AuthenticationData user);
-  /// `authData` with the permissions read over the socket.
+  /// `authData` with the permissions read over the socket (GET "/permissions"); fails with the
+  /// socket layer's errors or GenericError(decoding).
   rx::Single<AuthenticationData> getPermissions(AuthenticationData authData);
 
-  /// The HTTP calls alone.
+  /// The HTTP call of a sign-in with an outside token alone (POST "<url>/login").
   rx::Single<AuthenticationData> login(std::string token, boost::urls::url url,
                                        std::string appVersion);
+  /// The HTTP call of a restore alone (POST "<url>/login/sessionToken" with a session token).
   rx::Single<AuthenticationData> loginSessionToken(std::string token, boost::urls::url url,
                                                    std::string appVersion);
   /// POSTs `data` to `url` and decodes the answer (errors as at the top).

@@ -40,9 +40,7 @@ namespace kel {
 /// How a call attempt ended, by its SIP final response code: decline 603, ok 200, busy 486,
 /// cancel 487, timeout 408.
 enum class ConferenceCode { decline = 603, ok = 200, busy = 486, cancel = 487, timeout = 408 };
-/// @cond
 BOOST_DESCRIBE_ENUM(ConferenceCode, decline, ok, busy, cancel, timeout)
-/// @endcond
 
 /// The case of a known code; nothing for any other.
 std::optional<ConferenceCode> conferenceCodeFrom(std::int64_t code) noexcept;
@@ -132,7 +130,6 @@ struct ConferenceEntry {
   /// Field-by-field equality.
   bool operator==(const ConferenceEntry&) const = default;
 };
-/// @cond
 BOOST_DESCRIBE_STRUCT(ConferenceEntry::InvitationInfo::CandidateInfo, (), (address, endReason))
 BOOST_DESCRIBE_STRUCT(ConferenceEntry::InvitationInfo, (),
                       (from, to, candidates, state, group, error, mediatypes))
@@ -141,7 +138,6 @@ BOOST_DESCRIBE_STRUCT(ConferenceEntry::TransferInfo, (), (from, to, state, idInv
 BOOST_DESCRIBE_STRUCT(ConferenceEntry, (),
                       (id, roomId, state, createdAt, finishedAt, invites, participants, transfers,
                        type))
-/// @endcond
 
 /// "finished", "active".
 std::string_view rawValue(ConferenceEntry::ConferenceState state) noexcept;

@@ -53,11 +53,9 @@ struct Contact {
   /// Field-by-field equality.
   bool operator==(const Contact&) const = default;
 };
-/// @cond
 BOOST_DESCRIBE_STRUCT(Contact::Phone, (), (type, value, primary))
 BOOST_DESCRIBE_STRUCT(Contact::Email, (), (type, value, primary))
 BOOST_DESCRIBE_STRUCT(Contact, (), (id, name, phones, emails, associatedUserId, favorite))
-/// @endcond
 
 /// Reads a phone; throws (std::invalid_argument or nlohmann's errors) for a missing key or a
 /// value of the wrong JSON type, which kel::from reports as GenericError(decoding).

@@ -53,9 +53,7 @@ struct SimultaneousRingingStrategyDTO {
   /// Always equal.
   bool operator==(const SimultaneousRingingStrategyDTO&) const = default;
 };
-/// @cond
 BOOST_DESCRIBE_STRUCT(SimultaneousRingingStrategyDTO, (), ())
-/// @endcond
 
 /// sequential ("sequential"), simultaneousReduced ("simultaneous-reduced") or simultaneous.
 using RingingStrategyDTO =
@@ -84,9 +82,7 @@ struct GroupDTO {
   /// Field-by-field equality.
   bool operator==(const GroupDTO&) const = default;
 };
-/// @cond
 BOOST_DESCRIBE_STRUCT(GroupDTO, (), (groupId, chatId, name, participants, owner, ringingStrategy))
-/// @endcond
 
 /// Reads a group; throws (std::invalid_argument or nlohmann's errors) for a missing key other
 /// than "ringingStrategy" or a value of the wrong JSON type, which kel::from reports as

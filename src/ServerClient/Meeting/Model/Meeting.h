@@ -61,13 +61,11 @@ struct Meeting {
   /// Field-by-field equality.
   bool operator==(const Meeting&) const = default;
 };
-/// @cond
 BOOST_DESCRIBE_STRUCT(Meeting::Participant, (), (email, phone, userId))
 BOOST_DESCRIBE_STRUCT(Meeting::Record, (), (type))
 BOOST_DESCRIBE_STRUCT(Meeting, (),
                       (id, name, user, participants, validSince, validUntil, url,
                        isPasswordProtected, record))
-/// @endcond
 
 /// Reads a participant; every key may be absent or null. Throws (nlohmann's errors or
 /// std::invalid_argument) for a value of the wrong JSON type, which kel::from reports as

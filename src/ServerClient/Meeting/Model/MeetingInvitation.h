@@ -66,13 +66,11 @@ struct MeetingInvitation {
   /// Field-by-field equality, the password included.
   bool operator==(const MeetingInvitation&) const = default;
 };
-/// @cond
 BOOST_DESCRIBE_STRUCT(MeetingInvitation::Participant, (), (sendSMS, phone, email))
 BOOST_DESCRIBE_STRUCT(MeetingInvitation::Record, (), (type))
 BOOST_DESCRIBE_STRUCT(MeetingInvitation, (),
                       (name, participants, language, validSince, validUntil, password, record,
                        sendInvites))
-/// @endcond
 
 /// Writes the participant's present keys, in the order of the JSON form.
 void to_json(nlohmann::ordered_json& json, const MeetingInvitation::Participant& participant);

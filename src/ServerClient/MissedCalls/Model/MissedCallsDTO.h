@@ -55,10 +55,8 @@ struct MissedCallsDTO {
   /// Field-by-field equality.
   bool operator==(const MissedCallsDTO&) const = default;
 };
-/// @cond
 BOOST_DESCRIBE_STRUCT(MissedCallsDTO::MissedCallData, (), (items))
 BOOST_DESCRIBE_STRUCT(MissedCallsDTO, (), (data))
-/// @endcond
 
 /// The body of a missed-calls event (MissedCallsEventHandler): `{"items": [...]}`.
 struct MissedCallsSocketDTO {
@@ -66,9 +64,7 @@ struct MissedCallsSocketDTO {
   /// Field-by-field equality.
   bool operator==(const MissedCallsSocketDTO&) const = default;
 };
-/// @cond
 BOOST_DESCRIBE_STRUCT(MissedCallsSocketDTO, (), (items))
-/// @endcond
 
 // Encoding writes present values only.
 /// Reads an item; throws (nlohmann's errors or std::invalid_argument) for a value of another

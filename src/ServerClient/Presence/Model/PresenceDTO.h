@@ -39,11 +39,9 @@ struct PresenceDTO {
   /// Field-by-field equality.
   bool operator==(const PresenceDTO&) const = default;
 };
-/// @cond
 BOOST_DESCRIBE_STRUCT(PresenceDTO, (),
                       (address, online, activity, mood, note, username, domain, role, avatar,
                        avatarUrl, displayName))
-/// @endcond
 
 /// Reads a presence; throws (nlohmann's errors) for a value of another JSON type, which
 /// kel::from reports as GenericError(decoding).
@@ -94,10 +92,8 @@ struct PresenceUpdateRequest {
   /// Field-by-field equality.
   bool operator==(const PresenceUpdateRequest&) const = default;
 };
-/// @cond
 BOOST_DESCRIBE_STRUCT(PresenceUpdateRequest, (),
                       (address, online, activity, avatar, displayName, note, mood))
-/// @endcond
 
 /// The address as a path segment: unchanged when it holds `kel-user:` or `@`, otherwise
 /// `kel-user:` followed by it.

@@ -36,7 +36,9 @@ struct KelSocketClientOptions {
   rx::SchedulerPtr socketScheduler{};
   /// The connector's, authenticator's and reconnector's own queues by default.
   rx::SchedulerPtr connectionScheduler{};
+  /// The authenticator's time-out; its own serial queue by default.
   rx::SchedulerPtr authenticationScheduler{};
+  /// The reconnector's pulse; its own serial queue by default.
   rx::SchedulerPtr reconnectionScheduler{};
   /// The cookie storage the connector reads; none by default.
   CookieHeaderProvider cookieHeaders{};
@@ -85,15 +87,21 @@ class KelSocketClient final : public SocketClient,
   /// Yields the current session token, or nothing.
   using ReconnectAuth = std::function<std::optional<std::string>()>;
 
+  /// What the client takes by injection.
   using Options = KelSocketClientOptions;
 
-  /// `reconnectionAttempt` is the period between reconnection attempts.
+  /// A client in state new for `socket`, whose callbacks `socketEventHandler` turns into states
+  /// and messages; server events go to `serverEventHandler`, and after a lost connection the
+  /// client reconnects every `reconnectionAttempt` with the token `reconnectAuth` yields (none:
+  /// no reconnection). Nothing is opened until connect() is subscribed.
   static std::shared_ptr<KelSocketClient> create(
       std::shared_ptr<platform::Socket> socket,
       std::shared_ptr<SocketEventHandler> socketEventHandler,
       std::shared_ptr<ServerEventHandler> serverEventHandler, ReconnectAuth reconnectAuth,
       rx::Duration reconnectionAttempt, Options options = {});
 
+  /// Ends the client's subscriptions and its time-out timer. Requests still pending then get no
+  /// outcome at all: call stop() first, which completes them and closes the socket.
   ~KelSocketClient() override;
   KelSocketClient(const KelSocketClient&) = delete;
   KelSocketClient& operator=(const KelSocketClient&) = delete;
@@ -110,11 +118,15 @@ class KelSocketClient final : public SocketClient,
 
   /// A fresh UUID per client, for log lines.
   const std::string& socketID() const noexcept { return socketID_; }
+  /// Whether stop() was called, and with which code.
   StopByUserState stopByUser() const noexcept { return stopByUser_.load(); }
   /// The identifiers of the requests waiting for their response.
   std::vector<std::int64_t> pendingRequests() const { return requestStore_.all(); }
+  /// How many requests wait for their response.
   std::size_t pendingCount() const { return requestStore_.count(); }
+  /// The WebSocket the client drives.
   const std::shared_ptr<platform::Socket>& socket() const noexcept { return socket_; }
+  /// The part that brings the socket back after a lost connection.
   const std::shared_ptr<SocketReconnector>& socketReconnector() const noexcept {
     return socketReconnector_;
   }
@@ -125,6 +137,7 @@ class KelSocketClient final : public SocketClient,
   };
 
  public:
+  /// For std::make_shared inside create() only (the key is private); use create().
   KelSocketClient(Passkey, std::shared_ptr<platform::Socket> socket,
                   std::shared_ptr<SocketEventHandler> socketEventHandler,
                   std::shared_ptr<ServerEventHandler> serverEventHandler,

@@ -34,13 +34,17 @@ namespace kel {
 template <class Key>
 class RequestStore {
  public:
+  /// Receives the request's Resource, then completion, or its failure.
   using Observer = rx::Observer<Resource>;
+  /// The number of one registration, unique for the store's life.
   using Registration = std::uint64_t;
 
+  /// An empty store; `label` names its queue in logs.
   explicit RequestStore(std::string label = "RequestStore") : label_(std::move(label)) {}
   RequestStore(const RequestStore&) = delete;
   RequestStore& operator=(const RequestStore&) = delete;
 
+  /// The queue's name.
   const std::string& label() const noexcept { return label_; }
 
   /// Registers `observer` under `key` and returns the registration's number; nothing when `key`
@@ -52,6 +56,7 @@ class RequestStore {
     entry->second = Entry{std::move(observer), ++registrations_};
     return entry->second.registration;
   }
+  /// The same for a temporary observer.
   std::optional<Registration> registerRequest(const Key& key, Observer&& observer) {
     return registerRequest(key, observer);
   }
@@ -86,6 +91,7 @@ class RequestStore {
     for (auto& [key, entry] : pending) entry.observer.onCompleted();
   }
 
+  /// Whether a request is pending under `key`.
   bool contains(const Key& key) const {
     std::lock_guard lock(queue_);
     return requestStore_.contains(key);
@@ -107,6 +113,7 @@ class RequestStore {
     return keys;
   }
 
+  /// How many requests are pending.
   std::size_t count() const {
     std::lock_guard lock(queue_);
     return requestStore_.size();

@@ -48,11 +48,15 @@ class RequestModel final : public RequestConcept {
 /// share one immutable request.
 class AnyRequest {
  public:
+  /// Wraps `request`; implicit on purpose (see the class comment).
   template <class Body, PathRepresentable Path>
   AnyRequest(Request<Body, Path> request)  // NOLINT(google-explicit-constructor)
       : request_(std::make_shared<const detail::RequestModel<Body, Path>>(std::move(request))) {}
 
+  /// The identifier that the response will carry (the client may send the request under a
+  /// fresh one when this one is pending already).
   std::int64_t requestID() const noexcept { return request_->requestID(); }
+  /// How long the client waits for the response.
   std::chrono::seconds timeout() const noexcept { return request_->timeout(); }
   /// The request frame, or nothing when the request cannot be serialised.
   std::optional<std::string> toMessage() const noexcept { return request_->toMessage(); }
@@ -67,7 +71,8 @@ class AnyRequest {
 };
 
 /// The socket through which the services reach the server, as the facade and the services hold
-/// it. Every member may be called from any thread.
+/// it (KelSocketClient is the library's; tests substitute their own). Every member may be called
+/// from any thread.
 class SocketClient {
  public:
   virtual ~SocketClient() = default;
@@ -83,8 +88,12 @@ class SocketClient {
   /// element.
   virtual void stop(platform::SocketCloseCode reason) = 0;
   /// Sends `request` and yields the matching Resource, then completes; fails with the mapped
-  /// server error, a time-out after the request's timeout, or ConnectionError(noSocketClient)
-  /// when the socket is not authenticated at the time of the call.
+  /// server error (ConnectionError::mapToOvError), ConnectionError(timeout, -1) after the
+  /// request's timeout, GenericError(encoding) for a request that cannot be written, or
+  /// ConnectionError(noSocketClient, -1) when the socket is not authenticated at the time of the
+  /// call. Completes without an element when the client is stopped first. The frame goes out
+  /// when the stream is subscribed, once per subscription; disposing before the answer
+  /// unregisters the request.
   virtual rx::Observable<Resource> send(AnyRequest request) = 0;
   /// What last went wrong with the socket (see SocketFailure); nothing by default.
   virtual std::optional<SocketFailure> lastFailure() const { return std::nullopt; }

@@ -26,6 +26,7 @@ enum class DomainEvent {
 /// Every case, in declaration order.
 const std::array<DomainEvent, 10>& allDomainEvents() noexcept;
 
+/// The case's raw value, e.g. "/usersGroup/participant".
 std::string_view rawValue(DomainEvent domain) noexcept;
 
 /// The case whose raw value is exactly `raw`.

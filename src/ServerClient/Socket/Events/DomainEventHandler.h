@@ -22,12 +22,15 @@ namespace kel {
 /// its user interface from a subscriber. A subscription therefore starts listening only once that
 /// scheduler has run it: an event the server sends before then is not seen, so subscribe before
 /// asking for a change whose event you want. Every subscriber goes through the same chain; all of
-/// them end when the channel is completed. A record that does not decode ends that stream, for
-/// that subscriber, with the decoding error.
+/// them end when the channel is completed (KelServer::clearSessionInfo(), and so logout() and a
+/// session the server ended, completes it for good). A record that does not decode ends that
+/// stream, for that subscriber, with GenericError(decoding). Disposing a subscription only
+/// unsubscribes; it takes effect on the handler's scheduler.
 class DomainEventHandler {
  public:
   virtual ~DomainEventHandler() = default;
 
+  /// The shared event channel the handler filters.
   const std::shared_ptr<KelEventHandler>& kelEventHandler() const noexcept {
     return kelEventHandler_;
   }

@@ -17,11 +17,15 @@ namespace kel {
 /// `unkwown`. Once stopListeningForEvents() has completed the channel it stays completed.
 class KelEventHandler final : public ServerEventHandler {
  public:
+  /// A handler with an open channel.
   KelEventHandler() = default;
 
   void handle(const nlohmann::json& event) override;
   void stopListeningForEvents() override;
 
+  /// Every published event, on the thread that handed it in (the socket's network thread);
+  /// completes with stopListeningForEvents(), and a subscriber that comes later is completed at
+  /// once. Never fails.
   rx::Observable<KelEvent> eventChannel() const { return eventChannel_.asObservable(); }
 
  private:

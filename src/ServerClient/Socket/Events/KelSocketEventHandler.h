@@ -34,7 +34,9 @@ class KelSocketEventHandler final : public SocketEventHandler,
   /// Makes the handler and installs it as `socket`'s delegate.
   static std::shared_ptr<KelSocketEventHandler> create(std::shared_ptr<platform::Socket> socket);
 
+  /// The function that tells whether the user stopped the socket; empty until set.
   StopByUser stopByUser() const override;
+  /// Installs what stopByUser() returns; the socket client installs its own.
   void setStopByUser(StopByUser stopByUser) override;
   rx::Observable<SocketState> stateEventPublisher() const override;
   rx::Observable<SocketMessage> messageEventPublisher() const override;
@@ -48,6 +50,7 @@ class KelSocketEventHandler final : public SocketEventHandler,
   void socketDidReceiveMessage(std::string text) override;
   void socketDidReceiveData(std::string bytes) override;
 
+  /// The socket whose delegate this handler is.
   const std::shared_ptr<platform::Socket>& socket() const noexcept { return socket_; }
 
  private:

@@ -13,9 +13,11 @@ namespace kel {
 
 /// Whether the user stopped the socket, and with which close code.
 struct StopByUserState {
-  bool isStopped = false;
+  bool isStopped = false;  ///< stop() was called
+  /// The code stop() closed with; invalid while not stopped.
   platform::SocketCloseCode reason = platform::SocketCloseCode::invalid;
 
+  /// Same flag and code.
   bool operator==(const StopByUserState&) const = default;
 };
 
@@ -37,6 +39,7 @@ struct SocketFailure {
   /// (abnormalClosure)" when no reason came, or the error's text.
   std::string description() const;
 
+  /// Every field equal.
   bool operator==(const SocketFailure&) const = default;
 };
 
@@ -46,7 +49,9 @@ class SocketEventHandler {
  public:
   virtual ~SocketEventHandler() = default;
 
+  /// The function asked whether the user stopped the socket; empty until set.
   virtual StopByUser stopByUser() const = 0;
+  /// Installs what stopByUser() returns.
   virtual void setStopByUser(StopByUser stopByUser) = 0;
 
   /// The socket's state; a new subscriber first receives the current state.

@@ -35,14 +35,14 @@ namespace kel {
 /// One case of a path enumeration and its raw text.
 template <class Path>
 struct PathEntry {
-  Path path;
-  std::string_view rawValue;
+  Path path;                  ///< the case
+  std::string_view rawValue;  ///< its resource path on the server
 };
 
 /// The checked raw texts of a path enumeration, one entry per case in declaration order.
 template <class Path, std::size_t N>
 struct PathTable {
-  std::array<PathEntry<Path>, N> entries;
+  std::array<PathEntry<Path>, N> entries;  ///< one per case, in declaration order
 };
 
 namespace detail {

@@ -17,14 +17,18 @@ class Pathname {
   /// A bare path case is a pathname without rules, so it converts implicitly.
   Pathname(Path path) : Pathname(path, {}) {}  // NOLINT(google-explicit-constructor)
 
+  /// The case's raw text with `rules` applied in order (see applyPathRules).
   Pathname(Path path, std::vector<PathRule> rules)
       : path_(path), rules_(std::move(rules)), value_(applyPathRules(rawValue(path_), rules_)) {}
 
+  /// The path case.
   Path path() const noexcept { return path_; }
+  /// The rules applied to it.
   const std::vector<PathRule>& rules() const noexcept { return rules_; }
   /// The path on the wire.
   const std::string& value() const noexcept { return value_; }
 
+  /// Same case, rules and value.
   bool operator==(const Pathname&) const = default;
 
  private:

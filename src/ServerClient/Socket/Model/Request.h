@@ -69,9 +69,11 @@ struct Request {
   std::int64_t requestID = makeRequestID();
   /// How long the socket client waits for the response.
   std::chrono::seconds timeout = kDefaultRequestTimeout;
+  /// The resource ("path" on the wire).
   Pathname<Path> pathname;
   /// Carried for the caller's use; not transmitted.
   std::map<std::string, std::string> headers{};
+  /// The "body"; absent sends {}.
   std::optional<Body> body{};
   /// "GET", "POST", "PUT" or "DELETE".
   std::string method{};
@@ -103,6 +105,7 @@ struct Request {
     }
   }
 
+  /// Every member equal, the identifier included.
   bool operator==(const Request&) const = default;
 };
 

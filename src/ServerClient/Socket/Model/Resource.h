@@ -21,6 +21,7 @@ struct Resource {
   ///   as a JSON document the services decode.
   static Resource fromResponse(std::int64_t id, const nlohmann::json& response);
 
+  /// Same identifier and data.
   bool operator==(const Resource&) const = default;
 };
 

@@ -28,51 +28,67 @@ class SocketMessage {
  public:
   /// The answer to a request. `json` is the whole response object, "id" included.
   struct Response {
-    std::int64_t id;
-    nlohmann::json json;
+    std::int64_t id;      ///< the request's identifier
+    nlohmann::json json;  ///< the whole response object
+    /// Same id and JSON.
     bool operator==(const Response&) const = default;
   };
   /// A server-pushed event; `json` is the event envelope, always an object.
   struct Event {
-    nlohmann::json json;
+    nlohmann::json json;  ///< the envelope: "path", "method", "body"
+    /// Same JSON.
     bool operator==(const Event&) const = default;
   };
   /// The server accepted the authentication frame.
   struct Auth {
+    /// Always equal.
     bool operator==(const Auth&) const = default;
   };
   /// The server's keep-alive probe.
   struct Ping {
+    /// Always equal.
     bool operator==(const Ping&) const = default;
   };
   /// Anything else.
   struct Unknown {
+    /// Always equal.
     bool operator==(const Unknown&) const = default;
   };
 
+  /// One of the five cases with its payload.
   using Value = std::variant<Response, Event, Auth, Ping, Unknown>;
 
+  /// The cases, in the order of Value's alternatives.
   enum class Kind { response, event, auth, ping, unknown };
 
+  /// A response to request `id`.
   static SocketMessage response(std::int64_t id, nlohmann::json json) {
     return SocketMessage(Response{id, std::move(json)});
   }
+  /// An event with envelope `json`.
   static SocketMessage event(nlohmann::json json) { return SocketMessage(Event{std::move(json)}); }
+  /// The authentication acknowledgement.
   static SocketMessage auth() noexcept { return SocketMessage(Auth{}); }
+  /// A ping.
   static SocketMessage ping() noexcept { return SocketMessage(Ping{}); }
+  /// A frame that is none of the others.
   static SocketMessage unknown() noexcept { return SocketMessage(Unknown{}); }
 
   /// Classifies one incoming text frame (see the top of this header). Never throws: whatever
   /// cannot be read, running out of memory included, is unknown.
   static SocketMessage create(std::string_view frame) noexcept;
 
+  /// Which case this is.
   Kind kind() const noexcept { return static_cast<Kind>(value_.index()); }
+  /// The case and its payload.
   const Value& value() const noexcept { return value_; }
 
-  /// The payload of a response or an event; null for the other kinds.
+  /// The payload of a response; null for the other kinds.
   const Response* asResponse() const noexcept { return std::get_if<Response>(&value_); }
+  /// The payload of an event; null for the other kinds.
   const Event* asEvent() const noexcept { return std::get_if<Event>(&value_); }
 
+  /// Same case and payload.
   bool operator==(const SocketMessage&) const = default;
 
  private:
@@ -87,6 +103,7 @@ std::string_view name(SocketMessage::Kind kind) noexcept;
 /// For log lines and test output: "response(5, {...})", "event({...})", "auth", "ping",
 /// "unknown".
 std::string describe(const SocketMessage& message);
+/// Writes describe(message).
 std::ostream& operator<<(std::ostream& out, const SocketMessage& message);
 
 }  // namespace kel

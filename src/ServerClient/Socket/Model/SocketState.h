@@ -24,14 +24,18 @@
 
 namespace kel {
 
+/// The socket's state (see the top of this header): a kind, with a reason when disconnected and
+/// a failure when error. A small value; SocketClient::socketConnectionEventChannel() emits it.
 class SocketState {
  public:
-  /// In the documented order of the cases.
+  /// The cases, in the documented order: disconnected, error, new, connected, authenticated.
   enum class Kind { disconnected, error, newSocket, connected, authenticated };
 
+  /// Closed, for `reason`.
   static SocketState disconnected(SocketStateDisconnectedReason reason) noexcept {
     return SocketState(Kind::disconnected, reason, nullptr);
   }
+  /// Failed with `error` (may be null).
   static SocketState error(std::exception_ptr error) noexcept {
     return SocketState(Kind::error, {}, std::move(error));
   }
@@ -50,6 +54,7 @@ class SocketState {
   /// is not among them.
   static std::array<SocketState, 6> allCases();
 
+  /// Which case this is.
   Kind kind() const noexcept { return kind_; }
   /// The reason of a disconnected state; nothing for the other kinds.
   std::optional<SocketStateDisconnectedReason> reason() const noexcept;
@@ -77,6 +82,7 @@ class SocketState {
 /// The kind's name, e.g. "new" for newSocket.
 std::string_view name(SocketState::Kind kind) noexcept;
 
+/// Writes `state.name()`.
 std::ostream& operator<<(std::ostream& out, const SocketState& state);
 
 }  // namespace kel

@@ -24,19 +24,21 @@ namespace kel {
 /// The prefix of a user's address form.
 inline constexpr std::string_view kKelUserPrefix = "kel-user:";
 
+/// A server user (see the top of this header for its JSON). A value.
 struct User {
-  std::string userId;
-  std::string domain;
-  std::string email;
-  std::string username;
-  std::string alias;
-  std::vector<std::string> mobilePhones;
-  std::string role;
-  std::optional<std::string> gatewayUsername;
+  std::string userId;                          ///< "id"
+  std::string domain;                          ///< "domain": the organisation the user belongs to
+  std::string email;                           ///< "email"
+  std::string username;                        ///< "username"
+  std::string alias;                           ///< "alias": the name shown to people
+  std::vector<std::string> mobilePhones;       ///< "mobilePhone", in the server's order
+  std::string role;                            ///< "role"
+  std::optional<std::string> gatewayUsername;  ///< local to the device; never sent back
 
   /// The address form of the user that other domains use: "kel-user:" followed by the id.
   std::string kelUri() const;
 
+  /// Every field equal.
   bool operator==(const User&) const = default;
 };
 BOOST_DESCRIBE_STRUCT(User, (),
@@ -47,6 +49,7 @@ BOOST_DESCRIBE_STRUCT(User, (),
 void from_json(const nlohmann::json& json, User& user);
 /// "gatewayUsername" is left out (see the top of this header).
 void to_json(nlohmann::ordered_json& json, const User& user);
+/// The same members in a plain nlohmann::json, which sorts them by key.
 void to_json(nlohmann::json& json, const User& user);
 
 }  // namespace kel

@@ -20,9 +20,7 @@ struct IndividualChatListSocketDTO {
   /// Field-by-field equality.
   bool operator==(const IndividualChatListSocketDTO&) const = default;
 };
-/// @cond
 BOOST_DESCRIBE_STRUCT(IndividualChatListSocketDTO, (), (jid))
-/// @endcond
 
 /// Reads `{"jid": ...}`; "jid" may be absent or null. Throws (nlohmann's errors) for a value of
 /// another JSON type, which kel::from reports as GenericError(decoding).
