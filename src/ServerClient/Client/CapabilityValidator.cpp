@@ -48,7 +48,9 @@ std::optional<std::string_view> CapabilityValidator::requiredCapability(
 bool CapabilityValidator::hasPermission(ServiceDomain domain) const {
   const auto label = requiredCapability(domain);
   if (!label) return true;
-  const auto& active = capabilities()->active();
+  // The record is held for the whole lookup: a sign-in may replace it meanwhile.
+  const auto held = capabilities();
+  const auto& active = held->active();
   return std::find(active.begin(), active.end(), *label) != active.end();
 }
 

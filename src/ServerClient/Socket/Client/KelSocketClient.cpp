@@ -165,6 +165,8 @@ KelSocketClient::~KelSocketClient() {
   disposeBag_.dispose();
   // The timer lives on the socket's thread, which ends with the socket.
   deadlineTimer_.dispose();
+  // A client dropped without stop() still ends what it was asked, as stop() would.
+  requestStore_.completeObservers();
 }
 
 SocketState KelSocketClient::currentStatus() const {
