@@ -12,9 +12,6 @@ using namespace std::chrono_literals;
 
 constexpr std::int64_t kT = 1'700'000'000'000;  // the harness's clock, in milliseconds
 
-json ids(const std::vector<std::string>& ids) {
-  return each("id", ids);
-}
 json missedCalls(const std::vector<std::string>& ids) {
   return {{"data", {{"items", each("id", ids)}}}};
 }
@@ -163,8 +160,9 @@ TEST(EmulatorAlerts, RaisedAcceptedAndExpiredAlertsReachTheWholeDomain) {
   });
 }
 
-// Every refused request is answered with its reason and leaves everything as it was.
-TEST(EmulatorDomains, RefusedRequestsOfTheCallMeetingAlertAndChatDomainsChangeNothing) {
+// Every refused request is answered with its reason and leaves everything as it was; so does a
+// repeated one.
+TEST(EmulatorDomains, RefusedOrRepeatedRequestsOfTheCallMeetingAlertAndChatDomainsChangeNothing) {
   DomainHarness harness;
   harness.domains.alerts.addTemplate({{"templateId", "t"}, {"title", "T"}, {"payload", "P"}});
   const json valid = {{"name", "M"},
@@ -216,6 +214,8 @@ TEST(EmulatorDomains, RefusedRequestsOfTheCallMeetingAlertAndChatDomainsChangeNo
       {"alice PUT /xmpp/individualChatList/bob", kNoBody, 400},
       {"alice PUT /xmpp/individualChatList/carol@kel", {{"jid", "carol@kel"}}, 400},
       {"alice DELETE /xmpp/individualChatList/carol@kel", kNoBody, 404},
+      {"bob DELETE /xmpp/individualChatList/bob@kel", kNoBody, 404},  // alice's list, not his
+      {"alice PUT /xmpp/individualChatList/bob@kel", kNoBody, 200},
   };
   harness.expectRefusedWithoutChange(refused);
 }

@@ -1,5 +1,5 @@
-// Meetings and chat lists as clients drive them: each table is one session of requests, each step
-// with its answer and exactly the events it pushes.
+// Meetings as clients drive them: one session of requests, each step with its answer and exactly
+// the events it pushes.
 
 #include <gtest/gtest.h>
 
@@ -67,25 +67,6 @@ TEST(EmulatorMeetings, TheServerFillsInAMeetingAndTellsItsRegisteredParticipants
       {"alice DELETE /meetings/meeting-1", 200, json::object(),
        "alice DELETE" + path + "[carol]; carol DELETE" + path + "[carol]"},
       {"bob GET /meetings/meeting-1", 404, nullptr},
-  });
-}
-
-TEST(EmulatorChatLists, EachUserKeepsTheirOwnChats) {
-  DomainHarness harness;
-  const std::string list = "/xmpp/individualChatList";
-  const json jid = {{"jid", "bob@emulator.kel"}};
-  harness.run({
-      {"alice PUT " + list + "/bob@emulator.kel", 200, json::object(),
-       "alice PUT " + list + "/bob@emulator.kel " + jid.dump()},
-      {"alice PUT " + list + "/carol@emulator.kel", 200, nullptr,
-       "alice PUT " + list + "/carol@emulator.kel {\"jid\":\"carol@emulator.kel\"}"},
-      // Adding what is there changes nothing.
-      {"alice PUT " + list + "/bob@emulator.kel", 200, nullptr},
-      {"alice GET " + list, 200, {{"chats", {"bob@emulator.kel", "carol@emulator.kel"}}}},
-      {"bob GET " + list, 200, {{"chats", kNoBody}}},
-      {"alice DELETE " + list + "/bob@emulator.kel", 200, nullptr,
-       "alice DELETE " + list + "/bob@emulator.kel " + jid.dump()},
-      {"alice GET " + list, 200, {{"chats", {"carol@emulator.kel"}}}},
   });
 }
 
