@@ -1,6 +1,9 @@
 #include "ServerClient/Socket/Client/KelSocketClient.h"
+#include "ServerClient/Socket/Client/RequestStore.h"
 
 #include <gtest/gtest.h>
+
+#include <algorithm>
 
 #include "SocketTestSupport.h"
 #include "support/LogCapture.h"
@@ -283,6 +286,25 @@ TEST_F(KelSocketClientTest, AReleasedClientLetsGoOfItsSocketAndSubscriptions) {
   scheduler_->advanceBy(60s);
   EXPECT_EQ(1u, socket_->connectCount());
   EXPECT_EQ(0u, scheduler_->pendingCount());
+}
+
+// stop() completes every request while callers may send or cancel from their completion.
+TEST(RequestStoreTest, CompletingObserversMayUseTheStoreAgain) {
+  using Observer = RequestStore<int>::Observer;
+  RequestStore<int> store;
+  std::vector<int> completed;
+  for (int key : {1, 2, 3}) {
+    store.registerRequest(key, Observer([](const Resource&) {}, {},
+                                        [&, key] {
+                                          completed.push_back(key);
+                                          EXPECT_FALSE(store.contains(key));
+                                          if (key == 2) store.registerRequest(20, Observer());
+                                        }));
+  }
+  store.completeObservers();
+  std::sort(completed.begin(), completed.end());
+  EXPECT_EQ((std::vector{1, 2, 3}), completed);
+  EXPECT_EQ(std::vector<int>{20}, store.all()) << "registered during the sweep, so still pending";
 }
 
 }  // namespace
