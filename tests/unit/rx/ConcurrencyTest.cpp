@@ -45,8 +45,9 @@ TEST(DispatchQueue, CancelledTimerNeverRunsAndReleasesItsWorkAtOnce) {
   EXPECT_FALSE(ran);
 }
 
-TEST(Schedulers, ObserveOnKeepsOrderAcrossThreads) {
+TEST(Schedulers, SubscribeOnAndObserveOnMoveTheWorkToTheirQueuesInOrder) {
   auto target = std::make_shared<SerialDispatchQueueScheduler>("test.observe");
+  const auto caller = std::this_thread::get_id();
   std::vector<int> values;
   Latch done;
   Observable<int>::create([](Observer<int> o) {
@@ -54,6 +55,7 @@ TEST(Schedulers, ObserveOnKeepsOrderAcrossThreads) {
     o.onCompleted();
     return Disposable();
   })
+      .doOnSubscribe([caller] { EXPECT_NE(caller, std::this_thread::get_id()); })
       .subscribeOn(ConcurrentDispatchQueueScheduler::instance())
       .observeOn(target)
       .subscribe(

@@ -256,21 +256,5 @@ TEST_F(VirtualTime, TimeoutWithOtherSwitchesAtTheDeadline) {
   EXPECT_EQ((Subscriptions{{at(300ms), at(360ms)}}), other.subscriptions());
 }
 
-TEST_F(VirtualTime, ObserveOnAndSubscribeOnDeferToTheScheduler) {
-  auto observer = scheduler->createObserver<int>();
-  bool subscribed = false;
-  Observable<int>::from({1, 2, 3})
-      .doOnSubscribe([&] { subscribed = true; })
-      .subscribeOn(scheduler)
-      .observeOn(scheduler)
-      .subscribe(observer);
-  EXPECT_FALSE(subscribed);
-  EXPECT_TRUE(observer->events().empty());
-  scheduler->advanceBy(0ms);
-  EXPECT_TRUE(subscribed);
-  EXPECT_EQ((Ints{1, 2, 3}), observer->values());
-  EXPECT_TRUE(observer->events().back().value.isCompleted());
-}
-
 }  // namespace
 }  // namespace kel::rx::testing

@@ -60,9 +60,7 @@ TEST(KelSocketClientConcurrency, SendsResponsesTimeOutsCancelsAndAStopFromSevera
   ASSERT_NO_THROW(await(client->connect("tok").asSingle()));
 
   std::vector<Outcome> outcomes(kTotal);
-  std::atomic<int> sent{0};
-  std::atomic<int> answers{0};
-  std::atomic<int> timeouts{0};
+  std::atomic<int> sent{0}, answers{0}, timeouts{0};
   std::vector<std::thread> senders;
   for (int s = 0; s < kSenders; ++s) {
     senders.emplace_back([&, s] {
