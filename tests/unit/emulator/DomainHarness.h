@@ -120,6 +120,17 @@ inline nlohmann::json ids(const std::vector<std::string>& values) {
   return each("id", values);
 }
 
+/// An invitation as the client writes it (instants as floating-point milliseconds).
+inline json invitation(const std::string& name, json participants, json more = json::object()) {
+  json body = {{"name", name},
+               {"participants", std::move(participants)},
+               {"language", "en"},
+               {"validSince", 1700000000000.0},
+               {"record", {{"type", "none"}}}};
+  body.update(more);
+  return body;
+}
+
 struct DomainHarness {
   DomainHarness() {
     signIn.install(http, router);
