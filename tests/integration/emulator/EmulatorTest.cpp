@@ -190,7 +190,8 @@ TEST_F(EmulatorTest, SocketsWithoutAValidSessionAreAnswered401AndWhatTheySendIsN
   // An unknown token's AUTH is refused with 4401: KelCliTest's sign-in with a token the socket
   // does not know. The first sub-protocol offered is the one answered; the upgrade's cookies are
   // kept.
-  auto client = connect({.protocols = {"chat", "superchat"}, .cookie = "a=1; theme=\"dark\""});
+  auto client =
+      connect({.protocols = {"chat", "superchat"}, .cookie = "a = 1 ;theme=\"dark\";broken; =x"});
   const auto info = emulator().socket(lastSocket_);
   EXPECT_EQ("chat", info->subprotocol);
   EXPECT_EQ((HeaderFields{{"a", "1"}, {"theme", "dark"}}), info->cookies);

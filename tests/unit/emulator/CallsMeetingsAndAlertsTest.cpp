@@ -120,10 +120,12 @@ TEST(EmulatorCallHistory, CallsFillBothLogsAndMissedCallsTheCalleesList) {
 // The program's operator places calls with a plain HTTP request.
 TEST(EmulatorCallHistory, TheControlRequestPlacesACallOrRefusesItUnchanged) {
   DomainHarness harness;
-  const auto post = [&](std::string body) {
+  // Through the HTTP router, which reads the method in any case.
+  const auto post = [&](std::string body, std::string method = "post",
+                        std::string path = "/emulator/calls") {
     HttpRequest request;
-    request.method = "POST";
-    request.path = "/emulator/calls";
+    request.method = std::move(method);
+    request.path = std::move(path);
     request.body = std::move(body);
     return harness.http.handle(std::move(request));
   };
@@ -144,6 +146,8 @@ TEST(EmulatorCallHistory, TheControlRequestPlacesACallOrRefusesItUnchanged) {
        }) {
     EXPECT_EQ(status, post(body).status) << body;
   }
+  EXPECT_EQ(405, post("{}", "GET").status);
+  EXPECT_EQ(404, post("{}", "POST", "/emulator/nothing").status);
   EXPECT_EQ(before, harness.state());
   EXPECT_TRUE(harness.pushed.empty());
 }
