@@ -9,6 +9,8 @@
 namespace kel::emulator::test {
 namespace {
 
+using namespace std::chrono_literals;
+
 const json& kNone = kNoBody;
 
 json contact(const std::string& id, const std::string& name, json more = json::object()) {
@@ -146,16 +148,25 @@ TEST(EmulatorDomains, GroupsAreChangedByTheirOwnerAndTellEveryoneConcerned) {
   });
 }
 
-// Every refused request is answered with its reason and leaves everything as it was.
-TEST(EmulatorDomains, RefusedRequestsChangeNothingAndPushNothing) {
+// Every refused request is answered with its reason and leaves everything as it was; so does a
+// repeated one.
+TEST(EmulatorDomains, RefusedOrRepeatedRequestsChangeNothingAndPushNothing) {
   DomainHarness harness;
+  harness.domains.alerts.addTemplate({{"templateId", "t"}, {"title", "T"}, {"payload", "P"}});
+  harness.domains.callHistory.placeCall({"bob", "alice", CallOutcome::missed, 0s, false});
   const auto c1 = contact("c1", "C");
-  ASSERT_EQ(200, harness.call("alice POST userContacts", c1).status);
-  ASSERT_EQ(200, harness.call("bob POST /presence", {{"address", "alice"}}).status);
-  ASSERT_EQ(200, harness.call("alice POST /usersGroup", {{"name", "G"}, {"groupId", "g1"}}).status);
-  ASSERT_EQ(
-      200,
-      harness.call("alice POST /usersGroup/g1/participants", {{"targetUserId", "bob"}}).status);
+  const auto with = [](json more) { return invitation("M", kNoBody, std::move(more)); };
+  const json valid = with(json::object());
+  for (const auto& [line, body] : std::vector<std::pair<std::string, json>>{
+           {"alice POST userContacts", c1},
+           {"bob POST /presence", {{"address", "alice"}}},
+           {"alice POST /usersGroup", {{"name", "G"}, {"groupId", "g1"}}},
+           {"alice POST /usersGroup/g1/participants", {{"targetUserId", "bob"}}},
+           {"alice POST /meetings", valid},
+           {"alice POST /alerts", {{"alertId", "a1"}, {"templateId", "t"}}},
+           {"alice PUT /xmpp/individualChatList/bob@kel", json::object()}}) {
+    ASSERT_EQ(200, harness.call(line, body).status) << line;
+  }
   const auto bobSession = "/sessions/" + harness.store.createSession("bob").sessionId;
   const json strategy = {{"type", "sequential"}, {"properties", {{"delay", 1}, {"steps", 2}}}};
 
@@ -197,6 +208,40 @@ TEST(EmulatorDomains, RefusedRequestsChangeNothingAndPushNothing) {
       // Sessions are renewed and ended by their own user only.
       {"alice PUT " + bobSession, kNone, 404},
       {"alice DELETE " + bobSession, kNone, 404},
+      {"alice POST /meetings", {{"name", "M"}}, 400},
+      {"alice POST /meetings", with({{"sendInvites", true}}), 400},
+      {"alice POST /meetings", with({{"validSince", "tomorrow"}}), 400},
+      {"alice POST /meetings", with({{"validUntil", 1.6e12}}), 400},
+      {"alice POST /meetings", with({{"record", {{"type", "some"}}}}), 400},
+      {"alice POST /meetings", with({{"participants", {{{"sendSMS", true}}}}}), 400},
+      {"alice POST /meetings", "meeting", 400},
+      {"alice PUT /meetings/meeting-1?sendInvites=maybe", valid, 400},
+      {"alice PUT /meetings/meeting-9", valid, 404},
+      {"bob PUT /meetings/meeting-1", valid, 403},
+      {"bob DELETE /meetings/meeting-1", kNoBody, 403},
+      {"alice GET /meetings?validUntil=soon", kNoBody, 400},
+      {"alice GET /meetings?all=yes", kNoBody, 400},
+      {"alice GET /conferences?limit=ten", kNoBody, 400},
+      {"alice GET /conferences?limit=-1", kNoBody, 400},
+      {"alice GET /conferences?sortBy=name", kNoBody, 400},
+      {"bob GET /missedCalls/alice", kNoBody, 403},
+      {"bob POST /missedCalls/alice/read?last=missed-1", json::object(), 403},
+      {"alice POST /missedCalls/alice/read", json::object(), 400},
+      {"alice POST /missedCalls/alice/read?last=missed-9", json::object(), 404},
+      {"bob POST /alerts", {{"alertId", "a2"}, {"templateId", "nope"}}, 404},
+      {"bob POST /alerts", {{"alertId", "a1"}, {"templateId", "t"}}, 409},
+      {"bob POST /alerts", {{"templateId", "t"}}, 400},
+      {"bob POST /alerts", {{"alertId", "a2"}, {"templateId", "t"}, {"x", 1}}, 400},
+      {"bob POST /alerts/accept", {{"alertId", "a9"}}, 404},
+      {"bob POST /alerts/accept", {{"alertId", 1}}, 400},
+      {"alice POST /alerts/accept", {{"alertId", "a1"}}, 403},
+      {"bob GET /alerts?expiredSince=-5", kNoBody, 400},
+      {"bob GET /alerts?acceptedSince=lately", kNoBody, 400},
+      {"alice PUT /xmpp/individualChatList/bob", kNoBody, 400},
+      {"alice PUT /xmpp/individualChatList/carol@kel", {{"jid", "carol@kel"}}, 400},
+      {"alice DELETE /xmpp/individualChatList/carol@kel", kNoBody, 404},
+      {"bob DELETE /xmpp/individualChatList/bob@kel", kNoBody, 404},  // alice's list, not his
+      {"alice PUT /xmpp/individualChatList/bob@kel", kNoBody, 200},
   };
   harness.expectRefusedWithoutChange(refused);
 }

@@ -1,13 +1,18 @@
-// Start-up data: what a valid fixture sets up, and that an invalid one is refused with the
-// offending member named and nothing changed.
+// Start-up data: the command line, what a valid fixture sets up, and that an invalid one is
+// refused with the offending member named and nothing changed; and the sessions of the accounts.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <ranges>
+#include <set>
+#include <stdexcept>
+#include <thread>
 #include <utility>
 
 #include "DomainHarness.h"
+#include "emulator/CommandLine.h"
 
 namespace kel::emulator::test {
 namespace {
@@ -15,6 +20,7 @@ namespace {
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::ThrowsMessage;
+using namespace std::chrono_literals;
 
 const json kFixture = json::parse(R"({
   "users": [
@@ -40,18 +46,16 @@ const json kFixture = json::parse(R"({
 
 TEST(EmulatorFixture, SetsUpAccountsSessionsAndEveryDomain) {
   DomainHarness harness;
-  // The program's test sees the sessions and sign-in tokens of the users.
+  // The program's test sees the sessions and sign-in tokens of the users; KelCliTest serves
+  // fixtures whose users' capabilities, directories and alert templates its commands read.
   loadFixture(kFixture, harness.store, harness.signIn, harness.domains);
   const auto dave = harness.signIn.account("dave");
   ASSERT_TRUE(dave);
   EXPECT_TRUE(includes(dave->user, {{"id", "dave"}, {"alias", "Dave D"}, {"username", "dave"}}));
-  EXPECT_EQ(kFixture["users"][0]["capabilities"], dave->capabilities);
 
   auto& domains = harness.domains;
   EXPECT_TRUE(includes(domains.addressBooks.booksFor("dave", {"contacts"}),
                        {{{"contacts", {{{"id", "c1"}, {"associatedUserId", "erin"}}}}}}));
-  EXPECT_TRUE(includes(domains.addressBooks.booksFor("alice", {"static"}),
-                       {{{"id", "staff"}, {"contacts", {{{"id", "s1"}}}}}}));
   EXPECT_TRUE(includes(*domains.presences.presence("erin"),
                        {{"online", true}, {"note", "hi"}, {"displayName", "erin"}}));
   EXPECT_TRUE(includes(*domains.groups.group("sales"),
@@ -67,7 +71,6 @@ TEST(EmulatorFixture, SetsUpAccountsSessionsAndEveryDomain) {
   ASSERT_EQ(1u, entries.size());
   EXPECT_TRUE(includes(entries[0], {{"createdAt", 1700000000000}, {"finishedAt", 1700000060000}}));
   EXPECT_EQ(1u, domains.callHistory.missedCalls("dave").size());
-  EXPECT_EQ(kFixture["alertTemplates"], json(domains.alerts.templates()));
   EXPECT_EQ(std::vector<std::string>{"erin@emulator.kel"}, domains.chatLists.chats("dave"));
   EXPECT_TRUE(harness.pushed.empty()) << "history is loaded without events";
 }
@@ -135,6 +138,95 @@ TEST(EmulatorFixture, FilesThatAreNoFixturesAreRefusedWithTheReason) {
               ThrowsMessage<std::invalid_argument>(
                   AllOf(HasSubstr(path + " is not JSON: "), HasSubstr("line 1"))));
   EXPECT_THROW(readFixtureFile(path + ".missing"), std::invalid_argument);
+}
+
+/// The arguments are the words of `line`.
+CommandLineResult parse(std::string_view line) {
+  std::vector<std::string_view> arguments;
+  for (const auto word : std::views::split(line, ' ')) {
+    if (!word.empty()) arguments.emplace_back(word.begin(), word.end());
+  }
+  return parseCommandLine(arguments);
+}
+
+// The program's tests run it with --listen, the TLS files, users, a fixture and --auth-timeout.
+TEST(EmulatorCommandLine, FlagsFillTheOptions) {
+  auto result = parse(
+      "--listen [::1]:8080 --ping-period=0.25 --user alice --token t1 --user=bob --socket-path /ws "
+      "--threads 2 --session-lifetime 60 --log-frames --record-frames 50 --alert-lifetime 1.5");
+  ASSERT_TRUE(result.commandLine) << result.error;
+  const auto& options = result.commandLine->options;
+  const auto& users = result.commandLine->users;
+  EXPECT_EQ("::1", options.host);
+  EXPECT_EQ(8080, options.port);
+  EXPECT_EQ(250ms, options.pingPeriod);
+  EXPECT_EQ("/ws", options.socketPath);
+  EXPECT_EQ(2u, options.threads);
+  EXPECT_EQ(60s, options.sessionLifetime);
+  EXPECT_TRUE(options.logFrames);
+  EXPECT_EQ(50u, options.frameLogLimit);
+  EXPECT_EQ(1500ms, options.alertLifetime);
+  ASSERT_EQ(2u, users.size());
+  EXPECT_EQ("t1", users[0].token);
+  EXPECT_FALSE(users[1].token);
+
+  EXPECT_EQ(30s, parse("").commandLine->options.pingPeriod) << "pings are on for a person";
+  const auto unrecorded = parse("--no-record").commandLine->options;
+  EXPECT_FALSE(unrecorded.recordFrames);
+  EXPECT_EQ(0u, unrecorded.signInAttemptLimit);
+}
+
+TEST(EmulatorCommandLine, MistakesAreRefusedWithAReason) {
+  for (const auto* line :
+       {"--listen 127.0.0.1", "--listen ::1:80", "--listen 127.0.0.1:65536", "--listen",
+        "--token t", "--user a --token t --token u", "--tls-cert c.pem", "--ping-period -1",
+        "--ping-period soon", "--threads 0", "--auth-timeout -1", "--record-frames many",
+        "--no-record=yes", "--socket-path ws", "--help=yes", "--verbose", "--fixture",
+        "--alert-lifetime 0"}) {
+    auto result = parse(line);
+    EXPECT_FALSE(result.commandLine) << line;
+    EXPECT_FALSE(result.error.empty()) << line;
+  }
+}
+
+TEST(EmulatorSessionStore, SessionsLiveFromCreationThroughExpiryAndRenewalToTheirEnd) {
+  SessionStore store(1h);
+  EXPECT_THROW(store.createSession("ghost"), std::invalid_argument);
+  store.addUser({"alice", {}});
+  const auto token = store.createSession("alice").token;
+  EXPECT_TRUE(store.expireSession(token));
+  EXPECT_FALSE(store.validSession(token));
+  EXPECT_TRUE(store.session(token)) << "an expired session is still known";
+  EXPECT_TRUE(store.renewSession(token, 10s));
+  EXPECT_TRUE(store.isValid(token));
+  EXPECT_EQ(token, store.endSession(token)->token);
+  EXPECT_FALSE(store.session(token));
+  EXPECT_FALSE(store.renewSession(token));
+}
+
+TEST(EmulatorSessionStore, ChosenTokensMustBeFreshAndCreatedOnesAreDistinctAcrossThreads) {
+  SessionStore store;
+  store.addUser({"bob", {}});
+  store.createSession("bob", std::nullopt, "chosen");
+  EXPECT_THROW(store.createSession("bob", std::nullopt, "chosen"), std::invalid_argument);
+  EXPECT_THROW(store.createSession("bob", std::nullopt, ""), std::invalid_argument);
+  EXPECT_FALSE(store.isValid("Chosen"));
+
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 50; ++i) store.createSession("bob");
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  std::set<std::string> tokens;
+  std::set<std::string> ids;
+  for (const auto& session : store.sessionsOf("bob")) {
+    tokens.insert(session.token);
+    ids.insert(session.sessionId);
+  }
+  EXPECT_EQ(201u, tokens.size());
+  EXPECT_EQ(201u, ids.size());
 }
 
 }  // namespace

@@ -1,11 +1,11 @@
-// Routing of socket and HTTP requests: which handler a path reaches and what it is told.
+// Routing of socket requests: which handler a path reaches and what it is told (HTTP requests go
+// through the same route table; CallsMeetingsAndAlertsTest reaches one by HTTP).
 
 #include <gtest/gtest.h>
 
 #include <optional>
 #include <stdexcept>
 
-#include "emulator/HttpRouter.h"
 #include "emulator/ResourceRouter.h"
 
 namespace kel::emulator {
@@ -94,24 +94,6 @@ TEST(EmulatorRouting, MissesFailuresAndChangesOfRoutesAreAnsweredByTheRouter) {
     EXPECT_EQ(status, dispatch(router, request)->status) << request;
   }
   EXPECT_EQ("handler failed: x", dispatch(router, "GET /throws")->body["message"]);
-}
-
-TEST(EmulatorRouting, HttpRequestsAreRoutedLikeSocketOnesAndTheirCookiesRead) {
-  HttpRouter router;
-  router.route("POST", "/login", [](const HttpRequest& r) {
-    return HttpResponse::json(200, {{"rest", r.rest}, {"cookie", r.cookie("kel").value_or("-")}});
-  });
-  HttpRequest request;
-  request.method = "post";
-  request.path = "/login/sessionToken";
-  request.cookies = parseCookieHeader(" kel = \"v 1\" ;other=2;broken; =x");
-  EXPECT_EQ((HeaderFields{{"kel", "v 1"}, {"other", "2"}}), request.cookies);
-  EXPECT_EQ((json{{"rest", "sessionToken"}, {"cookie", "v 1"}}),
-            json::parse(router.handle(request).body));
-  request.method = "GET";
-  EXPECT_EQ(405, router.handle(request).status);
-  request.path = "/elsewhere";
-  EXPECT_EQ(404, router.handle(request).status);
 }
 
 }  // namespace

@@ -45,8 +45,9 @@ TEST(DispatchQueue, CancelledTimerNeverRunsAndReleasesItsWorkAtOnce) {
   EXPECT_FALSE(ran);
 }
 
-TEST(Schedulers, ObserveOnKeepsOrderAcrossThreads) {
+TEST(Schedulers, SubscribeOnAndObserveOnMoveTheWorkToTheirQueuesInOrder) {
   auto target = std::make_shared<SerialDispatchQueueScheduler>("test.observe");
+  const auto caller = std::this_thread::get_id();
   std::vector<int> values;
   Latch done;
   Observable<int>::create([](Observer<int> o) {
@@ -54,6 +55,7 @@ TEST(Schedulers, ObserveOnKeepsOrderAcrossThreads) {
     o.onCompleted();
     return Disposable();
   })
+      .doOnSubscribe([caller] { EXPECT_NE(caller, std::this_thread::get_id()); })
       .subscribeOn(ConcurrentDispatchQueueScheduler::instance())
       .observeOn(target)
       .subscribe(
@@ -185,59 +187,57 @@ TEST(Concurrency, MergeSerialisesItsSourcesLosesNothingAndEndsOnceOnARacingError
   }
 }
 
-TEST(Concurrency, BehaviorSubjectSubscriberJoiningMidStreamSeesAnOrderedTail) {
-  auto queue = std::make_shared<DispatchQueue>("test.behavior");
-  BehaviorSubject<int> subject(0);
-  queue->async([subject] {
-    for (int i = 1; i <= 2000; ++i) subject.onNext(i);
-  });
-  std::vector<int> seen;
-  std::mutex m;
-  auto d = subject.asObservable().subscribe([&](const int& v) {
-    std::lock_guard lock(m);
-    seen.push_back(v);
-  });
-  queue->sync([] {});
-  d.dispose();
-  std::lock_guard lock(m);
-  ASSERT_FALSE(seen.empty());
-  EXPECT_EQ(2000, seen.back());
-  for (std::size_t i = 1; i < seen.size(); ++i) {
-    ASSERT_EQ(seen[i - 1] + 1, seen[i]) << "no gap and no reordering after the replayed value";
-  }
-}
-
-// Subscribers come and go on this thread while a queue publishes without pause, so the observer
-// list is replaced under a running fan-out over and over. Each subscriber must see one unbroken
-// run of the sequence, and every list that was replaced must be freed (ASan/TSan check that).
-TEST(Concurrency, PublishSubjectSubscribersJoiningAndLeavingMidStreamEachSeeAContiguousRun) {
-  auto queue = std::make_shared<DispatchQueue>("test.publish");
-  PublishSubject<int> subject;
+// Subscribers come and go on this thread while a queue publishes to two subjects without pause,
+// so their observer lists are replaced under a running fan-out over and over. Each subscriber must
+// see one unbroken run of the sequence (after a BehaviorSubject's replayed value), one that stays
+// all of its tail, and every list that was replaced must be freed (ASan/TSan check that).
+TEST(Concurrency, SubscribersJoiningAndLeavingMidStreamEachSeeAContiguousRun) {
+  struct Seen {
+    std::mutex mutex;
+    std::vector<int> values;
+  };
+  const auto record = [](const Observable<int>& source, const std::shared_ptr<Seen>& seen) {
+    return source.subscribe([seen](const int& v) {
+      std::lock_guard lock(seen->mutex);
+      seen->values.push_back(v);
+    });
+  };
+  const auto expectContiguous = [](Seen& seen, int round) {
+    std::lock_guard lock(seen.mutex);
+    for (std::size_t i = 1; i < seen.values.size(); ++i) {
+      ASSERT_EQ(seen.values[i - 1] + 1, seen.values[i]) << "round " << round;
+    }
+  };
+  auto queue = std::make_shared<DispatchQueue>("test.subjects");
+  PublishSubject<int> publish;
+  BehaviorSubject<int> behavior(0);
   std::atomic<bool> stop{false};
-  queue->async([subject, &stop] {
-    for (int i = 0; !stop.load(std::memory_order_relaxed); ++i) subject.onNext(i);
+  queue->async([publish, behavior, &stop] {
+    for (int i = 1; !stop.load(std::memory_order_relaxed); ++i) {
+      publish.onNext(i);
+      behavior.onNext(i);
+    }
   });
+  auto whole = std::make_shared<Seen>();
+  auto staying = record(behavior.asObservable(), whole);
   for (int round = 0; round < 200; ++round) {
-    struct Seen {
-      std::mutex mutex;
-      std::vector<int> values;
-    };
-    auto seen = std::make_shared<Seen>();
-    auto d =
-        subject.asObservable().filter([](int) { return true; }).subscribe([seen](const int& v) {
-          std::lock_guard lock(seen->mutex);
-          seen->values.push_back(v);
-        });
-    std::this_thread::yield();
-    d.dispose();
-    std::lock_guard lock(seen->mutex);
-    for (std::size_t i = 1; i < seen->values.size(); ++i) {
-      ASSERT_EQ(seen->values[i - 1] + 1, seen->values[i]) << "round " << round;
+    for (const Observable<int>& source :
+         {Observable<int>(publish.asObservable().filter([](int) { return true; })),
+          behavior.asObservable()}) {
+      auto seen = std::make_shared<Seen>();
+      auto d = record(source, seen);
+      std::this_thread::yield();
+      d.dispose();
+      expectContiguous(*seen, round);
     }
   }
   stop = true;
   queue->sync([] {});
-  EXPECT_FALSE(subject.hasObservers());
+  staying.dispose();
+  expectContiguous(*whole, -1);
+  EXPECT_EQ(behavior.value(), whole->values.back());
+  EXPECT_FALSE(publish.hasObservers());
+  EXPECT_FALSE(behavior.hasObservers());
 }
 
 // Each case captures a token in a subscription and ends that subscription its own way, returning
@@ -309,6 +309,50 @@ TEST(Leaks, WhateverASubscriptionCapturedIsReleasedOnceItEnds) {
     auto kept = run(std::move(token));
     EXPECT_TRUE(weak.expired()) << name;
   }
+}
+
+TEST(Disposable, RunsItsActionExactlyOnceAcrossCopiesAndThreadsAndReleasesIt) {
+  std::atomic<int> runs{0};
+  auto token = std::make_shared<int>(1);
+  std::weak_ptr<int> weak = token;
+  auto d = Disposable::create([&runs, token = std::move(token)] { ++runs; });
+  auto copy = d;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) threads.emplace_back([d] { d.dispose(); });
+  for (auto& t : threads) t.join();
+  copy.dispose();
+  EXPECT_EQ(1, runs);
+  EXPECT_TRUE(copy.isDisposed());
+  EXPECT_TRUE(weak.expired());
+  Disposable().dispose();  // an empty handle is a no-op
+}
+
+TEST(Disposable, ContainersDisposeTheirMembersAndWhateverArrivesAfterThem) {
+  auto a = Disposable::create();
+  auto b = Disposable::create();
+  CompositeDisposable composite;
+  composite.insert(a);
+  composite.dispose();
+  EXPECT_TRUE(a.isDisposed());
+  composite.insert(b);
+  EXPECT_TRUE(b.isDisposed());
+
+  auto first = Disposable::create();
+  auto second = Disposable::create();
+  SerialDisposable serial;
+  serial.set(first);
+  serial.set(second);
+  EXPECT_TRUE(first.isDisposed());
+  EXPECT_FALSE(second.isDisposed());
+
+  auto c = Disposable::create();
+  {
+    DisposeBag bag;
+    c.disposed(bag);
+    DisposeBag moved(std::move(bag));
+    EXPECT_FALSE(c.isDisposed());
+  }
+  EXPECT_TRUE(c.isDisposed());
 }
 
 }  // namespace

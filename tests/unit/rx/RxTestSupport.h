@@ -8,6 +8,7 @@
 #include <chrono>
 #include <ostream>
 #include <stdexcept>
+#include <string>
 
 namespace kel::rx {
 
@@ -51,22 +52,21 @@ bool isError(const std::exception_ptr& e) {
   }
 }
 
-/// Records every notification of a subscription without virtual time.
+/// Records a subscription's notifications without virtual time, in arrival order and
+/// space-separated: each value, "|" for a completion, "X" for an error ("1 2 |").
 template <class T>
 struct Recorder {
   Recorder() = default;
   explicit Recorder(const Observable<T>& o) { subscribe(o); }
   Recorder(const Recorder&) = delete;  // the subscription refers to this one
 
-  std::vector<T> values;
-  int completed = 0;
-  int errors = 0;
+  std::string trace;
 
   Disposable subscribe(const Observable<T>& o) {
-    return o.subscribe([this](const T& v) { values.push_back(v); },
-                       [this](std::exception_ptr) { ++errors; }, [this] { ++completed; });
+    return o.subscribe([this](const T& v) { note(::testing::PrintToString(v)); },
+                       [this](std::exception_ptr) { note("X"); }, [this] { note("|"); });
   }
-  int terminals() const { return completed + errors; }
+  void note(const std::string& event) { trace += (trace.empty() ? "" : " ") + event; }
 };
 
 class RxTest : public ::testing::Test {

@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <deque>
 #include <future>
 #include <stdexcept>
 #include <thread>
@@ -30,18 +28,13 @@ TEST(KelSocketClientConcurrency, SendsResponsesTimeOutsCancelsAndAStopFromSevera
   constexpr int kTotal = kSenders * kPerSender;
 
   // The socket's network thread: the client registers, frames and writes there, and half of
-  // the answers arrive there; the other half come from the server threads themselves.
-  boost::asio::io_context network;
+  // the answers arrive there; the other half come from two server threads.
+  boost::asio::io_context network, server;
   auto networkWork = boost::asio::make_work_guard(network);
+  auto serverWork = boost::asio::make_work_guard(server);
   std::thread networkThread([&] { network.run(); });
-  const auto onNetworkThread = [&](auto work) {
-    std::promise<void> done;
-    boost::asio::post(network, [&] {
-      work();
-      done.set_value();
-    });
-    done.get_future().wait();
-  };
+  std::vector<std::thread> servers;
+  for (int i = 0; i < 2; ++i) servers.emplace_back([&] { server.run(); });
 
   auto socket = std::make_shared<platform::InMemorySocket>(
       boost::urls::url("wss://kel.test/ws/kel"), std::vector<std::string>{},
@@ -50,54 +43,24 @@ TEST(KelSocketClientConcurrency, SendsResponsesTimeOutsCancelsAndAStopFromSevera
       socket, KelSocketEventHandler::create(socket), nullptr, [] { return std::nullopt; }, 3s,
       {.networkManager = std::make_shared<platform::InMemoryNetworkManager>(),
        .applicationLifecycle = std::make_shared<platform::ApplicationLifecycle>()});
-
-  std::mutex mutex;  // guards frames and framesClosed
-  std::condition_variable framesChanged;
-  std::deque<std::string> frames;  // written by the client, for the server threads to answer
-  bool framesClosed = false;
   socket->setSendHandler([&](const std::string& text) {
     if (text.starts_with("AUTH ")) return socket->receiveMessage(R"({"kapiId":"k"})");
-    std::lock_guard lock(mutex);
-    frames.push_back(text);
-    framesChanged.notify_one();
-  });
-  std::atomic<bool> authenticated{false};
-  client->connect("tok").subscribe([&](rx::Unit) { authenticated = true; });
-  EXPECT_TRUE(authenticated);
-
-  std::vector<std::thread> servers;
-  for (int i = 0; i < 2; ++i) {
-    servers.emplace_back([&] {
-      for (;;) {
-        std::unique_lock lock(mutex);
-        framesChanged.wait(lock, [&] { return framesClosed || !frames.empty(); });
-        if (frames.empty()) return;
-        auto frame = std::move(frames.front());
-        frames.pop_front();
-        lock.unlock();
-        auto id = nlohmann::json::parse(frame.substr(1))["id"].get<std::int64_t>();
-        if (id % 15 == 5) continue;  // left to its time-out
-        auto answer = [&socket, id] {
-          try {
-            socket->receiveMessage(responseFrame(
-                id, {{"status", id % 7 == 0 ? 500 : 200}, {"body", nlohmann::json::array({id})}}));
-          } catch (const std::logic_error&) {
-            // The socket was closed by the stop: a real server's answer would be lost as well.
-          }
-        };
-        if (id % 2 == 0) {
-          answer();
-        } else {
-          boost::asio::post(network, answer);
-        }
+    const auto id = nlohmann::json::parse(text.substr(1))["id"].get<std::int64_t>();
+    if (id % 15 == 5) return;  // left to its time-out
+    auto answer = [&socket, id] {
+      try {
+        socket->receiveMessage(responseFrame(
+            id, {{"status", id % 7 == 0 ? 500 : 200}, {"body", nlohmann::json::array({id})}}));
+      } catch (const std::logic_error&) {
+        // The socket was closed by the stop: a real server's answer would be lost as well.
       }
-    });
-  }
+    };
+    boost::asio::post(id % 2 == 0 ? server.get_executor() : network.get_executor(), answer);
+  });
+  ASSERT_NO_THROW(await(client->connect("tok").asSingle()));
 
   std::vector<Outcome> outcomes(kTotal);
-  std::atomic<int> sent{0};
-  std::atomic<int> answers{0};
-  std::atomic<int> timeouts{0};
+  std::atomic<int> sent{0}, answers{0}, timeouts{0};
   std::vector<std::thread> senders;
   for (int s = 0; s < kSenders; ++s) {
     senders.emplace_back([&, s] {
@@ -143,15 +106,13 @@ TEST(KelSocketClientConcurrency, SendsResponsesTimeOutsCancelsAndAStopFromSevera
 
   for (auto& t : senders) t.join();
   stopper.join();
-  {
-    std::lock_guard lock(mutex);
-    framesClosed = true;
-  }
-  framesChanged.notify_all();
+  serverWork.reset();
   for (auto& t : servers) t.join();
   // Answers handed to the network thread, sends subscribed after the stop and removals of
   // cancelled requests all run there, before this.
-  onNetworkThread([] {});
+  std::promise<void> drained;
+  boost::asio::post(network, [&] { drained.set_value(); });
+  drained.get_future().wait();
 
   EXPECT_TRUE(client->pendingRequests().empty());
   EXPECT_EQ(SocketState::disconnected(SocketStateDisconnectedReason::expectedClose),
