@@ -268,9 +268,13 @@ TEST_F(KelSocketClientTest, PongsWhenTheNetworkComesBackOrTheAppReturnsWhileAuth
 
 TEST_F(KelSocketClientTest, AReleasedClientLetsGoOfItsSocketAndSubscriptions) {
   authenticate();
+  auto pending = send(testRequest(2));
+  scheduler_->advanceBy(0s);
   auto sending = client_->send(testRequest(3));
   std::weak_ptr<KelSocketClient> weak = client_;
   client_.reset();
+  EXPECT_TRUE(pending->completed()) << "a dropped client ends its pending requests as stop() does";
+  EXPECT_TRUE(pending->values().empty());
   EXPECT_TRUE(weak.expired()) << "neither an unsubscribed send nor the socket keeps it alive";
   auto outcome = record(sending, scheduler_);
   scheduler_->advanceBy(0s);
