@@ -126,6 +126,15 @@ void KelMetricsRecorder::requestRefused(const std::exception_ptr& error) noexcep
                          : kConnectionErrorTypeCount]);
 }
 
+void KelMetricsRecorder::requestFailed(const std::exception_ptr& error,
+                                       rx::TimePoint registeredAt) noexcept {
+  settled();
+  const auto* connection = errorAs<ConnectionError>(error);
+  if (!connection) return add(failed_[kConnectionErrorTypeCount]);
+  add(failed_[static_cast<std::size_t>(connection->type())]);
+  roundTrip_.record(now() - registeredAt);
+}
+
 void KelMetricsRecorder::requestRegistered() noexcept {
   pending_.fetch_add(1, std::memory_order_relaxed);
 }
@@ -143,11 +152,6 @@ void KelMetricsRecorder::requestAnswered(rx::TimePoint registeredAt) noexcept {
 void KelMetricsRecorder::requestTimedOut() noexcept {
   settled();
   add(timedOut_);
-}
-
-void KelMetricsRecorder::requestFailed(const std::exception_ptr& error) noexcept {
-  settled();
-  requestRefused(error);
 }
 
 void KelMetricsRecorder::requestStopped() noexcept {

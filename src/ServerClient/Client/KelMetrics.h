@@ -68,7 +68,8 @@ struct KelMetrics {
   /// Requests waiting for their answer now.
   std::uint64_t requestsPending = 0;
   /// From a request being registered, just before its frame is written, to its answer being
-  /// matched: what the caller waited beyond the hand-over to the socket's queue.
+  /// matched, for every answer, an error answer included: what the caller waited beyond the
+  /// hand-over to the socket's queue.
   KelLatency roundTrip;
 
   /// Connections that ended after they had opened, by the reason of the disconnection (a
@@ -124,6 +125,7 @@ class KelMetricsRecorder {
 
   /// @name What the socket client reports
   /// @{
+
   /// A request failed before it was registered (never sent), with `error`.
   void requestRefused(const std::exception_ptr& error) noexcept;
   /// A request was registered: it is pending until one of the outcomes below.
@@ -134,8 +136,9 @@ class KelMetricsRecorder {
   void requestAnswered(rx::TimePoint registeredAt) noexcept;
   /// A pending request timed out.
   void requestTimedOut() noexcept;
-  /// A pending request failed with `error` (an error answer, or a frame that could not be made).
-  void requestFailed(const std::exception_ptr& error) noexcept;
+  /// A pending request failed with `error`: an error answer (a ConnectionError, whose round trip
+  /// counts from `registeredAt`), or a frame that could not be made.
+  void requestFailed(const std::exception_ptr& error, rx::TimePoint registeredAt) noexcept;
   /// A pending request was completed without an answer by stop().
   void requestStopped() noexcept;
   /// A pending request was disposed of by its caller, or dropped with its socket client.
@@ -152,6 +155,7 @@ class KelMetricsRecorder {
   void reconnectionAttempted() noexcept;
   /// The server acknowledged an authentication `sinceOpen` after the socket opened.
   void authenticated(rx::Duration sinceOpen) noexcept;
+
   /// @}
 
  private:

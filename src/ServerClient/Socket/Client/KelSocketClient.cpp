@@ -449,7 +449,7 @@ class KelSocketClient::PendingRequest final : public rx::detail::ObserverBase<Re
       if (error == requestTimeoutError()) {
         metrics_->requestTimedOut();
       } else {
-        metrics_->requestFailed(error);
+        metrics_->requestFailed(error, registeredAt_);
       }
     }
     terminate().onError(std::move(error));
