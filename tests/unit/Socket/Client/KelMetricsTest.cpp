@@ -19,18 +19,18 @@ using platform::SocketCloseCode;
 using Reason = SocketStateDisconnectedReason;
 using std::chrono::microseconds;
 
-struct Count {
+struct MetricCount {
   const char* name;
   std::uint64_t actual;
   std::uint64_t expected;
 };
 
-void expectCounts(const std::vector<Count>& counts) {
+void expectMetricCounts(const std::vector<MetricCount>& counts) {
   for (const auto& [name, actual, expected] : counts) EXPECT_EQ(expected, actual) << name;
 }
 
-std::uint64_t lost(const std::array<std::uint64_t, kDisconnectedReasonCount>& byReason,
-                   Reason reason = Reason::lostConnection) {
+std::uint64_t countFor(const std::array<std::uint64_t, kDisconnectedReasonCount>& byReason,
+                       Reason reason = Reason::lostConnection) {
   return byReason[static_cast<std::size_t>(reason)];
 }
 
@@ -81,19 +81,19 @@ TEST_F(KelMetricsTest, EveryRequestIsCountedOnceByHowItEnded) {
   ASSERT_TRUE(stopped->completed());
 
   const auto m = metrics_->snapshot();
-  expectCounts({{"sent", m.requestsSent, 6},
-                {"answered", m.requestsAnswered, 2},
-                {"timed out", m.requestsTimedOut, 1},
-                {"not found", m.failed(ConnectionErrorType::notFound), 1},
-                {"refused unauthenticated", m.failed(ConnectionErrorType::noSocketClient), 1},
-                {"unframed", m.requestsFailedOther, 1},
-                {"all failures", m.failedTotal(), 3},
-                {"stopped", m.requestsStopped, 1},
-                {"cancelled", m.requestsCancelled, 1},
-                {"pending", m.requestsPending, 0},
-                {"round trips, the error answer's included", m.roundTrip.count, 3},
-                {"ended by the user", lost(m.connectionsEnded, Reason::expectedClose), 1},
-                {"bytes received", m.bytesReceived, received_}});
+  expectMetricCounts({{"sent", m.requestsSent, 6},
+                      {"answered", m.requestsAnswered, 2},
+                      {"timed out", m.requestsTimedOut, 1},
+                      {"not found", m.failed(ConnectionErrorType::notFound), 1},
+                      {"refused unauthenticated", m.failed(ConnectionErrorType::noSocketClient), 1},
+                      {"unframed", m.requestsFailedOther, 1},
+                      {"all failures", m.failedTotal(), 3},
+                      {"stopped", m.requestsStopped, 1},
+                      {"cancelled", m.requestsCancelled, 1},
+                      {"pending", m.requestsPending, 0},
+                      {"round trips, the error answer's included", m.roundTrip.count, 3},
+                      {"ended by the user", countFor(m.connectionsEnded, Reason::expectedClose), 1},
+                      {"bytes received", m.bytesReceived, received_}});
   EXPECT_EQ(microseconds(40ms), m.roundTrip.max);
   EXPECT_EQ(microseconds(40ms), m.roundTrip.last);
   std::uint64_t sent = 0;
@@ -121,11 +121,11 @@ TEST_F(KelMetricsTest, ALostConnectionCountsItsCauseItsAttemptsAndTheNextAuthent
   scheduler_->advanceBy(30s);
 
   const auto m = metrics_->snapshot();
-  expectCounts({{"lost", lost(m.connectionsEnded), 1},
-                {"reconnections after a loss", lost(m.reconnections), 1},
-                {"all reconnections", m.reconnectionsTotal(), 1},
-                {"attempts", m.reconnectionAttempts, 2},
-                {"authentications", m.authentication.count, 2}});
+  expectMetricCounts({{"lost", countFor(m.connectionsEnded), 1},
+                      {"reconnections after a loss", countFor(m.reconnections), 1},
+                      {"all reconnections", m.reconnectionsTotal(), 1},
+                      {"attempts", m.reconnectionAttempts, 2},
+                      {"authentications", m.authentication.count, 2}});
   EXPECT_EQ(microseconds(100ms), m.authentication.last);
   EXPECT_EQ(microseconds(250ms), m.authentication.max);
 }
@@ -216,10 +216,10 @@ TEST(KelServerMetricsTest, TheStreamSamplesOnlyWhileSubscribedAndCountsSpanEvery
     EXPECT_EQ(0u, all.front().authentication.count);
     const auto& m = all.back();
     EXPECT_EQ(m, server->metricsSnapshot());
-    expectCounts(
+    expectMetricCounts(
         {{"authentications", m.authentication.count, 3},
-         {"ended by the second sign-in", lost(m.connectionsEnded, Reason::expectedClose), 1},
-         {"lost", lost(m.connectionsEnded), 1},
+         {"ended by the second sign-in", countFor(m.connectionsEnded, Reason::expectedClose), 1},
+         {"lost", countFor(m.connectionsEnded), 1},
          {"reconnections", m.reconnectionsTotal(), 1}});
     const auto timers = scheduler->pendingCount();
     samples.reset();
