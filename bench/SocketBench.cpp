@@ -42,6 +42,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Ratios.h"
+#include "ServerClient/Client/KelMetrics.h"
 #include "ServerClient/Common/SDKError.h"
 #include "ServerClient/Socket/Client/KelSocketClient.h"
 #include "ServerClient/Socket/Events/KelEventHandler.h"
@@ -205,6 +206,8 @@ class Loopback {
 
   const std::shared_ptr<kel::KelSocketClient>& client() const { return client_; }
   const std::shared_ptr<kel::KelSocketClient>& poolQueueClient() const { return poolQueueClient_; }
+  const std::shared_ptr<kel::KelSocketClient>& meteredClient() const { return meteredClient_; }
+  const std::shared_ptr<kel::KelSocketClient>& unmeteredTwin() const { return unmeteredTwin_; }
   kel::emulator::Emulator& emulator() { return emulator_; }
 
   // A synchronous echo of one request frame by hand.
@@ -302,6 +305,10 @@ class Loopback {
       return client;
     };
     client_ = connected(platform);
+    unmeteredTwin_ = connected(platform);
+    auto metered = platform;
+    metered.clientOptions.metrics = std::make_shared<kel::KelMetricsRecorder>();
+    meteredClient_ = connected(metered);
     platform.clientOptions.socketScheduler =
         std::make_shared<kel::rx::SerialDispatchQueueScheduler>("KelSocket");
     poolQueueClient_ = connected(platform);
@@ -332,6 +339,10 @@ class Loopback {
   std::shared_ptr<kel::KelSocketClient> client_;
   // Its "KelSocket" queue on the shared pool rather than the socket's thread.
   std::shared_ptr<kel::KelSocketClient> poolQueueClient_;
+  // Like client_, one counting into a metrics recorder and one not, both used by one benchmark
+  // only: the emulator's side of a socket that served many requests answers more slowly.
+  std::shared_ptr<kel::KelSocketClient> meteredClient_;
+  std::shared_ptr<kel::KelSocketClient> unmeteredTwin_;
   asio::io_context ioContext_;
   beast::websocket::stream<asio::ip::tcp::socket> raw_;
   beast::flat_buffer buffer_;
@@ -364,28 +375,36 @@ void reportPercentiles(benchmark::State& state, std::vector<double>& micros) {
   state.counters["p99_us"] = micros[std::min(micros.size() - 1, micros.size() * 99 / 100)];
 }
 
-// One request at a time through KelSocketClient::send, waiting for its response.
+// One request through KelSocketClient::send, waiting for its response: the microseconds it took,
+// or nothing, with the benchmark failed.
+std::optional<double> roundTrip(benchmark::State& state, kel::KelSocketClient& client) {
+  const auto start = Clock::now();
+  const kel::AnyRequest request = echoRequest();
+  Signal done;
+  bool answered = false;
+  auto subscription =
+      client.send(request).subscribe([&](const kel::Resource&) { answered = true; },
+                                     [&](std::exception_ptr) { done.set(); }, [&] { done.set(); });
+  if (!done.waitFor()) {
+    subscription.dispose();
+    state.SkipWithError("a request was not answered in time");
+    return std::nullopt;
+  }
+  if (!answered) {
+    state.SkipWithError("a request failed");
+    return std::nullopt;
+  }
+  return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
+}
+
+// One request at a time, waiting for each response.
 void roundTrips(benchmark::State& state, const std::shared_ptr<kel::KelSocketClient>& client) {
   std::vector<double> micros;
   AllocationCount counted;
   for (auto _ : state) {
-    const auto start = Clock::now();
-    const kel::AnyRequest request = echoRequest();
-    Signal done;
-    bool answered = false;
-    auto subscription = client->send(request).subscribe(
-        [&](const kel::Resource&) { answered = true; }, [&](std::exception_ptr) { done.set(); },
-        [&] { done.set(); });
-    if (!done.waitFor()) {
-      subscription.dispose();
-      state.SkipWithError("a request was not answered in time");
-      break;
-    }
-    micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
-    if (!answered) {
-      state.SkipWithError("a request failed");
-      break;
-    }
+    const auto took = roundTrip(state, *client);
+    if (!took) break;
+    micros.push_back(*took);
   }
   counted.report(state);
   reportPercentiles(state, micros);
@@ -402,6 +421,38 @@ void SocketClientRoundTripPoolQueue(benchmark::State& state) {
 }
 BENCHMARK(SocketClientRoundTripPoolQueue)->UseRealTime();
 KEL_BENCH_COMPARE(SocketClientRoundTripPoolQueue, RawEchoRoundTrip);
+
+// What counting metrics adds to a round trip, end to end: the client that counts and the one
+// that does not take turns, request by request, so that both meet the same load; the row compares
+// the median round trip of each. Its target is loose: the two clients' network threads land on
+// the cores as the system places them, which on a loaded two-core machine moves the ratio by some
+// 5 % either way from run to run, far more than counting costs; it catches a lock or an allocation
+// on the request path. MetricsRecordingPerRequest (MetricsBench.cpp) holds the cost itself to 2 %.
+void SocketClientRoundTripMetrics(benchmark::State& state) {
+  auto* loopback = Loopback::shared(state);
+  if (!loopback) return;
+  std::vector<double> with;
+  std::vector<double> without;
+  bool meteredFirst = true;
+  for (auto _ : state) {
+    for (const bool metered : {meteredFirst, !meteredFirst}) {
+      const auto took =
+          roundTrip(state, metered ? *loopback->meteredClient() : *loopback->unmeteredTwin());
+      if (!took) return;
+      (metered ? with : without).push_back(*took);
+    }
+    meteredFirst = !meteredFirst;
+  }
+  const auto median = [](std::vector<double>& micros) {
+    std::nth_element(micros.begin(), micros.begin() + std::ssize(micros) / 2, micros.end());
+    return micros[micros.size() / 2];
+  };
+  if (with.empty()) return;
+  kel::bench::record("RoundTripWithMetrics", "RoundTripWithoutMetrics", median(with),
+                     median(without));
+}
+// Fixed iterations: a run to find their number would add a row of its own.
+BENCHMARK(SocketClientRoundTripMetrics)->UseRealTime()->Iterations(3000);
 
 // The same frame written and its answer read by hand, synchronously, with Beast.
 void RawEchoRoundTrip(benchmark::State& state) {

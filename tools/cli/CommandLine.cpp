@@ -139,7 +139,8 @@ struct GlobalFlag {
 constexpr GlobalFlag kGlobalFlags[] = {
     {"--kel-url", "URL"}, {"--socket-url", "URL"},  {"--app-version", "V"},
     {"--team-id", "ID"},  {"--timeout", "SECONDS"}, {"--json", ""},
-    {"--verbose", ""},    {"--real-keychain", ""},  {"--help", ""},
+    {"--verbose", ""},    {"--real-keychain", ""},  {"--metrics", ""},
+    {"--help", ""},
 };
 
 std::string joined(const std::vector<std::string_view>& words) {
@@ -210,6 +211,8 @@ void setGlobal(CommandLine& line, std::string_view flag, const std::string& valu
     line.verbose = true;
   } else if (flag == "--real-keychain") {
     line.realKeychain = true;
+  } else if (flag == "--metrics") {
+    line.metrics = true;
   }
 }
 
@@ -372,6 +375,10 @@ std::string usage(std::string_view program) {
       "  --verbose             print the library's log lines on stderr\n"
       "  --real-keychain       demo: keep the session in the Secret Service instead of in\n"
       "                        memory (it forgets any session that login stored)\n"
+      "  --metrics             print the socket's figures after the command: requests and how\n"
+      "                        they ended, round-trip percentiles, time to authenticate,\n"
+      "                        reconnections, bytes (with --json: its \"metrics\" member); watch\n"
+      "                        also prints them on stderr every 5 s\n"
       "  --help                this text\n"
       "\n"
       "Commands other than login, demo and help restore the session that login stored. With\n"

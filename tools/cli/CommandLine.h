@@ -113,6 +113,8 @@ struct CommandLine {
   bool json = false;
   bool verbose = false;
   bool realKeychain = false;
+  /// Print the socket's metrics after the command (and while watching).
+  bool metrics = false;
   /// Bound on each wait of a command (sign-in, restore, a request).
   std::chrono::seconds timeout{30};
 };

@@ -1,6 +1,7 @@
 #include "cli/Commands.h"
 
 #include <iostream>
+#include <optional>
 #include <string>
 
 #include <nlohmann/json.hpp>
@@ -116,35 +117,71 @@ const CommandGroup& sessionCommands() {
   return group;
 }
 
+namespace {
+
+/// --metrics: the figures taken once the command ended, before the runner closes the socket,
+/// printed after the command's own output whether it succeeded or not.
+class MetricsReport {
+ public:
+  explicit MetricsReport(const CommandLine& line) : line_(line) {}
+
+  void take(Runner& runner) {
+    if (line_.metrics && !metrics_) metrics_ = runner.server().metricsSnapshot();
+  }
+  /// Adds them to the command's JSON result, or prints them for people.
+  void add(nlohmann::json& result) const {
+    if (!metrics_) return;
+    if (line_.json) {
+      result["metrics"] = metricsJson(*metrics_);
+    } else {
+      for (const auto& text : metricsLines(*metrics_)) {
+        std::cout << printable("metrics: " + text) << '\n';
+      }
+      std::cout << std::flush;
+    }
+  }
+
+ private:
+  const CommandLine& line_;
+  std::optional<KelMetrics> metrics_;
+};
+
+}  // namespace
+
 int runCommand(const CommandLine& line) {
   nlohmann::json result;
+  MetricsReport metrics(line);
   try {
     Runner runner(line);
     try {
       result = line.command->run(runner, line.arguments);
+      metrics.take(runner);
     } catch (const UsageError& error) {
+      metrics.take(runner);
       throw CommandError{"usage", error.text};
+    } catch (...) {
+      metrics.take(runner);
+      throw;
     }
   } catch (const CommandError& error) {
-    if (line.json) {
-      std::cout << jsonLine({{"command", line.name},
-                             {"ok", false},
-                             {"error", {{"kind", error.kind}, {"message", error.message}}}})
-                << std::endl;
-    }
+    nlohmann::json failure = {{"command", line.name},
+                              {"ok", false},
+                              {"error", {{"kind", error.kind}, {"message", error.message}}}};
+    metrics.add(failure);
+    if (line.json) std::cout << jsonLine(failure) << std::endl;
     std::cerr << "kel " << line.name << ": " << printable(error.kind) << ": "
               << printable(error.message) << std::endl;
     return 1;
   } catch (const std::exception& error) {
     const auto pointer = std::current_exception();
-    if (line.json) {
-      std::cout << jsonLine({{"command", line.name}, {"ok", false}, {"error", errorJson(pointer)}})
-                << std::endl;
-    }
+    nlohmann::json failure = {{"command", line.name}, {"ok", false}, {"error", errorJson(pointer)}};
+    metrics.add(failure);
+    if (line.json) std::cout << jsonLine(failure) << std::endl;
     std::cerr << "kel " << line.name << ": " << printable(errorKind(pointer)) << ": "
               << printable(describeError(pointer)) << std::endl;
     return 1;
   }
+  metrics.add(result);
   if (line.json) {
     result["command"] = line.name;
     result["ok"] = true;

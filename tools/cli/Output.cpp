@@ -191,6 +191,126 @@ nlohmann::json conferenceEntryJson(const ConferenceEntry& entry) {
   return json;
 }
 
+namespace {
+
+std::string durationText(std::chrono::microseconds duration) {
+  char text[32];
+  const auto micros = duration.count();
+  if (micros < 1000) {
+    std::snprintf(text, sizeof text, "%lld us", static_cast<long long>(micros));
+  } else if (micros < 10'000'000) {
+    std::snprintf(text, sizeof text, "%.1f ms", static_cast<double>(micros) / 1e3);
+  } else {
+    std::snprintf(text, sizeof text, "%.1f s", static_cast<double>(micros) / 1e6);
+  }
+  return text;
+}
+
+std::string bytesText(std::uint64_t bytes) {
+  char text[32];
+  if (bytes < 10'000) {
+    std::snprintf(text, sizeof text, "%llu B", static_cast<unsigned long long>(bytes));
+  } else if (bytes < 10'000'000) {
+    std::snprintf(text, sizeof text, "%.1f kB", static_cast<double>(bytes) / 1e3);
+  } else {
+    std::snprintf(text, sizeof text, "%.1f MB", static_cast<double>(bytes) / 1e6);
+  }
+  return text;
+}
+
+// The non-zero counts by name: "notFound 1, other 2".
+std::string breakdown(const std::vector<std::pair<std::string, std::uint64_t>>& counts) {
+  std::string text;
+  for (const auto& [name, count] : counts) {
+    if (count == 0) continue;
+    text += (text.empty() ? "" : ", ") + name + " " + std::to_string(count);
+  }
+  return text;
+}
+
+std::vector<std::pair<std::string, std::uint64_t>> failures(const KelMetrics& metrics) {
+  std::vector<std::pair<std::string, std::uint64_t>> counts;
+  for (std::size_t i = 0; i < kConnectionErrorTypeCount; ++i) {
+    counts.emplace_back(rawValue(static_cast<ConnectionErrorType>(i)), metrics.requestsFailed[i]);
+  }
+  counts.emplace_back("other", metrics.requestsFailedOther);
+  return counts;
+}
+
+std::vector<std::pair<std::string, std::uint64_t>> byReason(
+    const std::array<std::uint64_t, kDisconnectedReasonCount>& counts) {
+  std::vector<std::pair<std::string, std::uint64_t>> named;
+  for (std::size_t i = 0; i < kDisconnectedReasonCount; ++i) {
+    named.emplace_back(name(static_cast<SocketStateDisconnectedReason>(i)), counts[i]);
+  }
+  return named;
+}
+
+nlohmann::json latencyJson(const KelLatency& latency) {
+  return {{"count", latency.count},       {"p50Us", latency.p50.count()},
+          {"p90Us", latency.p90.count()}, {"p99Us", latency.p99.count()},
+          {"maxUs", latency.max.count()}, {"lastUs", latency.last.count()}};
+}
+
+nlohmann::json countsJson(const std::vector<std::pair<std::string, std::uint64_t>>& counts) {
+  auto json = nlohmann::json::object();
+  for (const auto& [name, count] : counts) {
+    if (count != 0) json[name] = count;
+  }
+  return json;
+}
+
+}  // namespace
+
+std::vector<std::string> metricsLines(const KelMetrics& m) {
+  std::vector<std::string> lines;
+  std::string line = "requests " + std::to_string(m.requestsSent) + " sent, " +
+                     std::to_string(m.requestsAnswered) + " answered, " +
+                     std::to_string(m.failedTotal()) + " failed";
+  if (m.failedTotal() != 0) line += " (" + breakdown(failures(m)) + ")";
+  line += ", " + std::to_string(m.requestsTimedOut) + " timed out";
+  if (m.requestsStopped != 0) line += ", " + std::to_string(m.requestsStopped) + " stopped";
+  if (m.requestsCancelled != 0) line += ", " + std::to_string(m.requestsCancelled) + " cancelled";
+  lines.push_back(line + ", " + std::to_string(m.requestsPending) + " pending");
+  const auto& rt = m.roundTrip;
+  lines.push_back("round trip " +
+                  (rt.count == 0
+                       ? std::string("-")
+                       : "p50 " + durationText(rt.p50) + ", p90 " + durationText(rt.p90) +
+                             ", p99 " + durationText(rt.p99) + ", max " + durationText(rt.max)));
+  const auto& auth = m.authentication;
+  line = "authenticated " + std::to_string(auth.count) + (auth.count == 1 ? " time" : " times");
+  if (auth.count != 0) {
+    line += " (last in " + durationText(auth.last) + ", max " + durationText(auth.max) + ")";
+  }
+  const auto ended = breakdown(byReason(m.connectionsEnded));
+  line += "; connections ended " + (ended.empty() ? std::string("0") : ended);
+  line += "; reconnections " + std::to_string(m.reconnectionsTotal());
+  if (m.reconnectionsTotal() != 0) line += " (" + breakdown(byReason(m.reconnections)) + ")";
+  lines.push_back(line + ", " + std::to_string(m.reconnectionAttempts) + " attempts");
+  lines.push_back(bytesText(m.bytesSent) + " sent, " + bytesText(m.bytesReceived) + " received");
+  return lines;
+}
+
+nlohmann::json metricsJson(const KelMetrics& m) {
+  auto failed = countsJson(failures(m));
+  failed["total"] = m.failedTotal();
+  return {{"requests",
+           {{"sent", m.requestsSent},
+            {"answered", m.requestsAnswered},
+            {"timedOut", m.requestsTimedOut},
+            {"failed", failed},
+            {"stopped", m.requestsStopped},
+            {"cancelled", m.requestsCancelled},
+            {"pending", m.requestsPending}}},
+          {"roundTrip", latencyJson(m.roundTrip)},
+          {"authentication", latencyJson(m.authentication)},
+          {"connectionsEnded", countsJson(byReason(m.connectionsEnded))},
+          {"reconnections", countsJson(byReason(m.reconnections))},
+          {"reconnectionAttempts", m.reconnectionAttempts},
+          {"bytes", {{"sent", m.bytesSent}, {"received", m.bytesReceived}}}};
+}
+
 std::string contactText(const Contact& contact) {
   std::string text = contact.id + " \"" + contact.name + "\"";
   if (contact.favorite) text += " (favorite)";

@@ -8,10 +8,12 @@
 #include <exception>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "ServerClient/Auth/Model/AuthenticationData.h"
+#include "ServerClient/Client/KelMetrics.h"
 #include "ServerClient/ConferenceLog/Model/ConferenceEntry.h"
 #include "ServerClient/Contact/Model/Contact.h"
 #include "ServerClient/Socket/Events/KelEvent.h"
@@ -63,6 +65,12 @@ std::string instantText(double milliseconds);
 
 /// The entry as the server sends it: the enumerations as their wire texts, instants as numbers.
 nlohmann::json conferenceEntryJson(const ConferenceEntry& entry);
+
+/// The socket's figures for people, four short lines: requests and how they ended, round-trip
+/// percentiles, authentications and reconnections, bytes.
+std::vector<std::string> metricsLines(const KelMetrics& metrics);
+/// The same as JSON, durations in whole microseconds; failure kinds only when some failed.
+nlohmann::json metricsJson(const KelMetrics& metrics);
 
 /// One line for people: `c1 "Ann" (favorite), phones: work +1 (primary); emails: ...; user u1`.
 std::string contactText(const Contact& contact);

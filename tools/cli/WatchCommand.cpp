@@ -21,6 +21,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
+/// How often watch --metrics prints the socket's figures.
+constexpr auto kMetricsPeriod = 5s;
+
 bool sameLetters(std::string_view a, std::string_view b) {
   return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
     return std::tolower(static_cast<unsigned char>(x)) ==
@@ -141,6 +144,17 @@ nlohmann::json watch(Runner& runner, const Arguments& arguments) {
               << std::endl;
   }
 
+  // On stderr, which is for people: stdout carries one JSON line per event.
+  rx::Disposable sampling;
+  if (runner.line().metrics) {
+    sampling = runner.server().metrics(kMetricsPeriod).subscribe([](const KelMetrics& metrics) {
+      for (const auto& text : metricsLines(metrics)) {
+        std::cerr << printable("kel watch: metrics: " + text) << '\n';
+      }
+      std::cerr << std::flush;
+    });
+  }
+
   std::optional<CommandError> ended;
   std::string reason = "time";
   const auto done = [&] {
@@ -166,6 +180,7 @@ nlohmann::json watch(Runner& runner, const Arguments& arguments) {
                                      std::min<std::chrono::steady_clock::duration>(left, 1h)));
   }
   subscription.dispose();
+  sampling.dispose();
   if (ended) throw std::move(*ended);
   if (!runner.line().json) {
     std::cerr << "kel watch: " << seen->printed << (seen->printed == 1 ? " event" : " events")

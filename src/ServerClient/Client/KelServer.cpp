@@ -115,6 +115,10 @@ KelServer::KelServer(Passkey, boost::urls::url kelURL, boost::urls::url socketUR
   if (!socketPlatform.clientOptions.applicationLifecycle) {
     socketPlatform.clientOptions.applicationLifecycle = options_.applicationLifecycle;
   }
+  if (!socketPlatform.clientOptions.metrics) {
+    socketPlatform.clientOptions.metrics = std::make_shared<KelMetricsRecorder>();
+  }
+  metrics_ = socketPlatform.clientOptions.metrics;
   // Reads the subject in the slot at each call: an application's replacement is the one read.
   auto token = [slot = std::weak_ptr<UserSessionSlot>(slot_)]() -> std::optional<std::string> {
     auto held = slot.lock();
@@ -642,6 +646,21 @@ rx::Single<rx::Unit> KelServer::logout(std::string deviceId) {
       .doOnSuccess([weak](rx::Unit) {
         if (auto self = weak.lock()) self->clearSessionInfo();
       });
+}
+
+// --- Metrics ------------------------------------------------------------------------------------
+
+KelMetrics KelServer::metricsSnapshot() const {
+  return metrics_->snapshot();
+}
+
+rx::Observable<KelMetrics> KelServer::metrics(rx::Duration every) const {
+  if (every <= rx::Duration::zero()) {
+    return rx::Observable<KelMetrics>::error(std::make_exception_ptr(
+        GenericError(GenericErrorType::unknown(), "metrics(every:) needs a positive period")));
+  }
+  return rx::timer(rx::Duration::zero(), every, options_.mainScheduler)
+      .map([metrics = metrics_](std::int64_t) { return metrics->snapshot(); });
 }
 
 // --- States -------------------------------------------------------------------------------------

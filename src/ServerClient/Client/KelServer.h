@@ -11,6 +11,7 @@
 
 #include "ServerClient/Auth/Model/AuthenticationData.h"
 #include "ServerClient/Client/CapabilityValidator.h"
+#include "ServerClient/Client/KelMetrics.h"
 #include "ServerClient/Client/KelServerState.h"
 #include "ServerClient/Client/ServerState.h"
 #include "ServerClient/Client/ServiceProvider.h"
@@ -268,6 +269,17 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
   /// The server URL text stored with the token; empty when none can be read.
   std::string lastUrlServer() const;
 
+  /// What the facade's socket clients have done since it was made (see KelMetrics), counted
+  /// across reconnections and sessions. The recorder is socketPlatform->clientOptions.metrics
+  /// when the application set one, else the facade's own. From any thread, without a lock.
+  KelMetrics metricsSnapshot() const;
+  /// metricsSnapshot() at once and then every `every`, on the main scheduler, for as long as the
+  /// subscription lasts: a timer runs only while subscribed, and disposing of the subscription
+  /// cancels it. A sample at a steady pace rather than one per change, since the figures change
+  /// with every request and a display or a log wants them at its own rate. Fails at once with
+  /// GenericError(unknown) when `every` is not positive.
+  rx::Observable<KelMetrics> metrics(rx::Duration every) const;
+
   /// @name Domain services
   /// Each accessor makes its domain's service on first use and hands out that same instance
   /// until logout(). A service reaches the server through the current socket client, whatever
@@ -420,6 +432,7 @@ class KelServer : public std::enable_shared_from_this<KelServer> {
   std::atomic<bool> appIsInBackground_ = false;
   std::shared_ptr<KelEventHandler> kelEventHandler_;
   std::shared_ptr<SocketBuilder> socketBuilder_;
+  std::shared_ptr<KelMetricsRecorder> metrics_;  // handed to every socket client made
 
   mutable std::mutex providerMutex_;  // guards serviceProvider_ (replaced by logout)
   std::shared_ptr<ServiceProvider> serviceProvider_;

@@ -25,6 +25,7 @@ SocketReconnector::SocketReconnector(Passkey, std::shared_ptr<platform::Socket> 
           options.reconnectionScheduler
               ? std::move(options.reconnectionScheduler)
               : std::make_shared<rx::SerialDispatchQueueScheduler>("SocketReconnector")),
+      onAttempt_(std::move(options.onAttempt)),
       socketConnector_(std::move(socketConnector)),
       socketAuthenticator_(std::move(socketAuthenticator)),
       socket_(std::move(socket)),
@@ -58,10 +59,12 @@ rx::Observable<std::int64_t> SocketReconnector::reconnectPulse() const {
   });
 }
 
-void SocketReconnector::launchReconnection(std::string token) {
+bool SocketReconnector::launchReconnection(std::string token) {
   const std::uint64_t number = launches_.fetch_add(1, std::memory_order_relaxed) + 1;
   std::uint64_t idle = 0;
-  if (!reconnection_.compare_exchange_strong(idle, number, std::memory_order_acq_rel)) return;
+  if (!reconnection_.compare_exchange_strong(idle, number, std::memory_order_acq_rel)) {
+    return false;
+  }
 
   std::weak_ptr<SocketReconnector> weak = weak_from_this();
   rx::SingleAssignmentDisposable reconnection;
@@ -83,6 +86,7 @@ void SocketReconnector::launchReconnection(std::string token) {
       self->finish(number);
       return rx::Observable<rx::Unit>::empty();
     }
+    if (self->onAttempt_) self->onAttempt_();
     // A refused key ends the reconnection: every further attempt would be refused the same way.
     return self->socketConnector_->connect().asObservable().catchError(
         [](std::exception_ptr error) {
@@ -107,6 +111,7 @@ void SocketReconnector::launchReconnection(std::string token) {
         if (auto self = weak.lock()) self->finish(number);
       }));
   disposeBag_.insert(reconnection);
+  return true;
 }
 
 void SocketReconnector::authenticate(const std::string& token) {

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -20,6 +21,9 @@ namespace kel {
 struct SocketReconnectorOptions {
   /// Runs the pulse; by default a serial queue labelled "SocketReconnector".
   rx::SchedulerPtr reconnectionScheduler{};
+  /// Told of each connection attempt, on the reconnection scheduler, as it starts; none by
+  /// default.
+  std::function<void()> onAttempt{};
 };
 
 /// Brings the socket back after a lost connection: tries to connect every `reconnectionAttempt`
@@ -67,9 +71,9 @@ class SocketReconnector : public std::enable_shared_from_this<SocketReconnector>
   /// Installs what stopByUser() returns; the socket client installs its own.
   void setStopByUser(StopByUser stopByUser);
 
-  /// Starts reconnecting unless a reconnection is already in progress; returns at once.
-  /// Destroying the reconnector ends the reconnection in progress.
-  void launchReconnection(std::string token);
+  /// Starts reconnecting unless a reconnection is already in progress; returns at once, true
+  /// when it started one. Destroying the reconnector ends the reconnection in progress.
+  bool launchReconnection(std::string token);
   /// Whether a reconnection is in progress.
   bool isReconnecting() const noexcept {
     return reconnection_.load(std::memory_order_acquire) != 0;
@@ -102,6 +106,7 @@ class SocketReconnector : public std::enable_shared_from_this<SocketReconnector>
   mutable std::mutex mutex_;  // guards stopByUser_
   StopByUser stopByUser_;
   rx::SchedulerPtr reconnectionScheduler_;
+  std::function<void()> onAttempt_;
   std::shared_ptr<SocketConnector> socketConnector_;
   std::shared_ptr<SocketAuthenticator> socketAuthenticator_;
   std::shared_ptr<platform::Socket> socket_;

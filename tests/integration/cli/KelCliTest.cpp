@@ -298,6 +298,33 @@ TEST_F(KelCliTest, RenewTellsWhetherTheServerAcceptedTheRenewal) {
   }
 }
 
+TEST_F(KelCliTest, MetricsFollowTheCommandWhetherItSucceededOrNot) {
+  emulator::Emulator emulator;
+  emulator.addAccount(emulator::defaultAccount("dora", "dora-sign-in"));
+  const auto urls = emulator.start();
+  ASSERT_EQ(0, kel(urls, {"login", "--token", "dora-sign-in"}).exitCode);
+  // The restore's request is answered, the renewal refused.
+  emulator.faultAllRequests(emulator::Fault::status(404),
+                            {.socket = std::nullopt, .method = "PUT", .pathPrefix = "/sessions"});
+  auto run = kel(urls, {"--metrics", "renew"});
+  EXPECT_EQ(1, run.exitCode) << run.out << run.err;
+  const auto metrics = run.json()["metrics"];
+  const nlohmann::json expected = {
+      {"/requests/sent", 2},    {"/requests/answered", 1}, {"/requests/failed/notFound", 1},
+      {"/requests/pending", 0}, {"/roundTrip/count", 2},   {"/authentication/count", 1}};
+  for (const auto& [pointer, value] : expected.items()) {
+    EXPECT_EQ(value, metrics[nlohmann::json::json_pointer(pointer)]) << pointer << "\n" << run.out;
+  }
+  EXPECT_GT(metrics["bytes"]["received"], 0) << run.out;
+
+  run = kel(urls, {"renew", "--metrics"}, false);
+  EXPECT_NE(
+      std::string::npos,
+      run.out.find("metrics: requests 2 sent, 1 answered, 1 failed (notFound 1), 0 timed out"))
+      << run.out;
+  expectClean(run, "metrics");
+}
+
 TEST_F(KelCliTest, DomainCommandsChangeTheServerAndWatchPrintsAnotherProcesssEvents) {
   emulator::Emulator emulator;
   const auto urls = startSignedIn(emulator, "presence", nlohmann::json::parse(R"({"directories": [

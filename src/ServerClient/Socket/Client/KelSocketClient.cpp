@@ -5,11 +5,13 @@
 #include <optional>
 #include <utility>
 
+#include "ServerClient/Client/KelMetrics.h"
 #include "ServerClient/Common/Json.h"
 #include "ServerClient/Common/Random.h"
 #include "ServerClient/Common/SDKError.h"
 #include "ServerClient/Common/SafeText.h"
 #include "ServerClient/Log/ServerLog.h"
+#include "ServerClient/Socket/Client/detail/MeteredSocket.h"
 #include "ServerClient/Socket/Model/ErrorCode.h"
 #include "ServerClient/platform/SocketExecutor.h"
 #include "ServerClient/rx/Schedulers.h"
@@ -109,6 +111,12 @@ std::shared_ptr<KelSocketClient> KelSocketClient::create(
     std::shared_ptr<SocketEventHandler> socketEventHandler,
     std::shared_ptr<ServerEventHandler> serverEventHandler, ReconnectAuth reconnectAuth,
     rx::Duration reconnectionAttempt, Options options) {
+  if (options.metrics) {
+    socket = detail::meteredSocket(
+        std::move(socket),
+        std::dynamic_pointer_cast<platform::WebSocketConnectionDelegate>(socketEventHandler),
+        options.metrics);
+  }
   auto client = std::make_shared<KelSocketClient>(
       Passkey{}, std::move(socket), std::move(socketEventHandler), std::move(serverEventHandler),
       std::move(reconnectAuth), reconnectionAttempt, std::move(options));
@@ -147,7 +155,8 @@ KelSocketClient::KelSocketClient(Passkey, std::shared_ptr<platform::Socket> sock
                                 ? std::move(options.applicationLifecycle)
                                 : platform::ApplicationLifecycle::shared()),
       socketScheduler_(options.socketScheduler ? std::move(options.socketScheduler)
-                                               : defaultSocketScheduler(*socket_)) {
+                                               : defaultSocketScheduler(*socket_)),
+      metrics_(std::move(options.metrics)) {
   socketConnector_ = std::make_shared<SocketConnector>(
       socket_, socketEventHandler_, kConnectionTimeout,
       SocketConnector::Options{std::move(options.connectionScheduler),
@@ -155,9 +164,11 @@ KelSocketClient::KelSocketClient(Passkey, std::shared_ptr<platform::Socket> sock
   socketAuthenticator_ = std::make_shared<SocketAuthenticator>(
       socket_, socketEventHandler_, kConnectionTimeout,
       SocketAuthenticator::Options{std::move(options.authenticationScheduler)});
+  std::function<void()> onAttempt;
+  if (metrics_) onAttempt = [metrics = metrics_] { metrics->reconnectionAttempted(); };
   socketReconnector_ = SocketReconnector::create(
       socket_, socketConnector_, socketAuthenticator_, reconnectionAttempt,
-      SocketReconnector::Options{std::move(options.reconnectionScheduler)});
+      SocketReconnector::Options{std::move(options.reconnectionScheduler), std::move(onAttempt)});
 }
 
 KelSocketClient::~KelSocketClient() {
@@ -191,6 +202,7 @@ void KelSocketClient::subscribeToSocketEvents() {
       socketEventHandler_->stateEventPublisher().subscribe([weak](const SocketState& state) {
         auto self = weak.lock();
         if (!self) return;
+        if (self->metrics_) self->recordState(state);
         self->setCurrentStatus(state);
         if (auto reason = state.reason()) self->onDisconnectedEvent(*reason);
       }));
@@ -228,7 +240,33 @@ void KelSocketClient::subscribeToSocketEvents() {
 
 void KelSocketClient::onDisconnectedEvent(SocketStateDisconnectedReason reason) {
   if (reason != SocketStateDisconnectedReason::lostConnection || !reconnectAuth_) return;
-  if (auto token = reconnectAuth_()) socketReconnector_->launchReconnection(std::move(*token));
+  auto token = reconnectAuth_();
+  if (token && socketReconnector_->launchReconnection(std::move(*token)) && metrics_) {
+    metrics_->reconnectionStarted(reason);
+  }
+}
+
+void KelSocketClient::recordState(const SocketState& state) {
+  const auto previous = currentKind_.load(std::memory_order_relaxed);
+  switch (state.kind()) {
+    case SocketState::Kind::connected:
+      openedAt_ = metrics_->now();
+      break;
+    case SocketState::Kind::authenticated:
+      if (openedAt_) metrics_->authenticated(metrics_->now() - *openedAt_);
+      openedAt_.reset();
+      break;
+    case SocketState::Kind::disconnected:
+      if (previous == SocketState::Kind::connected ||
+          previous == SocketState::Kind::authenticated) {
+        metrics_->connectionEnded(*state.reason());
+      }
+      openedAt_.reset();
+      break;
+    case SocketState::Kind::newSocket:
+    case SocketState::Kind::error:
+      break;
+  }
 }
 
 void KelSocketClient::returnResponse(const nlohmann::json& response, std::int64_t forRequest) {
@@ -371,12 +409,18 @@ class KelSocketClient::PendingRequest final : public rx::detail::ObserverBase<Re
                                               public std::enable_shared_from_this<PendingRequest> {
  public:
   PendingRequest(std::weak_ptr<KelSocketClient> client, AnyRequest request,
-                 rx::Observer<Resource> down)
+                 rx::Observer<Resource> down, std::shared_ptr<KelMetricsRecorder> metrics)
       : client_(std::move(client)),
         request_(std::move(request)),
         id_(request_->requestID()),
         timeout_(request_->timeout()),
+        metrics_(std::move(metrics)),
         down_(std::move(down)) {}
+
+  ~PendingRequest() override {
+    // Left in the store of a client that went away without settling it.
+    if (metrics_ && state_.load() == State::registered) metrics_->requestCancelled();
+  }
 
   void schedule(rx::Scheduler& scheduler) {
     auto task = scheduler.schedule([self = shared_from_this()] { self->run(); });
@@ -391,16 +435,25 @@ class KelSocketClient::PendingRequest final : public rx::detail::ObserverBase<Re
   // A response: onNext then onCompleted, or onError. stop(): onCompleted.
   void onNext(const Resource& resource) override {
     if (!advance(State::registered, State::answering)) return;
+    if (metrics_) metrics_->requestAnswered(registeredAt_);
     if (auto down = downstream()) down.onNext(resource);
   }
   void onCompleted() override {
-    if (!advance(State::answering, State::done) && !advance(State::registered, State::done)) {
-      return;
+    if (!advance(State::answering, State::done)) {
+      if (!advance(State::registered, State::done)) return;
+      if (metrics_) metrics_->requestStopped();
     }
     terminate().onCompleted();
   }
   void onError(std::exception_ptr error) override {
     if (!advance(State::registered, State::done)) return;
+    if (metrics_) {
+      if (error == requestTimeoutError()) {
+        metrics_->requestTimedOut();
+      } else {
+        metrics_->requestFailed(error, registeredAt_);
+      }
+    }
     terminate().onError(std::move(error));
   }
   bool isStopped() const noexcept override { return state_.load() == State::done; }
@@ -409,6 +462,8 @@ class KelSocketClient::PendingRequest final : public rx::detail::ObserverBase<Re
   void onDispose() noexcept override {
     const State previous = state_.exchange(State::done);
     auto down = terminate();
+    // After terminate(), which waits for a registration under way to be counted.
+    if (previous == State::registered && metrics_) metrics_->requestCancelled();
     if (previous != State::registered && previous != State::answering) return;
     // Still registered unless a response or stop() took it out: only then is the removal worth
     // a trip to the socket queue.
@@ -437,11 +492,14 @@ class KelSocketClient::PendingRequest final : public rx::detail::ObserverBase<Re
       return fail(makeError(GenericError(GenericErrorType::encoding(request_->describe()))));
     }
     const auto drawnID = id_;
+    const auto registeredAt = metrics_ ? metrics_->now() : rx::TimePoint{};
     {
       // Registering and a concurrent dispose() are ordered by the lock: either the disposal came
       // first and nothing is registered, or it sees the registration and takes it out again.
       std::lock_guard lock(mutex_);
+      registeredAt_ = registeredAt;
       if (!advance(State::scheduled, State::registered)) return;
+      if (metrics_) metrics_->requestRegistered();
       // Two pending requests never share an identifier, or the later would take the earlier's
       // response: while the identifier is pending, draw another (with 10,000 pending, one draw in
       // some 200,000 meets a pending one).
@@ -470,11 +528,13 @@ class KelSocketClient::PendingRequest final : public rx::detail::ObserverBase<Re
     client->addDeadline(timeout_, {client->socketScheduler_->now() + timeout_, id_, registration_});
     KEL_LOG_DEBUG("send(request:)", "Sending request " + displayText(*frame) +
                                         " from socketID: " + client->socketID_);
+    if (metrics_) metrics_->requestWritten();
     client->socket_->send(std::move(*frame));
   }
 
   void fail(std::exception_ptr error) {
     if (!advance(State::scheduled, State::done)) return;
+    if (metrics_) metrics_->requestRefused(error);
     terminate().onError(std::move(error));
   }
 
@@ -502,6 +562,8 @@ class KelSocketClient::PendingRequest final : public rx::detail::ObserverBase<Re
   std::optional<AnyRequest> request_;  // touched only by run()
   std::int64_t id_;                    // drawn again in run() while pending, under mutex_
   const std::chrono::seconds timeout_;
+  const std::shared_ptr<KelMetricsRecorder> metrics_;  // null: nothing is counted
+  rx::TimePoint registeredAt_{};                       // written in run() under mutex_
   std::atomic<State> state_{State::scheduled};
   RequestStore<std::int64_t>::Registration registration_ = 0;  // written in run() under mutex_
   std::mutex mutex_;  // guards down_, task_, and orders registering against disposal
@@ -511,13 +573,16 @@ class KelSocketClient::PendingRequest final : public rx::detail::ObserverBase<Re
 
 class KelSocketClient::SendSource final : public rx::detail::Source<Resource> {
  public:
-  SendSource(std::weak_ptr<KelSocketClient> client, AnyRequest request, rx::SchedulerPtr scheduler)
+  SendSource(std::weak_ptr<KelSocketClient> client, AnyRequest request, rx::SchedulerPtr scheduler,
+             std::shared_ptr<KelMetricsRecorder> metrics)
       : client_(std::move(client)),
         request_(std::move(request)),
-        scheduler_(std::move(scheduler)) {}
+        scheduler_(std::move(scheduler)),
+        metrics_(std::move(metrics)) {}
 
   rx::Disposable subscribe(rx::Observer<Resource> observer) const override {
-    auto pending = std::make_shared<PendingRequest>(client_, request_, std::move(observer));
+    auto pending =
+        std::make_shared<PendingRequest>(client_, request_, std::move(observer), metrics_);
     pending->schedule(*scheduler_);
     return rx::Disposable(std::move(pending));
   }
@@ -526,12 +591,16 @@ class KelSocketClient::SendSource final : public rx::detail::Source<Resource> {
   std::weak_ptr<KelSocketClient> client_;
   AnyRequest request_;
   rx::SchedulerPtr scheduler_;
+  std::shared_ptr<KelMetricsRecorder> metrics_;
 };
 
 rx::Observable<Resource> KelSocketClient::send(AnyRequest request) {
-  if (!isAuthenticated()) return rx::Observable<Resource>::error(noSocketClientError());
-  return rx::Observable<Resource>(
-      std::make_shared<const SendSource>(weak_from_this(), std::move(request), socketScheduler_));
+  if (!isAuthenticated()) {
+    if (metrics_) metrics_->requestRefused(noSocketClientError());
+    return rx::Observable<Resource>::error(noSocketClientError());
+  }
+  return rx::Observable<Resource>(std::make_shared<const SendSource>(
+      weak_from_this(), std::move(request), socketScheduler_, metrics_));
 }
 
 }  // namespace kel

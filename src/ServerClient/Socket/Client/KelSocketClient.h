@@ -29,6 +29,8 @@
 
 namespace kel {
 
+class KelMetricsRecorder;
+
 /// What the socket client takes by injection; empty members take their defaults.
 struct KelSocketClientOptions {
   /// "KelSocket" by default: a queue on the socket's own thread when the socket has one
@@ -46,6 +48,9 @@ struct KelSocketClientOptions {
   std::shared_ptr<platform::OvNetworkManager> networkManager{};
   /// Foreground notifications; ApplicationLifecycle::shared() by default.
   std::shared_ptr<platform::ApplicationLifecycle> applicationLifecycle{};
+  /// Where the client counts its requests, connections and traffic; none by default (nothing is
+  /// counted). A facade passes its own to every client it makes, so its counts span them all.
+  std::shared_ptr<KelMetricsRecorder> metrics{};
 };
 
 /// The one socket of a session: sends requests and matches their responses, keeps the socket's
@@ -147,6 +152,8 @@ class KelSocketClient final : public SocketClient,
   void subscribeToSocketEvents();
   void setCurrentStatus(const SocketState& state);
   void onDisconnectedEvent(SocketStateDisconnectedReason reason);
+  // Counts a state change into metrics_, before currentStatus_ takes it.
+  void recordState(const SocketState& state);
   void returnResponse(const nlohmann::json& response, std::int64_t forRequest);
   bool isAuthenticated() const noexcept {
     return currentKind_.load(std::memory_order_acquire) == SocketState::Kind::authenticated;
@@ -191,6 +198,8 @@ class KelSocketClient final : public SocketClient,
   rx::Disposable deadlineTimer_;
   std::optional<rx::TimePoint> deadlineTimerAt_;
   std::atomic<StopByUserState> stopByUser_{StopByUserState{}};
+  std::shared_ptr<KelMetricsRecorder> metrics_;  // null: nothing is counted
+  std::optional<rx::TimePoint> openedAt_;        // touched by the state subscription only
   rx::DisposeBag disposeBag_;
 };
 
