@@ -2,6 +2,8 @@
 
 namespace kel {
 
-const char* libraryVersion() noexcept { return "0.1.0"; }
+const char* libraryVersion() noexcept {
+  return "0.1.0";
+}
 
 }  // namespace kel
