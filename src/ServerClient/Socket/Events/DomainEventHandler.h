@@ -52,7 +52,7 @@ class DomainEventHandler {
   template <class Record>
   rx::Observable<Record> records(DomainEvent domain, std::string method) const {
     return events(domain, std::move(method)).map([](const KelEvent& event) {
-      return event.body ? fromParsed<Record>(*event.body, event.data) : from<Record>(event.data);
+      return from<Record>(event.data);
     });
   }
 

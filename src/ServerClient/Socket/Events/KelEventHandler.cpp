@@ -60,8 +60,8 @@ void KelEventHandler::publish(const nlohmann::json& event) {
   }
   auto data = dumpJson(*body, 2);
   if (!data) throw std::invalid_argument("event body holds invalid UTF-8");
-  eventChannel_.onNext(KelEvent{std::move(*data), domain, upperCased(method->get<std::string>()),
-                                std::move(param), std::make_shared<const nlohmann::json>(*body)});
+  eventChannel_.onNext(
+      KelEvent{std::move(*data), domain, upperCased(method->get<std::string>()), std::move(param)});
 }
 
 }  // namespace kel
