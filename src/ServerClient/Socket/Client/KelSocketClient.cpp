@@ -276,6 +276,12 @@ void KelSocketClient::returnResponse(const nlohmann::json& response, std::int64_
                   "No request found for response:" + std::to_string(forRequest));
     return;
   }
+  // Answered to the last: the deadline timer would only wake an idle client for nothing. Checked
+  // again under the deadlines' lock, since a send may be registering meanwhile.
+  if (requestStore_.count() == 0) {
+    std::lock_guard lock(deadlineMutex_);
+    if (requestStore_.count() == 0) clearDeadlines();
+  }
   if (auto code = errorCode(response)) {
     observer->onError(makeError(ConnectionError::mapToOvError(*code)));
     return;

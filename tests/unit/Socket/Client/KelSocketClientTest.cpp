@@ -99,6 +99,7 @@ TEST_F(KelSocketClientTest, ResponsesSettleTheRequestWithTheirIdentifierAndEvent
     }
   }
   EXPECT_TRUE(client_->pendingRequests().empty());
+  EXPECT_EQ(0u, scheduler_->pendingCount()) << "no deadline timer is left to wake an idle client";
 }
 
 TEST_F(KelSocketClientTest, EachRequestTimesOutAtItsOwnDeadlineUnlessAnswered) {
