@@ -1,8 +1,9 @@
 // A signed-in facade that nobody uses: what it costs while idle, over TLS as in production.
 // Wake-ups are the voluntary context switches of the library's threads over a minute. The
-// server's pings are off; the session renewals (every 20 s) are expected, so the wake-ups in the
-// quarter-seconds around each renewal the emulator receives are set aside, and every other one
-// is unexplained. Heap is what the facade holds once signed in, against a plain Beast TLS
+// server's pings are off; the session renewals (every 20 s) and the socket's keep-alive pings
+// (after 15 s without a word from the server) are expected, so the wake-ups in the
+// quarter-seconds around each renewal or ping the emulator receives are set aside, and every
+// other one is unexplained. Heap is what the facade holds once signed in, against a plain Beast TLS
 // WebSocket client, trusting the same authorities, holding one authenticated socket to the same
 // in-process emulator.
 
@@ -52,7 +53,7 @@ namespace beast = boost::beast;
 constexpr auto kSettle = 500ms;
 constexpr auto kIdleWindow = 60s;
 constexpr auto kSample = 250ms;
-// Samples on either side of one in which a renewal reached the server that belong to it.
+// Samples on either side of one in which a renewal or a ping reached the server that belong to it.
 constexpr int kRenewalSpan = 2;
 
 std::size_t heapInUse() {
@@ -132,14 +133,23 @@ void IdleFacade(benchmark::State& state) {
     // The idle window, sampled: the facade's wake-ups per sample, and whether the emulator
     // received a request (a renewal) in it.
     const long self = static_cast<long>(syscall(SYS_gettid));
+    // What reached the server: requests (renewals) and the socket's keep-alive pings, which it
+    // sends after 15 s without a word from the server (whose own pings are off here).
     const auto requestsReceived = [&emulator] {
       std::uint64_t count = 0;
       for (const auto& socket : emulator.sockets()) count += socket.requestsReceived;
       return count;
     };
+    const auto pingsReceived = [&emulator] {
+      std::uint64_t count = 0;
+      for (const auto& socket : emulator.sockets()) count += socket.pingsReceived;
+      return count;
+    };
+    std::map<long, std::string> names;
     const auto facadeSwitches = [&](const std::map<long, ThreadSample>& sample) {
       std::map<long, long> out;
       for (const auto& [id, thread] : sample) {
+        names[id] = thread.name;
         if (id != self && !emulatorThreads.contains(id)) out[id] = thread.voluntarySwitches;
       }
       return out;
@@ -147,50 +157,61 @@ void IdleFacade(benchmark::State& state) {
     struct Slice {
       long wakeups = 0;
       bool renewal = false;
+      bool ping = false;
       std::string who;
     };
     std::vector<Slice> slices;
     auto previous = facadeSwitches(threads());
     auto previousRequests = requestsReceived();
+    auto previousPings = pingsReceived();
     const auto windowStart = std::chrono::steady_clock::now();
     for (auto next = windowStart + kSample; next <= windowStart + kIdleWindow; next += kSample) {
       std::this_thread::sleep_until(next);
       const auto now = facadeSwitches(threads());
       const auto requests = requestsReceived();
+      const auto pings = pingsReceived();
       Slice slice;
       slice.renewal = requests != previousRequests;
+      slice.ping = pings != previousPings;
       for (const auto& [id, count] : now) {
         auto before = previous.find(id);
         const long delta = count - (before == previous.end() ? 0 : before->second);
         if (delta == 0) continue;
         slice.wakeups += delta;
-        slice.who += " " + std::to_string(id) + "=" + std::to_string(delta);
+        slice.who += " " + names[id] + "(" + std::to_string(id) + ")=" + std::to_string(delta);
       }
       slices.push_back(std::move(slice));
       previous = now;
       previousRequests = requests;
+      previousPings = pings;
     }
-    long wakeups = 0, renewalWakeups = 0, renewals = 0;
-    std::string who;
-    for (std::size_t i = 0; i < slices.size(); ++i) {
-      bool nearRenewal = false;
+    // Each wake-up in a slice near a renewal or a keep-alive ping is that exchange's.
+    long wakeups = 0, renewalWakeups = 0, pingWakeups = 0, renewals = 0, pings = 0;
+    std::string who, seen;
+    const auto near = [&slices](std::size_t i, bool Slice::*what) {
       for (std::size_t j = i > kRenewalSpan ? i - kRenewalSpan : 0;
            j < std::min(slices.size(), i + kRenewalSpan + 1); ++j) {
-        nearRenewal = nearRenewal || slices[j].renewal;
+        if (slices[j].*what) return true;
       }
-      renewals += slices[i].renewal ? 1 : 0;
-      if (nearRenewal) {
+      return false;
+    };
+    for (std::size_t i = 0; i < slices.size(); ++i) {
+      if (slices[i].renewal) ++renewals, seen += " renewal@" + std::to_string(i);
+      if (slices[i].ping) ++pings, seen += " ping@" + std::to_string(i);
+      if (near(i, &Slice::renewal)) {
         renewalWakeups += slices[i].wakeups;
+      } else if (near(i, &Slice::ping)) {
+        pingWakeups += slices[i].wakeups;
       } else if (slices[i].wakeups > 0) {
         wakeups += slices[i].wakeups;
         who += " [" + std::to_string(i) + "]" + slices[i].who;
       }
     }
     std::fprintf(stderr,
-                 "idle facade over %llds: %ld renewals with %ld wake-ups around them; %ld other "
-                 "wake-ups:%s\n",
-                 static_cast<long long>(kIdleWindow / 1s), renewals, renewalWakeups, wakeups,
-                 who.empty() ? " none" : who.c_str());
+                 "idle facade over %llds (quarter-seconds:%s): %ld renewals with %ld wake-ups "
+                 "around them, %ld keep-alive pings with %ld; %ld other wake-ups:%s\n",
+                 static_cast<long long>(kIdleWindow / 1s), seen.c_str(), renewals, renewalWakeups,
+                 pings, pingWakeups, wakeups, who.empty() ? " none" : who.c_str());
 
     // The baseline: one authenticated socket by hand, trusting what the facade trusts.
     const std::size_t heapBeforeRaw = heapInUse();
