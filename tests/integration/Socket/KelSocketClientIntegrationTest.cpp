@@ -36,6 +36,14 @@ class SocketClientAgainstEmulator : public ::testing::Test {
   }
   void TearDown() override {
     client_->stop(platform::SocketCloseCode::normalClosure);
+    // Closed to the end, as an application waits before exiting: a connection still closing at
+    // exit keeps its operations on the network thread, which LeakSanitizer reports.
+    EXPECT_NO_THROW(testing::await(client_->socketConnectionEventChannel()
+                                       .filter([](const SocketState& state) {
+                                         return state.kind() == SocketState::Kind::disconnected;
+                                       })
+                                       .take(1)
+                                       .asSingle()));
     platform::HTTPCookieStorage::shared()->removeAllCookies();
   }
 
