@@ -17,22 +17,16 @@ namespace detail {
 [[noreturn]] void throwDecodingError(std::string_view data, std::string reason);
 }  // namespace detail
 
-/// Decodes one record from JSON already parsed from `data`, which only names it in an error.
-template <class T>
-T fromParsed(const nlohmann::json& json, std::string_view data) {
-  try {
-    return json.template get<T>();
-  } catch (const std::exception& e) {
-    detail::throwDecodingError(data, e.what());
-  }
-}
-
 /// Decodes one record from JSON bytes.
 template <class T>
 T from(std::string_view data) {
   auto json = parseJson(data);
   if (!json) detail::throwDecodingError(data, "not valid JSON");
-  return fromParsed<T>(*json, data);
+  try {
+    return json->template get<T>();
+  } catch (const std::exception& e) {
+    detail::throwDecodingError(data, e.what());
+  }
 }
 
 /// Decodes a JSON list of records, keeping the list's order.
