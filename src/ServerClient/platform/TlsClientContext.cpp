@@ -3,8 +3,12 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <map>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
+#include <system_error>
+#include <tuple>
 
 #include <boost/asio/buffer.hpp>
 #include <boost/system/error_code.hpp>
@@ -117,9 +121,26 @@ std::vector<KeyHash> decodePins(const std::vector<std::string>& texts, const std
   return hashes;
 }
 
-}  // namespace
+// What makes two contexts interchangeable. An authority file counts with its modification time,
+// so a replaced file is read again.
+using TrustKey = std::tuple<bool, std::string, std::string, std::filesystem::file_time_type,
+                            std::vector<std::string>, std::vector<std::string>>;
 
-std::shared_ptr<ssl::context> makeTlsClientContext(const TlsTrust& trust, std::string_view owner) {
+TrustKey keyOf(const TlsTrust& trust) {
+  std::error_code ignored;  // a missing file fails later, when the context loads it
+  const auto written =
+      trust.extraCertificateAuthoritiesFile.empty()
+          ? std::filesystem::file_time_type{}
+          : std::filesystem::last_write_time(trust.extraCertificateAuthoritiesFile, ignored);
+  return {trust.useSystemTrustStore,
+          trust.extraCertificateAuthoritiesPem,
+          trust.extraCertificateAuthoritiesFile.string(),
+          written,
+          trust.pins.pins,
+          trust.pins.backupPins};
+}
+
+std::shared_ptr<ssl::context> buildContext(const TlsTrust& trust, std::string_view owner) {
   const std::string prefix = std::string(owner) + ": ";
   auto holder = std::make_shared<PinnedContext>();
   holder->pinning.pins = decodePins(trust.pins.pins, prefix);
@@ -151,6 +172,25 @@ std::shared_ptr<ssl::context> makeTlsClientContext(const TlsTrust& trust, std::s
                                   "\": " + ec.message());
     }
   }
+  return context;
+}
+
+}  // namespace
+
+std::shared_ptr<ssl::context> makeTlsClientContext(const TlsTrust& trust, std::string_view owner) {
+  // The system's authorities cost some 800 KiB per context, so the clients of one process that
+  // trust alike (the facade's HTTP client and each of its WebSockets) share one context while any
+  // of them holds it. A context is read-only once built, and OpenSSL lets threads share it.
+  static std::mutex mutex;
+  static std::map<TrustKey, std::weak_ptr<ssl::context>> built;
+  auto key = keyOf(trust);
+  std::lock_guard lock(mutex);
+  if (auto found = built.find(key); found != built.end()) {
+    if (auto context = found->second.lock()) return context;
+  }
+  std::erase_if(built, [](const auto& entry) { return entry.second.expired(); });
+  auto context = buildContext(trust, owner);
+  built.emplace(std::move(key), context);
   return context;
 }
 

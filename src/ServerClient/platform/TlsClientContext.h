@@ -38,7 +38,9 @@ class CertificatePinMismatch : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// A client context: TLS 1.2 or later, peer verification on, trusting `trust`. Throws
+/// A client context: TLS 1.2 or later, peer verification on, trusting `trust`. Calls with equal
+/// trust (an authority file counting with its modification time) return the same context while
+/// any caller still holds it, as each copy of the system's authorities costs some 800 KiB. Throws
 /// std::invalid_argument, its text starting with `owner` (e.g. "WebSocket"), when an authority
 /// cannot be loaded or a pin is not the base64 text of 32 bytes.
 std::shared_ptr<boost::asio::ssl::context> makeTlsClientContext(const TlsTrust& trust,

@@ -9,6 +9,7 @@
 #include "ServerClient/Client/KelServer.h"
 #include "ServerClient/Socket/SocketConnector.h"
 #include "ServerClient/platform/InMemoryKeychain.h"
+#include "ServerClient/platform/TlsClientContext.h"
 #include "emulator/Emulator.h"
 #include "support/LogCapture.h"
 #include "support/StreamRecorder.h"
@@ -141,6 +142,19 @@ TEST_F(CertificatePinningTest, TrustIsRefusedBesideAdaptersOfTheApplication) {
   EXPECT_THROW(KelServer::create(boost::urls::url("https://localhost"),
                                  boost::urls::url("wss://localhost/ws"), "1.0.0", "PINS", options),
                std::invalid_argument);
+}
+
+TEST_F(CertificatePinningTest, ClientsThatTrustAlikeShareOneContextWhileItIsHeld) {
+  platform::TlsTrust trust;
+  trust.extraCertificateAuthoritiesPem = test::TestCertificates::shared().caCertificatePem();
+  auto first = platform::makeTlsClientContext(trust, "HTTP client");
+  EXPECT_EQ(first, platform::makeTlsClientContext(trust, "WebSocket"));
+  auto pinned = trust;
+  pinned.pins.backupPins = {certificatePin(oldKey().certificatePem)};
+  EXPECT_NE(first, platform::makeTlsClientContext(pinned, "WebSocket"));
+  const std::weak_ptr<boost::asio::ssl::context> released = first;
+  first.reset();
+  EXPECT_TRUE(released.expired());
 }
 
 }  // namespace
