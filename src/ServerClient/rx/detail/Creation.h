@@ -174,8 +174,15 @@ class LambdaObserver final : public ObserverBase<T> {
     if (hasTarget(next)) onNext_.emplace(std::move(next));
   }
 
+  /// onNext() checks ctl_, which disposes whatever feeds this observer, before each element.
+  static constexpr bool kChecksDisposalBeforeNext = true;
+
   void onNext(const T& value) override {
-    if (stopped_ || !onNext_ || ctl_->isDisposed()) return;
+    // Only a std::function or a pointer can be empty from the start; clear() comes after stopped_.
+    if constexpr (kMayBeEmpty) {
+      if (!onNext_) return;
+    }
+    if (stopped_ || ctl_->isDisposed()) return;
     try {
       (*onNext_)(value);
     } catch (...) {
@@ -205,9 +212,10 @@ class LambdaObserver final : public ObserverBase<T> {
   struct IsFunction : std::false_type {};
   template <class R, class... A>
   struct IsFunction<std::function<R(A...)>> : std::true_type {};
+  static constexpr bool kMayBeEmpty = IsFunction<OnNext>::value || std::is_pointer_v<OnNext>;
   // A lambda always has a target; only std::function and pointers may be null.
   static bool hasTarget(const OnNext& f) {
-    if constexpr (IsFunction<OnNext>::value || std::is_pointer_v<OnNext>) {
+    if constexpr (kMayBeEmpty) {
       return f != nullptr;
     } else {
       return true;

@@ -29,6 +29,7 @@
 #include "ServerClient/rx/detail/Barrier.h"
 
 #include <atomic>
+#include <cstdint>
 #include <deque>
 #include <exception>
 #include <memory>
@@ -42,11 +43,14 @@ namespace kel::rx::detail {
 template <class T>
 class SubjectCore : public std::enable_shared_from_this<SubjectCore<T>> {
  public:
+  static constexpr std::uint8_t kRemoved = 1;    // disposed: deliver nothing more
+  static constexpr std::uint8_t kReplaying = 2;  // the current value is still being replayed
   struct Entry {
     explicit Entry(std::shared_ptr<ObserverBase<T>> o) : observer(std::move(o)) {}
     std::shared_ptr<ObserverBase<T>> observer;
-    std::atomic<bool> removed{false};
-    std::atomic<bool> replaying{false};
+    // kRemoved and kReplaying in one word, so that a delivery reads both with one load.
+    std::atomic<std::uint8_t> flags{0};
+    bool removed() const noexcept { return flags.load(std::memory_order_acquire) & kRemoved; }
     std::mutex pendingMutex;
     std::deque<Event<T>> pending;
   };
@@ -90,7 +94,7 @@ class SubjectCore : public std::enable_shared_from_this<SubjectCore<T>> {
     std::optional<T> replay;
     if (value_) {
       replay = *value_;
-      entry->replaying.store(true, std::memory_order_relaxed);
+      entry->flags.store(kReplaying, std::memory_order_relaxed);
     }
     auto next = std::make_shared<List>(*observers_);
     next->push_back(entry);
@@ -133,7 +137,7 @@ class SubjectCore : public std::enable_shared_from_this<SubjectCore<T>> {
     void onDispose() noexcept override {
       auto entry = entry_.lock();
       if (!entry) return;
-      entry->removed.store(true, std::memory_order_release);
+      entry->flags.fetch_or(kRemoved, std::memory_order_release);
       if (auto core = core_.lock()) core->remove(entry);
     }
 
@@ -205,10 +209,9 @@ class SubjectCore : public std::enable_shared_from_this<SubjectCore<T>> {
 
   static void deliverNext(const List& list, const T& value) {
     for (const auto& entry : list) {
-      if (entry->removed.load(std::memory_order_acquire)) continue;
-      if (entry->replaying.load(std::memory_order_acquire) && park(*entry, Event<T>::next(value))) {
-        continue;
-      }
+      const auto flags = entry->flags.load(std::memory_order_acquire);
+      if (flags & kRemoved) continue;
+      if ((flags & kReplaying) && park(*entry, Event<T>::next(value))) continue;
       entry->observer->onNext(value);
     }
   }
@@ -226,9 +229,9 @@ class SubjectCore : public std::enable_shared_from_this<SubjectCore<T>> {
       publishLocked(emptyList(), garbage);
     }
     for (const auto& entry : *snapshot) {
-      if (entry->removed.load(std::memory_order_acquire)) continue;
-      if (entry->replaying.load(std::memory_order_acquire) && park(*entry, Event<T>(event)))
-        continue;
+      const auto flags = entry->flags.load(std::memory_order_acquire);
+      if (flags & kRemoved) continue;
+      if ((flags & kReplaying) && park(*entry, Event<T>(event))) continue;
       deliverTerminal(*entry, event);
     }
   }
@@ -244,7 +247,7 @@ class SubjectCore : public std::enable_shared_from_this<SubjectCore<T>> {
   // Returns false when the replay finished meanwhile, so the caller delivers directly.
   static bool park(Entry& entry, Event<T>&& event) {
     std::lock_guard lock(entry.pendingMutex);
-    if (!entry.replaying.load(std::memory_order_relaxed)) return false;
+    if (!(entry.flags.load(std::memory_order_relaxed) & kReplaying)) return false;
     entry.pending.push_back(std::move(event));
     return true;
   }
@@ -255,13 +258,13 @@ class SubjectCore : public std::enable_shared_from_this<SubjectCore<T>> {
       {
         std::lock_guard lock(entry.pendingMutex);
         if (entry.pending.empty()) {
-          entry.replaying.store(false, std::memory_order_release);
+          entry.flags.fetch_and(static_cast<std::uint8_t>(~kReplaying), std::memory_order_release);
           return;
         }
         event.emplace(std::move(entry.pending.front()));
         entry.pending.pop_front();
       }
-      if (entry.removed.load(std::memory_order_acquire)) continue;
+      if (entry.removed()) continue;
       if (event->isNext()) {
         entry.observer->onNext(event->value());
       } else {

@@ -16,7 +16,14 @@ class PipelineSink final : public Sink<In, Out> {
   PipelineSink(std::shared_ptr<Final> down, const Stage& stage)
       : Sink<In, Out>(Observer<Out>(down)), next_(down.get()), stage_(stage) {}
   void onNext(const In& value) override {
-    if (!this->live()) return;
+    // A final observer that checks its own subscription's disposal before each element (the
+    // subscribe() with callbacks) is disposed no later than this sink, so stopped_ is enough here:
+    // an element that got past the subject before a disposal may run the stage, never a callback.
+    if constexpr (kFinalChecksDisposal) {
+      if (this->stopped_) return;
+    } else {
+      if (!this->live()) return;
+    }
     try {
       // next_ is down_'s observer, typed: when it is a final class the call below is direct.
       stage_(value, [this](const Out& result) { next_->onNext(result); });
@@ -28,6 +35,7 @@ class PipelineSink final : public Sink<In, Out> {
   void onCompleted() override { this->forwardCompleted(); }
 
  private:
+  static constexpr bool kFinalChecksDisposal = requires { Final::kChecksDisposalBeforeNext; };
   Final* next_;  // owned by down_, which outlives every call to onNext (live() checks it)
   Stage stage_;
 };
