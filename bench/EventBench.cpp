@@ -72,7 +72,7 @@ void PresenceBurstThroughHandlers(benchmark::State& state) {
   for (auto _ : state) {
     for (const auto& frame : frames) {
       auto message = kel::SocketMessage::create(frame);
-      if (const auto* event = message.asEvent()) channel->handle(event->json);
+      if (const auto* event = message.asEvent()) channel->handleShared(event->json);
     }
     loop.runUntilIdle();
     benchmark::DoNotOptimize(online);

@@ -17,16 +17,22 @@ namespace detail {
 [[noreturn]] void throwDecodingError(std::string_view data, std::string reason);
 }  // namespace detail
 
+/// Decodes one record from `json`, already parsed from `data` (which only names it in errors).
+template <class T>
+T from(const nlohmann::json& json, std::string_view data) {
+  try {
+    return json.template get<T>();
+  } catch (const std::exception& e) {
+    detail::throwDecodingError(data, e.what());
+  }
+}
+
 /// Decodes one record from JSON bytes.
 template <class T>
 T from(std::string_view data) {
   auto json = parseJson(data);
   if (!json) detail::throwDecodingError(data, "not valid JSON");
-  try {
-    return json->template get<T>();
-  } catch (const std::exception& e) {
-    detail::throwDecodingError(data, e.what());
-  }
+  return from<T>(*json, data);
 }
 
 /// Decodes a JSON list of records, keeping the list's order.

@@ -16,7 +16,11 @@ namespace {
 
 using nlohmann::json;
 
-TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndecodableRecord) {
+// The parameter: whether the channel is handed each event shared, as the socket client does, so
+// that the handlers decode the parsed body, or as an object, so that they parse the text again.
+class DomainEventHandlers : public ::testing::TestWithParam<bool> {};
+
+TEST_P(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndecodableRecord) {
   auto scheduler = std::make_shared<rx::TestScheduler>();
   auto channel = std::make_shared<KelEventHandler>();
   AddressBooksEventHandler books(channel, scheduler);
@@ -96,7 +100,12 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
            {"/xmpp/individualChatList/bob@d", "POST", json::object()},
            {"/xmpp/individualChatList", "DELETE", json::object()},
        }) {
-    channel->handle({{"path", path}, {"method", method}, {"body", body}});
+    json event = {{"path", path}, {"method", method}, {"body", body}};
+    if (GetParam()) {
+      channel->handleShared(std::make_shared<const json>(std::move(event)));
+    } else {
+      channel->handle(event);
+    }
   }
   EXPECT_TRUE(created->events().empty()) << "delivered on the scheduler, not before it runs";
   scheduler->start();
@@ -139,6 +148,8 @@ TEST(DomainEventHandlers, EachStreamKeepsItsDomainAndMethodAndEndsOnlyForAnUndec
   EXPECT_TRUE(deleted->events().back().value.isCompleted());
   EXPECT_TRUE(deletedChat->events().back().value.isCompleted());
 }
+
+INSTANTIATE_TEST_SUITE_P(ObjectOrShared, DomainEventHandlers, ::testing::Bool());
 
 }  // namespace
 }  // namespace kel

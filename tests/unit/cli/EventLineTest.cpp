@@ -80,7 +80,8 @@ TEST(KelEventLineTest, DecodesEachDomainsRecordAndReportsWhatDoesNotDecode) {
       {D::unkwown, "PATCH", none, R"([1, "two"])", R"({"record": [1, "two"]})"},
   };
   for (const auto& c : cases) {
-    const auto line = eventJson(KelEvent{json::parse(c.body).dump(2), c.domain, c.method, c.param});
+    const auto line =
+        eventJson(KelEvent{json::parse(c.body).dump(2), c.domain, c.method, c.param, nullptr});
     const auto what = std::string(domainName(c.domain)) + " " + c.method + " " + c.body;
     const auto expected = json::parse(c.expected);
     EXPECT_EQ(domainName(c.domain), line["domain"]) << what;

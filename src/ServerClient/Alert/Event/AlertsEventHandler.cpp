@@ -6,9 +6,9 @@ AlertsEventHandler::AlertsEventHandler(std::shared_ptr<KelEventHandler> kelEvent
                                        rx::SchedulerPtr scheduler)
     : DomainEventHandler(std::move(kelEventHandler), std::move(scheduler)),
       newAlert_(records<ServerAlert>(DomainEvent::alerts, "POST")),
-      updatedAlert_(
-          eventsWithMethods(DomainEvent::alerts, {"PUT", "DELETE"}).map([](const KelEvent& event) {
-            return from<ServerAlert>(event.data);
-          })) {}
+      updatedAlert_(eventsThrough(DomainEvent::alerts, {"PUT", "DELETE"},
+                                  [](const rx::Observable<KelEvent>& events) {
+                                    return events.map(&decode<ServerAlert>);
+                                  })) {}
 
 }  // namespace kel

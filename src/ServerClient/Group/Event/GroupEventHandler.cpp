@@ -16,19 +16,22 @@ GroupEventHandler::GroupEventHandler(std::shared_ptr<KelEventHandler> kelEventHa
       groupDidRemoveParticipant_(groupIds(DomainEvent::participantInGroup)) {}
 
 rx::Observable<std::string> GroupEventHandler::groupIds(DomainEvent domain) const {
-  return events(domain, "DELETE")
-      .compactMap([](const KelEvent& event) -> std::optional<std::string> {
-        // Not JSON at all is a broken event, and fails the stream like any record that does not
-        // decode; JSON of another shape is an event of another kind, and is skipped.
-        const auto body = from<nlohmann::json>(event.data);
-        if (!body.is_object()) return std::nullopt;
-        for (const auto& [key, value] : body.items()) {
-          if (!value.is_string()) return std::nullopt;
-        }
-        const auto id = body.find("groupId");
-        if (id == body.end()) return std::nullopt;
-        return id->get<std::string>();
-      });
+  return eventsThrough(domain, {"DELETE"}, [](const rx::Observable<KelEvent>& events) {
+    return events.compactMap([](const KelEvent& event) -> std::optional<std::string> {
+      // Not JSON at all is a broken event, and fails the stream like any record that does not
+      // decode; JSON of another shape is an event of another kind, and is skipped.
+      std::optional<nlohmann::json> parsed;
+      const auto& body =
+          event.body ? *event.body : parsed.emplace(from<nlohmann::json>(event.data));
+      if (!body.is_object()) return std::nullopt;
+      for (const auto& [key, value] : body.items()) {
+        if (!value.is_string()) return std::nullopt;
+      }
+      const auto id = body.find("groupId");
+      if (id == body.end()) return std::nullopt;
+      return id->get<std::string>();
+    });
+  });
 }
 
 }  // namespace kel

@@ -217,7 +217,7 @@ void KelSocketClient::subscribeToSocketEvents() {
                                                          " to socketID: " + self->socketID_);
           self->returnResponse(response->json, response->id);
         } else if (const auto* event = message.asEvent()) {
-          if (self->eventHandler_) self->eventHandler_->handle(event->json);
+          if (self->eventHandler_) self->eventHandler_->handleShared(event->json);
         }
       }));
 

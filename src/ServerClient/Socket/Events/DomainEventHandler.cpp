@@ -17,13 +17,17 @@ rx::Observable<KelEvent> DomainEventHandler::events(DomainEvent domain, std::str
 
 rx::Observable<KelEvent> DomainEventHandler::eventsWithMethods(
     DomainEvent domain, std::vector<std::string> methods) const {
+  return channelEvents(domain, std::move(methods)).observeOn(scheduler_);
+}
+
+rx::Observable<KelEvent> DomainEventHandler::channelEvents(DomainEvent domain,
+                                                           std::vector<std::string> methods) const {
   return kelEventHandler_->eventChannel()
       .subscribeOn(scheduler_)
       .filter([domain, methods = std::move(methods)](const KelEvent& event) {
         return event.domainEvent == domain &&
                std::find(methods.begin(), methods.end(), event.method) != methods.end();
-      })
-      .observeOn(scheduler_);
+      });
 }
 
 }  // namespace kel

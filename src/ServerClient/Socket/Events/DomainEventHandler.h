@@ -24,7 +24,8 @@ namespace kel {
 /// asking for a change whose event you want. Every subscriber goes through the same chain; all of
 /// them end when the channel is completed (KelServer::clearSessionInfo(), and so logout() and a
 /// session the server ended, completes it for good). A record that does not decode ends that
-/// stream, for that subscriber, with GenericError(decoding). Disposing a subscription only
+/// stream, for that subscriber, with GenericError(decoding); records are decoded on the channel's
+/// thread and only then handed to the scheduler. Disposing a subscription only
 /// unsubscribes; it takes effect on the handler's scheduler.
 class DomainEventHandler {
  public:
@@ -48,15 +49,35 @@ class DomainEventHandler {
   rx::Observable<KelEvent> eventsWithMethods(DomainEvent domain,
                                              std::vector<std::string> methods) const;
 
+  /// eventsWithMethods() with `stage` (a function from that Observable<KelEvent> to an
+  /// Observable<Out>) applied before the hop to the handler's scheduler, on the channel's thread:
+  /// a body is decoded there while the event's parsed body is at hand, and only the record waits
+  /// for the scheduler.
+  template <class Stage>
+  auto eventsThrough(DomainEvent domain, std::vector<std::string> methods, Stage stage) const {
+    return stage(channelEvents(domain, std::move(methods))).observeOn(scheduler_);
+  }
+
   /// Those events' bodies decoded as `Record`.
   template <class Record>
   rx::Observable<Record> records(DomainEvent domain, std::string method) const {
-    return events(domain, std::move(method)).map([](const KelEvent& event) {
-      return from<Record>(event.data);
+    return eventsThrough(domain, {std::move(method)}, [](const rx::Observable<KelEvent>& events) {
+      return events.map(&DomainEventHandler::decode<Record>);
     });
   }
 
+  /// `event`'s body decoded as `Record`, from the parsed body it carries if any. Fails with
+  /// GenericError(decoding) as from() does.
+  template <class Record>
+  static Record decode(const KelEvent& event) {
+    return event.body ? from<Record>(*event.body, event.data) : from<Record>(event.data);
+  }
+
  private:
+  // The channel subscribed on the handler's scheduler and filtered, before the hop back to it.
+  rx::Observable<KelEvent> channelEvents(DomainEvent domain,
+                                         std::vector<std::string> methods) const;
+
   std::shared_ptr<KelEventHandler> kelEventHandler_;
   rx::SchedulerPtr scheduler_;
 };

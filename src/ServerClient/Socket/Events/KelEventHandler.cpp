@@ -25,8 +25,17 @@ std::string upperCased(std::string text) {
 }  // namespace
 
 void KelEventHandler::handle(const nlohmann::json& event) {
+  handleCatching(event, nullptr);
+}
+
+void KelEventHandler::handleShared(std::shared_ptr<const nlohmann::json> event) {
+  handleCatching(*event, event);
+}
+
+void KelEventHandler::handleCatching(const nlohmann::json& event,
+                                     const std::shared_ptr<const nlohmann::json>& owner) {
   try {
-    publish(event);
+    publish(event, owner);
   } catch (const std::exception&) {
     KEL_LOG_ERROR("handle(event:)", "Could not decode json " + displayText(textForm(event)));
   }
@@ -36,7 +45,8 @@ void KelEventHandler::stopListeningForEvents() {
   eventChannel_.onCompleted();
 }
 
-void KelEventHandler::publish(const nlohmann::json& event) {
+void KelEventHandler::publish(const nlohmann::json& event,
+                              const std::shared_ptr<const nlohmann::json>& owner) {
   const nlohmann::json* path = nullptr;
   const nlohmann::json* method = nullptr;
   const nlohmann::json* body = nullptr;
@@ -61,7 +71,8 @@ void KelEventHandler::publish(const nlohmann::json& event) {
   auto data = dumpJson(*body, 2);
   if (!data) throw std::invalid_argument("event body holds invalid UTF-8");
   eventChannel_.onNext(
-      KelEvent{std::move(*data), domain, upperCased(method->get<std::string>()), std::move(param)});
+      KelEvent{std::move(*data), domain, upperCased(method->get<std::string>()), std::move(param),
+               owner ? std::shared_ptr<const nlohmann::json>(owner, body) : nullptr});
 }
 
 }  // namespace kel

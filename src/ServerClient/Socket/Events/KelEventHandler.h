@@ -21,6 +21,9 @@ class KelEventHandler final : public ServerEventHandler {
   KelEventHandler() = default;
 
   void handle(const nlohmann::json& event) override;
+  /// As handle(const nlohmann::json&), and each KelEvent carries the event's parsed body
+  /// (KelEvent::body), shared with `event` rather than copied.
+  void handleShared(std::shared_ptr<const nlohmann::json> event) override;
   void stopListeningForEvents() override;
 
   /// Every published event, on the thread that handed it in (the socket's network thread);
@@ -29,7 +32,10 @@ class KelEventHandler final : public ServerEventHandler {
   rx::Observable<KelEvent> eventChannel() const { return eventChannel_.asObservable(); }
 
  private:
-  void publish(const nlohmann::json& event);
+  // `owner`, when not null, holds `event`, and the published body is shared with it.
+  void publish(const nlohmann::json& event, const std::shared_ptr<const nlohmann::json>& owner);
+  void handleCatching(const nlohmann::json& event,
+                      const std::shared_ptr<const nlohmann::json>& owner);
 
   rx::PublishSubject<KelEvent> eventChannel_;
 };

@@ -135,7 +135,7 @@ void KelSocketEventHandler::socketDidReceiveMessage(std::string text) {
     case SocketMessage::Kind::event:
       KEL_LOG_DEBUG("socketDidReceiveMessage(text:)",
                     "Event received " +
-                        displayText(dumpJson(message.asEvent()->json).value_or("<unprintable>")));
+                        displayText(dumpJson(*message.asEvent()->json).value_or("<unprintable>")));
       publish(std::move(message));
       return;
     case SocketMessage::Kind::auth:

@@ -14,6 +14,7 @@
 
 #include <cstdint>
 #include <iosfwd>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -33,11 +34,12 @@ class SocketMessage {
     /// Same id and JSON.
     bool operator==(const Response&) const = default;
   };
-  /// A server-pushed event; `json` is the event envelope, always an object.
+  /// A server-pushed event; `json` is the event envelope, always an object, never null. It is
+  /// shared, so that copies of the message and the events published from it read one document.
   struct Event {
-    nlohmann::json json;  ///< the envelope: "path", "method", "body"
+    std::shared_ptr<const nlohmann::json> json;  ///< the envelope: "path", "method", "body"
     /// Same JSON.
-    bool operator==(const Event&) const = default;
+    bool operator==(const Event& other) const { return *json == *other.json; }
   };
   /// The server accepted the authentication frame.
   struct Auth {
@@ -66,7 +68,9 @@ class SocketMessage {
     return SocketMessage(Response{id, std::move(json)});
   }
   /// An event with envelope `json`.
-  static SocketMessage event(nlohmann::json json) { return SocketMessage(Event{std::move(json)}); }
+  static SocketMessage event(nlohmann::json json) {
+    return SocketMessage(Event{std::make_shared<const nlohmann::json>(std::move(json))});
+  }
   /// The authentication acknowledgement.
   static SocketMessage auth() noexcept { return SocketMessage(Auth{}); }
   /// A ping.

@@ -117,9 +117,11 @@ class ObserveOnSink final : public ObserverBase<T>,
     // A pending drain is not tracked: it is short, and on disposal it finds nothing to do.
     scheduler_->schedule([self = this->shared_from_this()] { self->drain(); });
   }
+  // Takes what is queued in one batch, so that a burst costs one lock per batch rather than
+  // per element; the storage of each batch is handed back to the queue for the next.
   void drain() {
+    std::deque<Event<T>> batch;
     for (;;) {
-      std::optional<Event<T>> event;
       {
         std::lock_guard lock(mutex_);
         if (queue_.empty() || ctl_->isDisposed()) {
@@ -127,16 +129,19 @@ class ObserveOnSink final : public ObserverBase<T>,
           scheduled_ = false;
           return;
         }
-        event.emplace(std::move(queue_.front()));
-        queue_.pop_front();
+        batch.swap(queue_);
       }
-      if (event->isNext()) {
-        down_.onNext(event->value());
-      } else {
-        auto down = std::exchange(down_, Observer<T>());
-        down.on(*event);
-        ctl_->dispose();
+      for (const auto& event : batch) {
+        if (ctl_->isDisposed()) break;
+        if (event.isNext()) {
+          down_.onNext(event.value());
+        } else {
+          auto down = std::exchange(down_, Observer<T>());
+          down.on(event);
+          ctl_->dispose();
+        }
       }
+      batch.clear();
     }
   }
 
