@@ -473,6 +473,8 @@ void RawEchoRoundTrip(benchmark::State& state) {
 }
 BENCHMARK(RawEchoRoundTrip)->UseRealTime();
 KEL_BENCH_COMPARE(SocketClientRoundTrip, RawEchoRoundTrip);
+KEL_BENCH_COMPARE_COUNTER(RoundTripP50, SocketClientRoundTrip, RawEchoRoundTrip, p50_us);
+KEL_BENCH_COMPARE_COUNTER(RoundTripP99, SocketClientRoundTrip, RawEchoRoundTrip, p99_us);
 
 // Two threads that keep both cores busy while they live, as an application's own work would.
 class BusyCores {
@@ -662,6 +664,8 @@ void TenThousandPending(benchmark::State& state) {
     }
   }
   state.counters["bytes_per_pending"] = static_cast<double>(bytesPerPending);
+  kel::bench::record("BytesPerPendingRequest", "(bytes, absolute)",
+                     static_cast<double>(bytesPerPending), 0);
   state.counters["threads_added"] = static_cast<double>(threadsDuring - threadsBefore);
   state.counters["thread_bound"] = kel::rx::kSharedThreadPoolSize + 1;
 }

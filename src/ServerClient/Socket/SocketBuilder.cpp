@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "ServerClient/Common/SDKError.h"
+#include "ServerClient/Common/SafeText.h"
 #include "ServerClient/Log/ServerLog.h"
 #include "ServerClient/Socket/Events/KelSocketEventHandler.h"
 #include "ServerClient/platform/HTTPCookieStorage.h"
@@ -38,13 +39,13 @@ std::vector<std::string> socketSubProtocols(const boost::urls::url& socketURL) {
   // The header carries tokens only; offering none lets the server pick its default rather than
   // failing the whole sign-in on a URL the application cannot change.
   if (last.empty()) {
-    KEL_LOG_DEBUG("newSocket()", "No sub-protocol offered: " + std::string(socketURL.buffer()) +
+    KEL_LOG_DEBUG("newSocket()", "No sub-protocol offered: " + redactSecrets(socketURL.buffer()) +
                                      " has no last path segment");
     return {};
   }
   if (!platform::detail::isToken(last)) {
     KEL_LOG_DEBUG("newSocket()", "No sub-protocol offered: the last path segment of " +
-                                     std::string(socketURL.buffer()) + " is not an HTTP token");
+                                     redactSecrets(socketURL.buffer()) + " is not an HTTP token");
     return {};
   }
   return {last};
@@ -81,7 +82,7 @@ std::shared_ptr<SocketClient> SocketBuilder::newSocket() {
     return nullptr;
   }
   if (!socket) {
-    KEL_LOG_ERROR("newSocket()", "No socket for " + std::string(socketURL_.buffer()));
+    KEL_LOG_ERROR("newSocket()", "No socket for " + redactSecrets(socketURL_.buffer()));
     return nullptr;
   }
 

@@ -31,7 +31,10 @@
 #include <boost/url/scheme.hpp>
 
 #if defined(__linux__)
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <pthread.h>
+#include <sys/socket.h>
 #endif
 
 #include "ServerClient/Log/ServerLog.h"
@@ -642,6 +645,7 @@ class ConnectionOver final : public Connection {
   void writeNext() override {
     if (phase_ == Phase::ended) return;
     if (next_ == batch_.size()) {
+      if (corked_) cork(false);
       batch_.clear();
       next_ = 0;
       {
@@ -657,6 +661,7 @@ class ConnectionOver final : public Connection {
         }
       }
       if (batch_.empty()) return startClosingHandshake();
+      if (batch_.size() > 1) cork(true);
     }
     auto& frame = batch_[next_++];
     if (frame.pong) {
@@ -667,6 +672,17 @@ class ConnectionOver final : public Connection {
           asio::buffer(frame.payload),
           [self = shared()](beast::error_code ec, std::size_t) { self->written(ec); });
     }
+  }
+
+  // Holds back partial segments while a batch is written, frame by frame, and sends them when
+  // the batch is done: a burst of small frames then leaves in a few segments instead of one
+  // segment (and, on a loopback, one receive) per frame. A socket that refuses only loses that.
+  void cork(bool on) {
+#if defined(TCP_CORK)
+    const int value = on ? 1 : 0;
+    ::setsockopt(socket().native_handle(), IPPROTO_TCP, TCP_CORK, &value, sizeof value);
+#endif
+    corked_ = on;
   }
 
   void written(beast::error_code ec) {
@@ -721,6 +737,7 @@ class ConnectionOver final : public Connection {
   std::optional<StringBuffer> readBuffer_;  // over incoming_, for the read under way
   std::vector<Outgoing> batch_;             // frames taken from the outbox, written in order
   std::size_t next_ = 0;                    // the next frame of batch_ to write
+  bool corked_ = false;                     // while a batch of several frames is written
   Phase phase_ = Phase::idle;
   std::optional<SocketCloseCode> closeCode_;  // set by close()
   bool closingHandshakeStarted_ = false;

@@ -128,7 +128,7 @@ rx::Single<AuthenticationData> AuthService::post(std::string url, std::string da
   }
   auto parsed = boost::urls::parse_absolute_uri(url);
   if (!parsed) {
-    KEL_LOG_ERROR("post(url:data:)", "Invalid URL " + url);
+    KEL_LOG_ERROR("post(url:data:)", "Invalid URL " + redactSecrets(url));
     return adapted(makeError(GenericError(GenericErrorType::invalidURL(url))));
   }
   platform::HTTPRequest request("POST", boost::urls::url(*parsed));
@@ -139,16 +139,16 @@ rx::Single<AuthenticationData> AuthService::post(std::string url, std::string da
 
   return platform::dataTask(httpClient_, std::move(request))
       .catchError([url](std::exception_ptr error) {
-        KEL_LOG_ERROR("post(url:data:)",
-                      "Error for the request to " + url + " :: " + describeError(error));
+        KEL_LOG_ERROR("post(url:data:)", "Error for the request to " + redactSecrets(url) +
+                                             " :: " + describeError(error));
         return rx::Single<HTTPResponse>::error(
             makeError(GenericError(GenericErrorType::underlying(error))));
       })
       .map([url, sentToken](const HTTPResponse& response) {
         const auto status = response.statusCode;
         if (status >= 400 && status <= 499) {
-          KEL_LOG_ERROR("post(url:data:)",
-                        "Error code " + std::to_string(status) + " for the request to " + url);
+          KEL_LOG_ERROR("post(url:data:)", "Error code " + std::to_string(status) +
+                                               " for the request to " + redactSecrets(url));
           // The server does not know the token: signing in with it again cannot succeed, so
           // this is the error that stops the facade's restore retries.
           if (status == 401 || status == 403) {
@@ -159,9 +159,9 @@ rx::Single<AuthenticationData> AuthService::post(std::string url, std::string da
           throw ConnectionError::mapToOvError(status);
         }
         if (response.body.empty()) {
-          KEL_LOG_ERROR("post(url:data:)", "Invalid response for request to " + url);
+          KEL_LOG_ERROR("post(url:data:)", "Invalid response for request to " + redactSecrets(url));
           throw GenericError(GenericErrorType::invalidResponse(),
-                             "Invalid response for request: " + url);
+                             "Invalid response for request: " + redactSecrets(url));
         }
         return from<AuthenticationData>(response.body);
       })
