@@ -49,7 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     case kel::SocketMessage::Kind::event:
       check(first == '3');
-      checkRoundTrip(message.asEvent()->json);
+      checkRoundTrip(*message.asEvent()->json);
       break;
     case kel::SocketMessage::Kind::auth:
       check(first != '0' && first != '3');

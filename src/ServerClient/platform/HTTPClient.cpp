@@ -390,7 +390,7 @@ struct BeastHTTPClient::Runtime {
     tlsContext = makeTlsClientContext(options.trust, "HTTP client");
   }
 
-  asio::io_context ioContext{1};
+  detail::NetworkContext ioContext{1};
   asio::executor_work_guard<Executor> work = asio::make_work_guard(ioContext);
   Options options;
   std::shared_ptr<ssl::context> tlsContext;  // shared by every https exchange

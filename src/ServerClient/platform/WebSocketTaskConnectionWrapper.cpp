@@ -169,7 +169,7 @@ std::shared_ptr<ssl::context> makeTlsContext(const WebSocketTaskConnectionWrappe
 // ------------------------------------------------------------------------------------------------
 
 struct WebSocketTaskConnectionWrapper::Runtime {
-  asio::io_context ioContext{1};
+  detail::NetworkContext ioContext{1};
   asio::executor_work_guard<Executor> work = asio::make_work_guard(ioContext);
 };
 

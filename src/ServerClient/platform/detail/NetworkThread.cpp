@@ -43,18 +43,19 @@ class Registry {
     for (auto& [id, entry] : running) {
       if (entry.thread.joinable() && entry.thread.get_id() != std::this_thread::get_id()) {
         entry.thread.join();
+        entry.abandon();
       }
     }
     registryGone = true;
   }
 
-  std::uint64_t start(const char* name, boost::asio::io_context& context,
-                      std::shared_ptr<void> owner) {
+  std::uint64_t start(const char* name, NetworkContext& context, std::shared_ptr<void> owner) {
     joinOrphans();
     std::lock_guard lock(mutex_);
     const auto id = ++lastId_;
     auto& entry = threads_[id];
     entry.stop = [&context, owner] { context.stop(); };
+    entry.abandon = [&context, owner] { context.abandon(); };
     entry.thread = std::thread([name = std::string(name), &context, owner = std::move(owner)] {
 #if defined(__linux__)
       pthread_setname_np(pthread_self(), name.substr(0, 15).c_str());
@@ -92,6 +93,7 @@ class Registry {
   struct Entry {
     std::thread thread;
     std::function<void()> stop;
+    std::function<void()> abandon;  // once the thread is joined
     bool orphaned = false;
   };
 
@@ -120,8 +122,7 @@ class Registry {
 
 }  // namespace
 
-NetworkThread::NetworkThread(const char* name, boost::asio::io_context& context,
-                             std::shared_ptr<void> owner)
+NetworkThread::NetworkThread(const char* name, NetworkContext& context, std::shared_ptr<void> owner)
     : id_(Registry::shared().start(name, context, std::move(owner))) {}
 
 NetworkThread::~NetworkThread() {

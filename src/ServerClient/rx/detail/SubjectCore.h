@@ -62,7 +62,7 @@ class SubjectCore : public std::enable_shared_from_this<SubjectCore<T>> {
 
   void onNext(const T& value) {
     if (replays_ || emitting_.load(std::memory_order_relaxed)) return lockedNext(value);
-    if (stoppedFlag_.load(std::memory_order_acquire)) return;
+    // A terminated subject's list is empty for good, so the fast path needs no stopped check.
     emitting_.store(true, std::memory_order_relaxed);
     lightBarrier();
     deliverNext(*current_.load(std::memory_order_acquire), value);
@@ -223,7 +223,6 @@ class SubjectCore : public std::enable_shared_from_this<SubjectCore<T>> {
       std::lock_guard lock(mutex_);
       if (stopped_) return;
       stopped_ = true;
-      stoppedFlag_.store(true, std::memory_order_release);
       error_ = event.error();
       snapshot = observers_;
       publishLocked(emptyList(), garbage);
@@ -277,9 +276,8 @@ class SubjectCore : public std::enable_shared_from_this<SubjectCore<T>> {
   std::shared_ptr<const List> observers_;  // the list, owned
   std::atomic<const List*> current_;       // the same list, for lock-free fan-outs
   std::vector<std::shared_ptr<const List>> retired_;
-  std::atomic<bool> hasRetired_{false};   // retired_ is not empty (a hint, read without lock)
-  std::atomic<bool> emitting_{false};     // a lock-free fan-out is running
-  std::atomic<bool> stoppedFlag_{false};  // stopped_, for lock-free fan-outs
+  std::atomic<bool> hasRetired_{false};  // retired_ is not empty (a hint, read without lock)
+  std::atomic<bool> emitting_{false};    // a lock-free fan-out is running
   std::optional<T> value_;
   const bool replays_ = value_.has_value();
   bool stopped_ = false;
