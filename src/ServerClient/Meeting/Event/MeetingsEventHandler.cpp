@@ -6,8 +6,10 @@ MeetingsEventHandler::MeetingsEventHandler(std::shared_ptr<KelEventHandler> kelE
                                            rx::SchedulerPtr scheduler)
     : DomainEventHandler(std::move(kelEventHandler), std::move(scheduler)),
       newMeeting_(records<Meeting>(DomainEvent::meetings, "POST")),
-      meetingDeleted_(
-          events(DomainEvent::meetings, "DELETE").map([](const KelEvent&) { return rx::Unit{}; })),
+      meetingDeleted_(eventsThrough(DomainEvent::meetings, {"DELETE"},
+                                    [](const rx::Observable<KelEvent>& events) {
+                                      return events.map([](const KelEvent&) { return rx::Unit{}; });
+                                    })),
       meetingUpdated_(records<Meeting>(DomainEvent::meetings, "PUT")) {}
 
 }  // namespace kel

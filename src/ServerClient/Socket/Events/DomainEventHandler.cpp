@@ -11,15 +11,6 @@ DomainEventHandler::DomainEventHandler(std::shared_ptr<KelEventHandler> kelEvent
     : kelEventHandler_(std::move(kelEventHandler)),
       scheduler_(scheduler ? std::move(scheduler) : rx::MainScheduler::instance()) {}
 
-rx::Observable<KelEvent> DomainEventHandler::events(DomainEvent domain, std::string method) const {
-  return eventsWithMethods(domain, {std::move(method)});
-}
-
-rx::Observable<KelEvent> DomainEventHandler::eventsWithMethods(
-    DomainEvent domain, std::vector<std::string> methods) const {
-  return channelEvents(domain, std::move(methods)).observeOn(scheduler_);
-}
-
 rx::Observable<KelEvent> DomainEventHandler::channelEvents(DomainEvent domain,
                                                            std::vector<std::string> methods) const {
   return kelEventHandler_->eventChannel()

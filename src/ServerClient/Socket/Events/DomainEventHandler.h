@@ -41,18 +41,11 @@ class DomainEventHandler {
   explicit DomainEventHandler(std::shared_ptr<KelEventHandler> kelEventHandler,
                               rx::SchedulerPtr scheduler = nullptr);
 
-  /// The events of `domain` whose method is `method` (upper case, e.g. "PUT").
-  rx::Observable<KelEvent> events(DomainEvent domain, std::string method) const;
-
-  /// The events of `domain` whose method is any of `methods`, in the order they arrived (one
-  /// filtered stream, unlike a merge of one stream per method).
-  rx::Observable<KelEvent> eventsWithMethods(DomainEvent domain,
-                                             std::vector<std::string> methods) const;
-
-  /// eventsWithMethods() with `stage` (a function from that Observable<KelEvent> to an
-  /// Observable<Out>) applied before the hop to the handler's scheduler, on the channel's thread:
-  /// a body is decoded there while the event's parsed body is at hand, and only the record waits
-  /// for the scheduler.
+  /// The events of `domain` whose method (upper case, e.g. "PUT") is any of `methods`, in the
+  /// order they arrived (one filtered stream, unlike a merge of one stream per method), through
+  /// `stage` (a function from that Observable<KelEvent> to an Observable<Out>) on the channel's
+  /// thread, then delivered on the handler's scheduler: a body is decoded while the event's parsed
+  /// body is at hand, and only the result waits for the scheduler.
   template <class Stage>
   auto eventsThrough(DomainEvent domain, std::vector<std::string> methods, Stage stage) const {
     return stage(channelEvents(domain, std::move(methods))).observeOn(scheduler_);

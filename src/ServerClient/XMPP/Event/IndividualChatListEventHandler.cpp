@@ -10,8 +10,12 @@ IndividualChatListEventHandler::IndividualChatListEventHandler(
 
 rx::Observable<IndividualChatListSocketDTO> IndividualChatListEventHandler::chats(
     std::string method) const {
-  return events(DomainEvent::xmppIndividualChatList, std::move(method))
-      .map([](const KelEvent& event) { return IndividualChatListSocketDTO{event.param}; });
+  return eventsThrough(DomainEvent::xmppIndividualChatList, {std::move(method)},
+                       [](const rx::Observable<KelEvent>& events) {
+                         return events.map([](const KelEvent& event) {
+                           return IndividualChatListSocketDTO{event.param};
+                         });
+                       });
 }
 
 }  // namespace kel
